@@ -1,0 +1,54 @@
+# Build-wide settings shared by every module: sanitizers, warnings and the
+# helpers that declare libraries, programs and tests the same way everywhere.
+
+# Signed integer overflow is fatal in every build. The ASan preset reports it
+# through UBSan (and aborts, -fno-sanitize-recover); every other build traps.
+if(XPON_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
+elseif(XPON_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fsanitize=signed-integer-overflow -fsanitize-undefined-trap-on-error)
+  add_link_options(-fsanitize=thread)
+elseif(XPON_SANITIZER STREQUAL "fuzzer")
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(XPON_SANITIZER STREQUAL "none")
+  add_compile_options(-fsanitize=signed-integer-overflow -fsanitize-undefined-trap-on-error)
+else()
+  message(FATAL_ERROR "XPON_SANITIZER must be none, address, thread or fuzzer, not '${XPON_SANITIZER}'")
+endif()
+
+# Warnings are ours to fix, so they apply to our own targets only.
+function(xpon_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+                                           -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual -Wnull-dereference)
+  if(XPON_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+# xpon_library(NAME <target> ALIAS <xpon::name> SOURCES ... [DEPS ...] [PRIVATE_DEPS ...])
+function(xpon_library)
+  cmake_parse_arguments(ARG "" "NAME;ALIAS" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${ARG_NAME} STATIC ${ARG_SOURCES})
+  add_library(${ARG_ALIAS} ALIAS ${ARG_NAME})
+  target_include_directories(${ARG_NAME} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include)
+  target_link_libraries(${ARG_NAME} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  xpon_warnings(${ARG_NAME})
+endfunction()
+
+# xpon_test(NAME <target> SOURCES ... DEPS ... [LABELS unit|component|system threaded ...])
+# Tests are discovered when ctest runs, so a sanitizer build never runs them at build time.
+function(xpon_test)
+  cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  if(NOT XPON_BUILD_TESTS)
+    return()
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+  xpon_warnings(${ARG_NAME})
+  gtest_discover_tests(${ARG_NAME} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+endfunction()
