@@ -1,9 +1,11 @@
 #pragma once
 
 #include "xpon/core/result.hpp"
+#include "xpon/logger/ilogger.hpp"
 
 #include <chrono>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -120,6 +122,14 @@ class IIpc {
 /// Options of a ZeroMQ endpoint.
 struct ZmqIpcOptions {
   unsigned delivery_threads = 2;
+  /// Where the endpoint logs; empty: a small built-in logger that writes to stderr.
+  std::shared_ptr<logger::ILogger> logger;
+  /// Messages waiting for a delivery thread; when full, the newest incoming message is dropped and counted.
+  std::size_t delivery_queue_capacity = 4096;
+  /// Outgoing messages queued per destination (and for the bus while it is down) before sends fail.
+  int send_high_water_mark = 10000;
+  /// How long a closing socket may still try to hand over queued messages.
+  std::chrono::milliseconds linger{20};
 };
 
 /// Makes the ZeroMQ endpoint with the given address and name; throws std::runtime_error
