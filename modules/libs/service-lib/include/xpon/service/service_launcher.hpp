@@ -1,0 +1,85 @@
+#pragma once
+
+#include "xpon/core/result.hpp"
+#include "xpon/ipc/ipc.hpp"
+#include "xpon/logger/ilogger.hpp"
+#include "xpon/service/service.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace xpon::service {
+
+/// The configuration database's "IPC_EVENT_CFGDB__SECTIONS_CHANGED" event.
+inline constexpr ipc::Key kSectionsChangedEvent{11000, 11001};
+
+/// The Election Manager's "IPC_EVENT_ELECTION__MASTER_CHANGED" event.
+inline constexpr ipc::Key kMasterChangedEvent{14500, 14505};
+
+/// Size of one record of the sections-changed payload: section id, 1, 0 as u32 little-endian.
+inline constexpr std::size_t kConfigChangeRecordSize = 12;
+
+/// Decodes a sections-changed payload; Error::InvalidInputArg (with a message saying why)
+/// when it is empty or not a whole number of records.
+Result<std::vector<Config_change>> parse_sections_changed(std::span<const std::uint8_t> payload);
+
+/// Decodes a master-changed payload (the master's slot, u16 little-endian);
+/// Error::InvalidInputArg when it is not exactly two bytes.
+Result<std::uint16_t> parse_master_changed(std::span<const std::uint8_t> payload);
+
+/// Runs a service and feeds it, on the thread that called run(), the configuration and
+/// mastership changes announced on the IPC bus, one at a time and in arrival order, until
+/// stop() is called. One launcher runs its service once.
+class ServiceLauncher {
+ public:
+  /// How often the service's health_check is called when health checks are on.
+  static constexpr std::chrono::milliseconds kDefaultHealthCheckInterval{10000};
+
+  /// Takes the service; logger and IPC endpoint are shared. With health_checks the
+  /// service's health_check is called every health_check_interval while running.
+  /// Throws std::runtime_error when an argument is null or the wake-up descriptor cannot be made.
+  ServiceLauncher(std::unique_ptr<IService> service, std::shared_ptr<logger::ILogger> logger,
+                  std::shared_ptr<ipc::IIpc> ipc, bool health_checks,
+                  std::chrono::milliseconds health_check_interval = kDefaultHealthCheckInterval);
+  ~ServiceLauncher();
+  ServiceLauncher(const ServiceLauncher&) = delete;
+  ServiceLauncher& operator=(const ServiceLauncher&) = delete;
+  ServiceLauncher(ServiceLauncher&&) = delete;
+  ServiceLauncher& operator=(ServiceLauncher&&) = delete;
+
+  /// Subscribes the change events, runs the service and delivers changes until stop();
+  /// then unsubscribes and stops the service. Returns the first error among: subscribing,
+  /// the service's run, a failed health check, the service's stop. A stop() that came
+  /// before run() makes run() return success at once without running the service.
+  Result<void> run();
+
+  /// Asks a running (or not yet running) run() to return. Async-signal-safe: it only sets
+  /// an atomic flag and writes to an eventfd, so signal handlers may call it.
+  Result<void> stop() noexcept;
+
+ private:
+  struct Inbox;
+
+  Result<void> subscribe_events();
+  void unsubscribe_events();
+  void deliver_pending();
+  Result<void> stop_service();
+
+  std::unique_ptr<IService> service_;
+  std::shared_ptr<logger::ILogger> logger_;
+  std::shared_ptr<ipc::IIpc> ipc_;
+  bool health_checks_;
+  std::chrono::milliseconds health_check_interval_;
+  // Shared with the event handlers, which the IPC library may still be running on its own
+  // threads for a moment after they are unsubscribed.
+  std::shared_ptr<Inbox> inbox_;
+  std::atomic<bool> stop_requested_{false};
+  std::atomic<bool> started_{false};
+  ServiceCtx ctx_;
+};
+
+}  // namespace xpon::service
