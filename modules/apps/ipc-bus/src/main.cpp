@@ -1,0 +1,184 @@
+// xpon-ipc-bus: the event bus of a board. Publishers push events into bus.in; every event is
+// forwarded unchanged (topic, header, payload) to the subscribers of bus.sub.
+
+#include "xpon/ipc/paths.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <string>
+#include <vector>
+#include <zmq.hpp>
+#include <zmq_addon.hpp>
+
+namespace {
+
+struct BusStats {
+  std::uint64_t forwarded = 0;
+  std::uint64_t malformed = 0;
+  std::uint64_t subscription_messages = 0;
+};
+
+void say(const std::string& line) {
+  const std::string text = "xpon-ipc-bus: " + line + "\n";
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+/// Holds the exclusive lock of the bus so that a second bus cannot steal the socket files.
+int lock_bus() {
+  const std::string path = xpon::ipc::ipc_directory() + "/bus.lock";
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    throw std::runtime_error(fmt::format("cannot open the bus lock file: {}", std::strerror(errno)));
+  }
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    ::close(fd);
+    throw std::runtime_error("another xpon-ipc-bus is already running");
+  }
+  return fd;
+}
+
+/// Reads the subscription messages XPUB hands up so that they never pile up; they are only counted.
+void drain_subscriptions(zmq::socket_t& publisher, BusStats& stats) {
+  zmq::message_t message;
+  while (publisher.recv(message, zmq::recv_flags::dontwait)) {
+    ++stats.subscription_messages;
+  }
+}
+
+void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats) {
+  std::vector<zmq::message_t> frames;
+  // A bounded batch keeps the subscription side and the signals served under a flood.
+  for (int i = 0; i < 1024; ++i) {
+    frames.clear();
+    if (!zmq::recv_multipart(inlet, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
+      return;
+    }
+    if (frames.size() != 3) {
+      ++stats.malformed;
+      continue;
+    }
+    // XPUB never blocks: with no subscriber for the topic, or a subscriber at its HWM, it drops.
+    publisher.send(frames[0], zmq::send_flags::sndmore);
+    publisher.send(frames[1], zmq::send_flags::sndmore);
+    publisher.send(frames[2], zmq::send_flags::none);
+    ++stats.forwarded;
+  }
+}
+
+int run(int settle_ms, bool verbose) {
+  // Blocked before ZeroMQ starts its threads, so that they inherit the mask and the signals
+  // are read only through the signalfd below.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (signal_fd < 0) {
+    say(fmt::format("signalfd failed: {}", std::strerror(errno)));
+    return 1;
+  }
+
+  xpon::ipc::ensure_ipc_directory();
+  const int lock_fd = lock_bus();
+  BusStats stats;
+  {
+    zmq::context_t context(1);
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    zmq::socket_t inlet(context, zmq::socket_type::pull);
+    publisher.set(zmq::sockopt::linger, 0);
+    inlet.set(zmq::sockopt::linger, 0);
+    inlet.set(zmq::sockopt::maxmsgsize, std::int64_t{1024 * 1024});
+    publisher.bind(xpon::ipc::bus_sub_endpoint());
+
+    // Subscribers reconnect on their own after a restart of the bus; giving them a moment before
+    // taking events keeps the events that publishers queued while the bus was down from being
+    // forwarded to nobody.
+    std::array<zmq::pollitem_t, 2> settle_items{{
+        {publisher.handle(), 0, ZMQ_POLLIN, 0},
+        {nullptr, signal_fd, ZMQ_POLLIN, 0},
+    }};
+    const auto settle_end = std::chrono::steady_clock::now() + std::chrono::milliseconds(settle_ms);
+    bool stop = false;
+    while (!stop && std::chrono::steady_clock::now() < settle_end) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(settle_end - std::chrono::steady_clock::now());
+      zmq::poll(settle_items.data(), settle_items.size(), left);
+      drain_subscriptions(publisher, stats);
+      stop = (settle_items[1].revents & ZMQ_POLLIN) != 0;
+    }
+    inlet.bind(xpon::ipc::bus_in_endpoint());
+    if (verbose) {
+      say(fmt::format("forwarding {} -> {}", xpon::ipc::bus_in_endpoint(), xpon::ipc::bus_sub_endpoint()));
+    }
+
+    std::array<zmq::pollitem_t, 3> items{{
+        {inlet.handle(), 0, ZMQ_POLLIN, 0},
+        {publisher.handle(), 0, ZMQ_POLLIN, 0},
+        {nullptr, signal_fd, ZMQ_POLLIN, 0},
+    }};
+    while (!stop) {
+      zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
+      if ((items[0].revents & ZMQ_POLLIN) != 0) {
+        forward(inlet, publisher, stats);
+      }
+      if ((items[1].revents & ZMQ_POLLIN) != 0) {
+        drain_subscriptions(publisher, stats);
+      }
+      if ((items[2].revents & ZMQ_POLLIN) != 0) {
+        signalfd_siginfo info{};
+        [[maybe_unused]] const auto got = ::read(signal_fd, &info, sizeof info);
+        stop = true;
+      }
+    }
+    inlet.close();
+    publisher.close();
+  }
+  ::close(lock_fd);
+  ::close(signal_fd);
+  say(fmt::format("stopped: {} events forwarded, {} malformed messages dropped, {} subscription messages read",
+                  stats.forwarded, stats.malformed, stats.subscription_messages));
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{
+      "Event bus of the board: forwards every event pushed to <run>/xpon/ipc/bus.in to the subscribers of "
+      "<run>/xpon/ipc/bus.sub (<run> is $XPON_ROOT/run when XPON_ROOT is set, /run otherwise).",
+      "xpon-ipc-bus"};
+  int settle_ms = 250;
+  bool verbose = false;
+  app.add_option("--settle-ms", settle_ms, "Time given to subscribers to reconnect before events are taken")
+      ->check(CLI::Range(0, 60000))
+      ->capture_default_str();
+  app.add_flag("-v,--verbose", verbose, "Say where the bus listens");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? 0 : 2;
+  }
+  try {
+    return run(settle_ms, verbose);
+  } catch (const std::exception& error) {
+    say(error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,246 @@
+#include "ipc_test_env.hpp"
+#include "xpon/ipc/paths.hpp"
+#include "xpon/ipc/wire.hpp"
+#include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/recording_logger.hpp"
+
+#include <gtest/gtest.h>
+#include <zmq.hpp>
+#include <zmq_addon.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace xpon::ipc {
+namespace {
+
+using std::chrono::milliseconds;
+using test::wait_until;
+
+/// Records the events an endpoint delivered to one subscription.
+class EventLog {
+ public:
+  EventHandler handler() {
+    return [this](const Event& event) -> Result<void> {
+      std::lock_guard lock(mutex_);
+      events_.push_back(event);
+      return core::success();
+    };
+  }
+  std::vector<Event> events() const {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+  std::size_t count(Key key) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (const auto& event : events_) {
+      n += event.group == key.group && event.id == key.id ? 1 : 0;
+    }
+    return n;
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    events_.clear();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Event> events_;
+};
+
+Event make_event(Key key, Payload payload = {}) {
+  Event event;
+  event.group = key.group;
+  event.id = key.id;
+  event.payload = std::move(payload);
+  return event;
+}
+
+class BusEventsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { start_bus(); }
+
+  void start_bus() { bus = std::make_unique<test::Process>(std::vector<std::string>{XPON_IPC_BUS_PATH}); }
+
+  std::shared_ptr<ZmqIpc> endpoint(Address address) {
+    ZmqIpcOptions options;
+    options.logger = log;
+    return make_zmq_endpoint(address, "test", options);
+  }
+
+  /// Publishes a probe until the subscriber sees one, so that its subscription is known to have
+  /// reached the bus; then forgets the probes.
+  static bool wait_for_subscription(ZmqIpc& publisher, EventLog& events, Key key) {
+    const bool arrived = wait_until([&] {
+      EXPECT_TRUE(publisher.send_event(make_event(key)).has_value());
+      return events.count(key) > 0;
+    });
+    std::this_thread::sleep_for(milliseconds(50));
+    events.clear();
+    return arrived;
+  }
+
+  test::TempRoot root;
+  std::shared_ptr<xpon::test::RecordingLogger> log = std::make_shared<xpon::test::RecordingLogger>();
+  std::unique_ptr<test::Process> bus;
+};
+
+TEST_F(BusEventsTest, EventsAreFilteredByGroupAndByGroupAndId) {
+  auto publisher = endpoint(0x0042FFFE);
+  auto subscriber = endpoint(0x0019FFFE);
+  EventLog whole_group;
+  EventLog one_id;
+  ASSERT_TRUE(subscriber->subscribe_event(Key{9000, kAnyId}, whole_group.handler()).has_value());
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, 15537}, one_id.handler()).has_value());
+  ASSERT_TRUE(wait_for_subscription(*publisher, whole_group, Key{9000, 1}));
+  ASSERT_TRUE(wait_for_subscription(*publisher, one_id, Key{15500, 15537}));
+
+  ASSERT_TRUE(publisher->send_event(make_event(Key{9000, 9005}, {1, 2, 3})).has_value());
+  ASSERT_TRUE(publisher->send_event(make_event(Key{9001, 9005})).has_value());
+  ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15538})).has_value());
+  ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15537}, {4})).has_value());
+  ASSERT_TRUE(publisher->send_event(make_event(Key{9000, 7})).has_value());
+  ASSERT_TRUE(wait_until([&] { return whole_group.events().size() >= 2 && !one_id.events().empty(); }));
+  std::this_thread::sleep_for(milliseconds(200));  // anything wrongly forwarded would show up by now
+
+  const auto group_events = whole_group.events();
+  ASSERT_EQ(group_events.size(), 2U);
+  for (const auto& event : group_events) {
+    EXPECT_EQ(event.group, 9000);
+    EXPECT_TRUE(event.id == 9005 || event.id == 7);
+    EXPECT_EQ(event.source, 0x0042FFFEU);
+    EXPECT_EQ(event.address, 0x0000FFFEU);
+  }
+  const auto id_events = one_id.events();
+  ASSERT_EQ(id_events.size(), 1U);
+  EXPECT_EQ(id_events[0].payload, Payload{4});
+  EXPECT_EQ(subscriber->stats().dropped_input(), 0U);
+}
+
+TEST_F(BusEventsTest, EventSentRightAfterCreationReachesAConnectedSubscriber) {
+  auto subscriber = endpoint(0x0019FFFE);
+  EventLog alarms;
+  ASSERT_TRUE(subscriber->subscribe_event(Key{9000, 9005}, alarms.handler()).has_value());
+  {
+    auto prober = endpoint(0x0043FFFE);
+    ASSERT_TRUE(wait_for_subscription(*prober, alarms, Key{9000, 9005}));
+  }
+  auto fresh = endpoint(0x0042FFFE);
+  ASSERT_TRUE(fresh->send_event(make_event(Key{9000, 9005}, Payload(305, 0x41))).has_value());
+  ASSERT_TRUE(wait_until([&] { return alarms.events().size() == 1; }));
+  const auto events = alarms.events();
+  EXPECT_EQ(events[0].payload, Payload(305, 0x41));
+  EXPECT_EQ(events[0].source, 0x0042FFFEU);
+}
+
+TEST_F(BusEventsTest, EventsQueuedWhileTheBusIsDownFlowWhenItReturns) {
+  auto publisher = endpoint(0x0042FFFE);
+  auto subscriber = endpoint(0x0019FFFE);
+  EventLog events;
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, kAnyId}, events.handler()).has_value());
+  ASSERT_TRUE(wait_for_subscription(*publisher, events, Key{15500, 1}));
+
+  bus->kill(SIGKILL);
+  for (std::uint8_t i = 0; i < 5; ++i) {
+    ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15539}, {i})).has_value());
+  }
+  std::this_thread::sleep_for(milliseconds(100));
+  EXPECT_TRUE(events.events().empty());
+  start_bus();
+  ASSERT_TRUE(wait_until([&] { return events.count(Key{15500, 15539}) == 5; }));
+
+  // And events sent after the restart flow as before.
+  ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15540})).has_value());
+  EXPECT_TRUE(wait_until([&] { return events.count(Key{15500, 15540}) == 1; }));
+}
+
+TEST_F(BusEventsTest, UnsubscribedEventsStopArriving) {
+  auto publisher = endpoint(0x0042FFFE);
+  auto subscriber = endpoint(0x0019FFFE);
+  EventLog events;
+  EventLog other;
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, 15541}, events.handler()).has_value());
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, 15542}, other.handler()).has_value());
+  ASSERT_TRUE(wait_for_subscription(*publisher, events, Key{15500, 15541}));
+  ASSERT_TRUE(wait_for_subscription(*publisher, other, Key{15500, 15542}));
+  ASSERT_TRUE(subscriber->unsubscribe_event(Key{15500, 15541}).has_value());
+  std::this_thread::sleep_for(milliseconds(100));
+  ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15541})).has_value());
+  ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15542})).has_value());
+  ASSERT_TRUE(wait_until([&] { return other.events().size() == 1; }));
+  std::this_thread::sleep_for(milliseconds(100));
+  EXPECT_TRUE(events.events().empty());
+}
+
+TEST_F(BusEventsTest, MalformedEventsFromARawPublisherAreDroppedAndCounted) {
+  auto subscriber = endpoint(0x0019FFFE);
+  EventLog events;
+  ASSERT_TRUE(subscriber->subscribe_event(Key{9000, kAnyId}, events.handler()).has_value());
+  {
+    auto prober = endpoint(0x0043FFFE);
+    ASSERT_TRUE(wait_for_subscription(*prober, events, Key{9000, 1}));
+  }
+  zmq::context_t context;
+  zmq::socket_t raw(context, zmq::socket_type::push);
+  raw.set(zmq::sockopt::linger, 1000);
+  raw.connect(bus_in_endpoint());
+  const auto send = [&](const std::vector<std::vector<std::uint8_t>>& frames) {
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+      raw.send(zmq::buffer(frames[i]), i + 1 < frames.size() ? zmq::send_flags::sndmore : zmq::send_flags::none);
+    }
+  };
+  wire::Header header;
+  header.kind = wire::Kind::Event;
+  header.group = 9000;
+  header.id = 9005;
+  const auto good = wire::encode_header(header);
+  std::vector<std::uint8_t> header_bytes(good.begin(), good.end());
+  std::vector<std::uint8_t> topic{0x23, 0x28, 0x23, 0x2D};
+  auto wrong_topic = topic;
+  wrong_topic[3] = 0x2E;
+  auto version_nine = header_bytes;
+  version_nine[0] = 9;
+  auto request_kind = header_bytes;
+  request_kind[1] = 1;
+  send({topic, version_nine, {}});
+  send({topic, request_kind, {}});
+  send({wrong_topic, header_bytes, {}});
+  send({topic, std::vector<std::uint8_t>(header_bytes.begin(), header_bytes.begin() + 10), {}});
+  send({topic, header_bytes, std::vector<std::uint8_t>(wire::kMaxPayload + 1, 0)});
+  send({topic, header_bytes, {0x99}});
+  ASSERT_TRUE(wait_until([&] { return events.events().size() == 1 && subscriber->stats().dropped_input() == 5; }));
+  const IpcStats stats = subscriber->stats();
+  EXPECT_EQ(stats.bad_versions, 1U);
+  EXPECT_EQ(stats.bad_kinds, 1U);
+  EXPECT_EQ(stats.malformed, 1U);
+  EXPECT_EQ(stats.short_headers, 1U);
+  EXPECT_EQ(stats.oversized, 1U);
+  EXPECT_EQ(events.events()[0].payload, Payload{0x99});
+}
+
+TEST_F(BusEventsTest, BusStopsCleanlyOnSigterm) {
+  // Its signals are taken over before it binds; earlier, SIGTERM simply ends it by default.
+  ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(ipc_directory() + "/bus.sub"); }));
+  const auto start = std::chrono::steady_clock::now();
+  const int status = bus->kill(SIGTERM);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
+}
+
+TEST_F(BusEventsTest, SecondBusIsRefused) {
+  // The first bus holds its lock as soon as it runs; give it the moment to start.
+  ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(ipc_directory() + "/bus.sub"); }));
+  test::Process second({XPON_IPC_BUS_PATH});
+  const int status = second.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+}  // namespace
+}  // namespace xpon::ipc
