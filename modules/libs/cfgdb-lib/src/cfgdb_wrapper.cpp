@@ -54,7 +54,7 @@ int fill_record(CfgDb__handle* db, SectionRef ref, void* record, std::size_t siz
     auto values = db->store->read(*section);
     if (!values) {
       const auto& info = values.error().info;
-      const bool bad_value = values.error().error == core::Error::InvalidInputArg;
+      const bool bad_value = values.error().error == core::Error::InvalidState;
       return fail(bad_value ? EINVAL : EIO, info && info->message ? *info->message : values.error().to_string());
     }
     const auto bytes = encode_record(*section, values.value());

@@ -163,50 +163,63 @@ Result<std::unique_ptr<Store>> Store::open(const std::string& file, const std::s
   return store;
 }
 
-Result<SectionValues> Store::read_locked(const SectionSpec& section) {
+Result<std::vector<Store::StoredField>> Store::read_stored(const SectionSpec& section) {
   Statement select(db_, "SELECT name, value FROM field WHERE section_id = ?1");
   if (!select.ok()) {
     return sqlite_error(db_, shown_name_, "reading");
   }
   select.bind(1, static_cast<std::int64_t>(section.id));
-  struct Stored {
+  struct Row {
     bool integer;
     std::int64_t value;
     std::string text;
   };
-  std::map<std::string, Stored, std::less<>> stored;
+  std::map<std::string, Row, std::less<>> rows;
   int rc = SQLITE_ROW;
   while ((rc = select.step()) == SQLITE_ROW) {
-    stored[stored_text(select.get(), 0)] = Stored{sqlite3_column_type(select.get(), 1) == SQLITE_INTEGER,
-                                                  sqlite3_column_int64(select.get(), 1), stored_text(select.get(), 1)};
+    rows[stored_text(select.get(), 0)] = Row{sqlite3_column_type(select.get(), 1) == SQLITE_INTEGER,
+                                             sqlite3_column_int64(select.get(), 1), stored_text(select.get(), 1)};
   }
   if (rc != SQLITE_DONE) {
     return sqlite_error(db_, shown_name_, "reading");
   }
+  std::vector<StoredField> fields;
+  fields.reserve(section.fields.size());
+  for (const auto& field : section.fields) {
+    auto found = rows.find(field.name);
+    if (found == rows.end()) {
+      fields.push_back({std::nullopt, fmt::format("configuration database {}: {}: field {} is missing", shown_name_,
+                                                  section.name, field.name)});
+    } else if (!found->second.integer) {
+      fields.push_back({std::nullopt, fmt::format("configuration database {}: {}: stored {}='{}' is not a whole number",
+                                                  shown_name_, section.name, field.name, found->second.text)});
+    } else if (found->second.value < field.min || found->second.value > field.max) {
+      fields.push_back(
+          {std::nullopt, fmt::format("configuration database {}: {}: stored {}={} is out of range {}..{}", shown_name_,
+                                     section.name, field.name, found->second.value, field.min, field.max)});
+    } else {
+      fields.push_back({static_cast<std::uint32_t>(found->second.value), {}});
+    }
+  }
+  return fields;
+}
+
+Result<SectionValues> Store::read_locked(const SectionSpec& section) {
+  auto stored = read_stored(section);
+  if (!stored) {
+    return stored.error();
+  }
   SectionValues values;
   values.reserve(section.fields.size());
-  for (const auto& field : section.fields) {
-    auto found = stored.find(field.name);
-    if (found == stored.end()) {
-      return ErrorPayload{Error::InvalidInputArg, fmt::format("configuration database {}: {}: field {} is missing",
-                                                              shown_name_, section.name, field.name)};
+  for (const auto& field : stored.value()) {
+    if (!field.value) {
+      return ErrorPayload{Error::InvalidState, field.problem};
     }
-    const auto& [integer, value, text] = found->second;
-    if (!integer) {
-      return ErrorPayload{Error::InvalidInputArg,
-                          fmt::format("configuration database {}: {}: stored {}='{}' is not a whole number",
-                                      shown_name_, section.name, field.name, text)};
-    }
-    if (value < field.min || value > field.max) {
-      return ErrorPayload{Error::InvalidInputArg,
-                          fmt::format("configuration database {}: {}: stored {}={} is out of range {}..{}", shown_name_,
-                                      section.name, field.name, value, field.min, field.max)};
-    }
-    values.push_back(static_cast<std::uint32_t>(value));
+    values.push_back(*field.value);
   }
   if (auto checked = check_values(section, values); !checked) {
     const auto& info = checked.error().info;
-    return ErrorPayload{Error::InvalidInputArg,
+    return ErrorPayload{Error::InvalidState,
                         fmt::format("configuration database {}: stored values refused: {}", shown_name_,
                                     info && info->message ? *info->message : checked.error().to_string())};
   }
@@ -260,6 +273,53 @@ Result<std::vector<std::uint32_t>> Store::write(std::span<const SectionUpdate> u
     return sqlite_error(db_, shown_name_, "starting a write");
   }
   Transaction transaction(db_);
+  auto changed = write_locked(updates);
+  if (changed && !transaction.commit()) {
+    return sqlite_error(db_, shown_name_, "committing");
+  }
+  return changed;
+}
+
+Result<std::vector<std::uint32_t>> Store::change(std::span<const SectionChange> changes) {
+  for (const auto& change : changes) {
+    if (change.section == nullptr || change.values.size() != change.section->fields.size()) {
+      return ErrorPayload{Error::InvalidInputArg, "configuration change without a section or with a wrong field count"};
+    }
+  }
+  std::lock_guard lock(mutex_);
+  if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return sqlite_error(db_, shown_name_, "starting a write");
+  }
+  Transaction transaction(db_);
+  std::vector<SectionUpdate> updates;
+  for (const auto& change : changes) {
+    auto stored = read_stored(*change.section);
+    if (!stored) {
+      return stored.error();
+    }
+    SectionValues merged;
+    for (std::size_t i = 0; i < change.values.size(); ++i) {
+      if (change.values[i]) {
+        merged.push_back(*change.values[i]);
+      } else if (stored.value()[i].value) {
+        merged.push_back(*stored.value()[i].value);
+      } else {
+        return ErrorPayload{Error::InvalidState, stored.value()[i].problem};
+      }
+    }
+    if (auto checked = check_values(*change.section, merged); !checked) {
+      return checked.error();
+    }
+    updates.push_back(SectionUpdate{change.section, std::move(merged)});
+  }
+  auto changed = write_locked(updates);
+  if (changed && !transaction.commit()) {
+    return sqlite_error(db_, shown_name_, "committing");
+  }
+  return changed;
+}
+
+Result<std::vector<std::uint32_t>> Store::write_locked(std::span<const SectionUpdate> updates) {
   Statement upsert(db_,
                    "INSERT INTO field(section_id, name, value) VALUES(?1, ?2, ?3) "
                    "ON CONFLICT(section_id, name) DO UPDATE SET value = excluded.value "
@@ -284,9 +344,6 @@ Result<std::vector<std::uint32_t>> Store::write(std::span<const SectionUpdate> u
     if (section_changed && seen.insert(update.section->id).second) {
       changed.push_back(update.section->id);
     }
-  }
-  if (!transaction.commit()) {
-    return sqlite_error(db_, shown_name_, "committing");
   }
   return changed;
 }

@@ -312,5 +312,53 @@ TEST_F(CfgdbStore, WriteSeenByAnotherConnection) {
   EXPECT_THAT(reader->read(*find_section(80)).value(), ElementsAre(275U));
 }
 
+TEST_F(CfgdbStore, ChangeKeepsTheFieldsNotGiven) {
+  auto store = open_store(database_file());
+  ASSERT_TRUE(store);
+  const std::vector<SectionChange> changes{{find_section(81),
+                                            {std::nullopt, 90, std::nullopt, std::nullopt, 5, std::nullopt,
+                                             std::nullopt, std::nullopt, std::nullopt, std::nullopt}}};
+  auto changed = store->change(changes);
+  ASSERT_TRUE(changed);
+  EXPECT_THAT(changed.value(), ElementsAre(81U));
+  EXPECT_THAT(store->read(*find_section(81)).value(), ElementsAre(0U, 90U, 0U, 80U, 5U, 80U, 0U, 80U, 0U, 80U));
+}
+
+TEST_F(CfgdbStore, ChangeChecksTheMergedSectionAndWritesNothingWhenRefused) {
+  auto store = open_store(database_file());
+  ASSERT_TRUE(store);
+  const std::vector<SectionChange> changes{{find_section(77), {20}}, {find_section(79), {std::nullopt, 20000}}};
+  auto changed = store->change(changes);
+  ASSERT_FALSE(changed);
+  EXPECT_EQ(changed.error().error, core::Error::InvalidInputArg);
+  EXPECT_EQ(message_of(changed.error()), "ALARM_SYSTEM_FAN: lower_speed=20000 must be below upper_speed=20000");
+  EXPECT_THAT(store->read(*find_section(77)).value(), ElementsAre(10U));
+}
+
+TEST_F(CfgdbStore, ChangeRepairsAHandEditedValueItOverwrites) {
+  { CfgDbWrapper create("test"); }
+  edit_by_hand("UPDATE field SET value = 'oops' WHERE section_id = 77");
+  auto store = open_store(database_file());
+  ASSERT_TRUE(store);
+  const std::vector<SectionChange> changes{{find_section(77), {15}}};
+  auto changed = store->change(changes);
+  ASSERT_TRUE(changed) << changed.error().to_string();
+  EXPECT_THAT(changed.value(), ElementsAre(77U));
+  EXPECT_THAT(store->read(*find_section(77)).value(), ElementsAre(15U));
+}
+
+TEST_F(CfgdbStore, ChangeNeedingAnUnusableStoredValueFails) {
+  { CfgDbWrapper create("test"); }
+  edit_by_hand("UPDATE field SET value = 99999 WHERE section_id = 79 AND name = 'upper_speed'");
+  auto store = open_store(database_file());
+  ASSERT_TRUE(store);
+  const std::vector<SectionChange> changes{{find_section(79), {std::nullopt, 500}}};
+  auto changed = store->change(changes);
+  ASSERT_FALSE(changed);
+  EXPECT_EQ(changed.error().error, core::Error::InvalidState);
+  EXPECT_EQ(message_of(changed.error()), "configuration database " + database_file() +
+                                             ": ALARM_SYSTEM_FAN: stored upper_speed=99999 is out of range 0..65535");
+}
+
 }  // namespace
 }  // namespace xpon::cfgdb
