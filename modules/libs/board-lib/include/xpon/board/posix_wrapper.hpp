@@ -1,0 +1,46 @@
+#pragma once
+
+#include "xpon/logger/ilogger.hpp"
+
+#include <memory>
+
+namespace xpon::board {
+
+/// The one seam through which the board library reaches the board driver's device file.
+class IPosixWrapper {
+ public:
+  virtual ~IPosixWrapper() = default;
+
+  /// Issues ioctl(request, argument) on the open device; returns what ioctl returned, with errno set on failure.
+  virtual int ioctl(unsigned long request, void* argument) = 0;
+
+ protected:
+  IPosixWrapper() = default;
+  IPosixWrapper(const IPosixWrapper&) = default;
+  IPosixWrapper& operator=(const IPosixWrapper&) = default;
+};
+
+/// Owns the open descriptor of "/dev/board"; the only place that calls open, close and ioctl.
+class PosixWrapper : public IPosixWrapper {
+ public:
+  /// Opens "/dev/board" (under $XPON_ROOT when set) read-write; throws std::runtime_error when it cannot.
+  explicit PosixWrapper(const std::shared_ptr<logger::ILogger>& logger);
+
+  /// Closes the device; a failing close is logged, never thrown.
+  ~PosixWrapper() override;
+
+  PosixWrapper(const PosixWrapper&) = delete;
+  PosixWrapper& operator=(const PosixWrapper&) = delete;
+
+  /// Issues ioctl on the device descriptor.
+  int ioctl(unsigned long request, void* argument) override;
+
+  /// The open descriptor, for diagnostics.
+  [[nodiscard]] int descriptor() const noexcept { return fd_; }
+
+ private:
+  std::shared_ptr<logger::ILogger> logger_;
+  int fd_;
+};
+
+}  // namespace xpon::board
