@@ -1,0 +1,150 @@
+#include "xpon/board/posix_wrapper.hpp"
+
+#include "xpon/test/recording_logger.hpp"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace xpon::board {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Each test gets its own sandbox root holding (or not) dev/board.
+class PosixWrapperTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* previous = std::getenv("XPON_ROOT")) {
+      saved_root_ = previous;
+    }
+    char pattern[] = "/tmp/xpon-board-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    root_ = pattern;
+    fs::create_directories(root_ / "dev");
+    ::setenv("XPON_ROOT", root_.c_str(), 1);
+  }
+
+  void TearDown() override {
+    if (saved_root_) {
+      ::setenv("XPON_ROOT", saved_root_->c_str(), 1);
+    } else {
+      ::unsetenv("XPON_ROOT");
+    }
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+
+  void make_device(const std::string& content) {
+    std::ofstream device(root_ / "dev" / "board", std::ios::binary);
+    device << content;
+  }
+
+  std::string construction_error() {
+    try {
+      PosixWrapper wrapper(logger_);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "(no exception)";
+  }
+
+  std::shared_ptr<xpon::test::RecordingLogger> logger_ = std::make_shared<xpon::test::RecordingLogger>();
+  fs::path root_;
+  std::optional<std::string> saved_root_;
+};
+
+TEST_F(PosixWrapperTest, MissingDeviceThrowsWithTheLogicalPathAndTheSystemsText) {
+  EXPECT_EQ(construction_error(), "Can't open /dev/board file (No such file or directory) ");
+  EXPECT_TRUE(logger_->lines().empty()) << "the process entry reports the failure, not the wrapper";
+}
+
+TEST_F(PosixWrapperTest, DeviceThatCannotBeOpenedReadWriteThrowsWithTheReason) {
+  fs::create_directories(root_ / "dev" / "board");
+  EXPECT_EQ(construction_error(), "Can't open /dev/board file (Is a directory) ");
+}
+
+TEST_F(PosixWrapperTest, OpenDeviceLogsCreationAtProgressLevel) {
+  make_device("");
+  PosixWrapper wrapper(logger_);
+
+  ASSERT_EQ(logger_->lines().size(), 1U);
+  EXPECT_EQ(logger_->lines()[0].text, "PosixWrapper create successfully");
+  EXPECT_EQ(logger_->lines()[0].level, 0);
+  EXPECT_GT(wrapper.descriptor(), 0);
+}
+
+TEST_F(PosixWrapperTest, OpensTheDeviceReadWrite) {
+  make_device("");
+  PosixWrapper wrapper(logger_);
+  EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFL) & O_ACCMODE, O_RDWR);
+}
+
+TEST_F(PosixWrapperTest, IoctlReachesTheOpenFileWithItsArgument) {
+  make_device("12345");
+  PosixWrapper wrapper(logger_);
+
+  int pending = -1;
+  EXPECT_EQ(wrapper.ioctl(FIONREAD, &pending), 0);
+  EXPECT_EQ(pending, 5);
+}
+
+TEST_F(PosixWrapperTest, IoctlFailureReturnsMinusOneWithErrno) {
+  make_device("");
+  PosixWrapper wrapper(logger_);
+
+  unsigned char value = 0;
+  errno = 0;
+  EXPECT_EQ(wrapper.ioctl(0x80014C21UL, &value), -1);
+  EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST_F(PosixWrapperTest, DestructionClosesTheDeviceAndLogsIt) {
+  make_device("");
+  int descriptor = -1;
+  {
+    PosixWrapper wrapper(logger_);
+    descriptor = wrapper.descriptor();
+    logger_->clear();
+  }
+  ASSERT_EQ(logger_->lines().size(), 1U);
+  EXPECT_EQ(logger_->lines()[0].text, "PosixWrapper destroy successfully");
+  EXPECT_EQ(logger_->lines()[0].level, 0);
+  errno = 0;
+  EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1) << "the descriptor is closed";
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(PosixWrapperTest, CloseFailureIsLoggedAndDoesNotThrow) {
+  make_device("");
+  auto wrapper = std::make_unique<PosixWrapper>(logger_);
+  // Closing the descriptor behind the wrapper's back makes its own close fail.
+  ASSERT_EQ(::close(wrapper->descriptor()), 0);
+  logger_->clear();
+
+  EXPECT_NO_THROW(wrapper.reset());
+  ASSERT_EQ(logger_->lines().size(), 1U);
+  EXPECT_EQ(logger_->lines()[0].text, "PosixWrapper destroy error (Bad file descriptor)");
+  EXPECT_EQ(logger_->lines()[0].level, 4);
+}
+
+TEST_F(PosixWrapperTest, WithoutASandboxRootTheRealPathIsUsed) {
+  ::unsetenv("XPON_ROOT");
+  if (fs::exists("/dev/board")) {
+    GTEST_SKIP() << "this machine has a real board device";
+  }
+  EXPECT_EQ(construction_error(), "Can't open /dev/board file (No such file or directory) ");
+}
+
+}  // namespace
+}  // namespace xpon::board
