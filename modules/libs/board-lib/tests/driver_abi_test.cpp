@@ -67,6 +67,20 @@ TEST(DriverAbiTest, InventoryCommandsHaveTheDriversFixedCodes) {
   EXPECT_EQ(BOARD_GET_FRONT_PORT_COUNT, 0x80014C26UL);
 }
 
+// Drivers and emulators built against earlier copies of the header depend on these exact values.
+TEST(DriverAbiTest, EveryCommandKeepsItsPublishedCode) {
+  const std::vector<unsigned long> published{
+      0x80014C21, 0x80014C22, 0x80014C23, 0x80014C24, 0x80014C25, 0x80014C26, 0x80014C27, 0x80014C30, 0x80014C31,
+      0x80014C32, 0x40014C33, 0x40014C34, 0x40014C40, 0xC0444C41, 0xC2444C42, 0xC0844C43, 0x40014C48, 0x802A4C49,
+      0x80324C4A, 0x80144C4B, 0x400C4C50, 0x400C4C51, 0xC00C4C52, 0x40084C60, 0x40084C61, 0xC0084C62, 0xC0084C63,
+      0xC0084C64, 0xC0404C65, 0xC0404C66, 0xC0244C67, 0xC0244C68, 0xC01C4C69,
+  };
+  ASSERT_EQ(published.size(), commands().size());
+  for (std::size_t index = 0; index < published.size(); ++index) {
+    EXPECT_EQ(commands()[index].request, published[index]) << commands()[index].name;
+  }
+}
+
 TEST(DriverAbiTest, EveryCommandHasTypeLAndItsDirectionAndSize) {
   for (const auto& command : commands()) {
     SCOPED_TRACE(command.name);
