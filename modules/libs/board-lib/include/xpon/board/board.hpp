@@ -19,6 +19,8 @@ class IBoard {
  public:
   virtual ~IBoard() = default;
 
+  // The order of the operations below is part of the interface; add new ones at the end.
+
   /// FPGA configuration version.
   virtual core::Result<std::uint8_t> get_fpga_config_version() = 0;
   /// CPLD configuration version, as read when the board object was made.
