@@ -1,0 +1,198 @@
+#include "xpon/system_mgr/functions/base.hpp"
+
+#include "xpon/core/guard.hpp"
+
+#include <pthread.h>
+#include <time.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+namespace xpon::system_mgr {
+
+namespace {
+
+using core::Error;
+using core::ErrorPayload;
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+timespec monotonic_now() noexcept {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return now;
+}
+
+// now + period, with every step checked: a period too large to represent is a programming
+// error and ends the process rather than wrapping into a deadline in the past.
+timespec deadline_after(const timespec& now, std::chrono::milliseconds period) noexcept {
+  std::int64_t period_ns = 0;
+  std::int64_t now_ns = 0;
+  std::int64_t deadline_ns = 0;
+  if (__builtin_mul_overflow(static_cast<std::int64_t>(period.count()), std::int64_t{1'000'000}, &period_ns) ||
+      __builtin_mul_overflow(static_cast<std::int64_t>(now.tv_sec), kNanosecondsPerSecond, &now_ns) ||
+      __builtin_add_overflow(now_ns, static_cast<std::int64_t>(now.tv_nsec), &now_ns) ||
+      __builtin_add_overflow(now_ns, period_ns, &deadline_ns)) {
+    std::abort();
+  }
+  timespec deadline{};
+  deadline.tv_sec = static_cast<time_t>(deadline_ns / kNanosecondsPerSecond);
+  deadline.tv_nsec = static_cast<long>(deadline_ns % kNanosecondsPerSecond);
+  return deadline;
+}
+
+bool before(const timespec& a, const timespec& b) noexcept {
+  return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
+}  // namespace
+
+SysFunction::SysFunction(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
+                         const std::string_view& name, std::chrono::milliseconds period)
+    : logger_(logger), ipc_(ipc), name_(name), period_(period), running_(false) {
+  log().progress("SysFunction create successfully");
+}
+
+SysFunction::~SysFunction() {
+  log().progress("SysFunction destroy successfully");
+  // A thread still joinable here makes std::thread's destructor end the process: stop()
+  // must have been called.
+}
+
+ILogger& SysFunction::log() const noexcept {
+  if (!logger_) {
+    std::abort();
+  }
+  return *logger_;
+}
+
+Result<void> SysFunction::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& /*changes*/) {
+  return core::success();
+}
+
+Result<void> SysFunction::master_change(const ServiceCtx& /*ctx*/) {
+  return core::success();
+}
+
+Result<void> SysFunction::polling() {
+  return ErrorPayload(Error::NotImplemented);
+}
+
+Result<void> SysFunction::ipc_subscribe() {
+  return ErrorPayload(Error::NotImplemented);
+}
+
+Result<void> SysFunction::ipc_unsubscribe() {
+  return ErrorPayload(Error::NotImplemented);
+}
+
+Result<void> SysFunction::run() {
+  auto subscribed = core::guarded_call(log(), [this] { return ipc_subscribe(); });
+  if (!subscribed) {
+    return core::propagate(log(), std::move(subscribed));
+  }
+
+  // The first poll runs here, on the caller's thread. Its error does not stop the start:
+  // the thread polls again one period later.
+  const auto first_poll = core::guarded_call(log(), [this] { return polling(); });
+  if (first_poll.has_error() && first_poll.error().error == Error::NotImplemented) {
+    log().progress("Polling not required for System function: {}", name_);
+    return core::success();
+  }
+
+  try {
+    if (thread_.joinable()) {
+      // A second run without stop is a programming error.
+      std::terminate();
+    }
+    thread_ = std::thread(&SysFunction::thread_fn, this);
+    running_.store(true);
+    return core::success();
+  } catch (const std::exception& caught) {
+    auto undone = core::guarded_call(log(), [this] { return ipc_unsubscribe(); });
+    (void)core::propagate(log(), std::move(undone));
+    const std::string text = fmt::format("Exception on run System function: {} | {}", name_, caught.what());
+    log().error("{}", text);
+    return ErrorPayload(Error::Exception, text);
+  } catch (...) {
+    auto undone = core::guarded_call(log(), [this] { return ipc_unsubscribe(); });
+    (void)core::propagate(log(), std::move(undone));
+    const std::string text = fmt::format("Unknown exception on run System function: {}", name_);
+    log().error("{}", text);
+    return ErrorPayload(Error::Exception, text);
+  }
+}
+
+void SysFunction::thread_fn() {
+  log().progress("Start System function: {}", name_);
+  for (;;) {
+    std::unique_lock lock(mutex_);
+    const timespec deadline = deadline_after(monotonic_now(), period_);
+    // std::condition_variable has no wait against CLOCK_MONOTONIC with an absolute
+    // timespec, so its native handle is used directly; the mutex is the one locked above.
+    ::pthread_cond_clockwait(cv_.native_handle(), mutex_.native_handle(), CLOCK_MONOTONIC, &deadline);
+    if (before(monotonic_now(), deadline)) {
+      // Deliberately no stop flag: any early wake-up, stop's or a spurious one, ends the
+      // thread; stop() relies on it.
+      return;
+    }
+    // Errors were logged where they arose; the next period polls again.
+    (void)core::guarded_call(log(), [this] { return polling(); });
+  }
+}
+
+Result<void> SysFunction::stop() {
+  auto unsubscribed = core::guarded_call(log(), [this] { return ipc_unsubscribe(); });
+  if (running_.load()) {
+    // Deliberately notified without the mutex and without a stop flag: a wake-up that comes
+    // while the thread polls is lost, and the join then waits for the thread's next wait.
+    cv_.notify_one();
+    thread_.join();
+    running_.store(false);
+  }
+  if (!unsubscribed) {
+    return core::propagate(log(), std::move(unsubscribed));
+  }
+  return unsubscribed;
+}
+
+Result<void> SysFunction::send_error_response(const ipc::Request& req) {
+  // Reading reply information that is not there throws; the guard turns it into Error::Exception.
+  auto reply_to = core::guarded_call(log(), [&req]() -> Result<ipc::ReplyTo> { return req.reply_to.value(); });
+  if (!reply_to) {
+    return std::move(reply_to).as_failure();
+  }
+  ipc::Response response;
+  response.address = kReplyAddressWord;
+  response.reply_tag = reply_to.value().tag;
+  response.result = 0;
+  auto sent = core::guarded_call(
+      log(), [this, &response, address = reply_to.value().address] { return ipc_->send_response(address, response); });
+  if (!sent) {
+    return core::propagate(log(), std::move(sent));
+  }
+  // Deliberately an error after a successful send: a request handler returns this as its own
+  // result, so its caller still learns that the request failed.
+  return ErrorPayload(Error::CommonError);
+}
+
+Result<void> SysFunction::create_alarm_and_send_trap(const Alarm* alarm) {
+  if (alarm == nullptr) {
+    return core::propagate(log(), Result<void>(ErrorPayload(Error::InvalidInputArg, "no alarm record")));
+  }
+  ipc::Event event;
+  event.payload.resize(sizeof(Alarm));
+  std::memcpy(event.payload.data(), alarm, sizeof(Alarm));
+  event.address = kReplyAddressWord;
+  event.group = kAlarmEventGroup;
+  event.id = kAlarmEventId;
+  auto sent = core::guarded_call(log(), [this, &event] { return ipc_->send_event(event); });
+  if (!sent) {
+    return core::propagate(log(), std::move(sent));
+  }
+  return core::success();
+}
+
+}  // namespace xpon::system_mgr

@@ -1,0 +1,163 @@
+#pragma once
+
+#include "xpon/core/result.hpp"
+#include "xpon/ipc/ipc.hpp"
+#include "xpon/logger/ilogger.hpp"
+#include "xpon/service/service.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace xpon::system_mgr {
+
+using core::Result;
+using ipc::IIpc;
+using logger::ILogger;
+using service::Config_change;
+using service::ServiceCtx;
+
+/// The alarm record every monitoring function publishes, byte for byte the payload of the
+/// alarm event: packed, little-endian, 305 bytes. Functions zero it and fill what their
+/// alarm needs; the receiver of the event decodes it, so the layout is fixed.
+struct __attribute__((packed)) Alarm {
+  std::uint8_t reserved_head[8];   ///< never set here
+  std::uint8_t state;              ///< 0 alarm raised, 1 back to normal
+  std::uint32_t alarm_id;          ///< the kind of alarm (1 RAM, 3 system load average, ...)
+  std::uint8_t reserved_kind[4];   ///< never set here
+  std::uint32_t instance;          ///< which item of its kind the alarm is about (sensor, fan, partition)
+  std::uint8_t reserved_item[12];  ///< never set here
+  std::uint32_t value[3];          ///< the measured values, as each function defines them
+  char text[256];                  ///< human-readable text, NUL-terminated
+  std::uint8_t reserved_tail[4];   ///< never set here
+};
+
+/// Alarm state values of Alarm::state.
+inline constexpr std::uint8_t kAlarmRaised = 0;
+inline constexpr std::uint8_t kAlarmNormal = 1;
+
+static_assert(sizeof(Alarm) == 305);
+static_assert(offsetof(Alarm, state) == 8);
+static_assert(offsetof(Alarm, alarm_id) == 9);
+static_assert(offsetof(Alarm, instance) == 17);
+static_assert(offsetof(Alarm, value) == 33);
+static_assert(offsetof(Alarm, text) == 45);
+static_assert(offsetof(Alarm, reserved_tail) == 301);
+
+/// Address word of the daemon's responses and alarm events.
+inline constexpr std::uint32_t kReplyAddressWord = 0x0000FFFE;
+/// Header words of the alarm event.
+inline constexpr std::uint16_t kAlarmEventGroup = 9000;
+inline constexpr std::uint16_t kAlarmEventId = 9005;
+
+/// One monitoring or control activity of the daemon, as its service drives it.
+class ISysFunction {
+ public:
+  virtual ~ISysFunction() = default;
+
+  /// Re-reads the function's own configuration sections among the changed ones.
+  virtual Result<void> config_change(const ServiceCtx& ctx, const std::vector<Config_change>& changes) = 0;
+
+  /// Reacts to a change of mastership.
+  virtual Result<void> master_change(const ServiceCtx& ctx) = 0;
+
+  /// Subscribes the function's requests, polls once and starts its polling thread if it polls.
+  virtual Result<void> run() = 0;
+
+  /// Unsubscribes the function's requests and ends its polling thread.
+  virtual Result<void> stop() = 0;
+
+  /// Takes one reading and reports it; Error::NotImplemented for a function that never polls.
+  virtual Result<void> polling() = 0;
+
+  /// Subscribes the IPC requests the function answers.
+  virtual Result<void> ipc_subscribe() = 0;
+
+  /// Unsubscribes the IPC requests the function answers.
+  virtual Result<void> ipc_unsubscribe() = 0;
+
+ protected:
+  ISysFunction() = default;
+  ISysFunction(const ISysFunction&) = default;
+  ISysFunction& operator=(const ISysFunction&) = default;
+};
+
+/// The base of every system function: name, shared logger and IPC endpoint, the optional
+/// polling thread with its run/stop protocol, and the error-response and alarm helpers.
+class SysFunction : public ISysFunction {
+ public:
+  /// name must be static text (a string literal): the view is kept, not copied.
+  SysFunction(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc, const std::string_view& name,
+              std::chrono::milliseconds period);
+  ~SysFunction() override;
+  SysFunction(const SysFunction&) = delete;
+  SysFunction& operator=(const SysFunction&) = delete;
+  SysFunction(SysFunction&&) = delete;
+  SysFunction& operator=(SysFunction&&) = delete;
+
+  /// Returns success: a function that reads no configuration ignores changes.
+  Result<void> config_change(const ServiceCtx& ctx, const std::vector<Config_change>& changes) override;
+
+  /// Returns success: a function that does not care about mastership ignores it.
+  Result<void> master_change(const ServiceCtx& ctx) override;
+
+  /// Subscribes, polls once on the caller's thread and, unless polling is not implemented,
+  /// starts the polling thread. A second run without stop terminates the process.
+  Result<void> run() override;
+
+  /// Unsubscribes, then wakes and joins the polling thread if there is one; the result is
+  /// that of the unsubscription.
+  Result<void> stop() override;
+
+  /// Error::NotImplemented: a function that does not override it has no polling thread.
+  Result<void> polling() override;
+
+  /// Error::NotImplemented: a function that subscribes nothing must override it with success.
+  Result<void> ipc_subscribe() override;
+
+  /// Error::NotImplemented: a function that subscribes nothing must override it with success.
+  Result<void> ipc_unsubscribe() override;
+
+  /// The function's name.
+  [[nodiscard]] std::string_view name() const noexcept { return name_; }
+
+  /// Whether the polling thread is running (from its start in run until stop has joined it).
+  [[nodiscard]] bool is_running() const noexcept { return running_.load(); }
+
+ protected:
+  /// Answers a request with an empty error response (result word 0). Returns
+  /// Error::CommonError after a successful send, so that a request handler can return it
+  /// as its own result; Error::Exception when the request carries no reply information.
+  Result<void> send_error_response(const ipc::Request& req);
+
+  /// Publishes the 305 bytes of the record as the alarm event.
+  Result<void> create_alarm_and_send_trap(const Alarm* alarm);
+
+  /// The shared logger; a null logger aborts the process, as that is a programming error.
+  [[nodiscard]] ILogger& log() const noexcept;
+
+  /// Wakes the polling thread; if it is waiting for its next poll, it ends. A wake-up that
+  /// comes while it polls is lost, exactly as for stop.
+  void wake_polling_thread() noexcept { cv_.notify_one(); }
+
+ private:
+  void thread_fn();
+
+  std::shared_ptr<ILogger> logger_;
+  std::shared_ptr<IIpc> ipc_;
+  std::string_view name_;
+  std::chrono::milliseconds period_;
+  std::thread thread_;
+  std::condition_variable cv_;
+  std::mutex mutex_;
+  std::atomic<bool> running_;
+};
+
+}  // namespace xpon::system_mgr
