@@ -1,0 +1,155 @@
+#include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+
+#include "xpon/core/guard.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+namespace xpon::system_mgr {
+
+namespace {
+
+using core::Error;
+using core::ErrorPayload;
+
+constexpr const char* kTextFormat = "CPU load average (1m, 5m, 15m): %.2f, %.2f, %.2f%s";
+constexpr const char* kBackToNormal = " is back to normal";
+
+// Load average x 100, truncated toward zero. The kernel never reports a negative or
+// non-finite average; should one appear anyway it is pinned to the range of the field
+// instead of being converted with undefined behaviour.
+std::uint32_t hundredths(double average) {
+  const double scaled = average * 100.0;
+  if (!(scaled > 0.0)) {
+    return 0;
+  }
+  if (scaled >= static_cast<double>(std::numeric_limits<std::uint32_t>::max())) {
+    return std::numeric_limits<std::uint32_t>::max();
+  }
+  return static_cast<std::uint32_t>(scaled);
+}
+
+}  // namespace
+
+CpuLoadSystemCalls CpuLoadSystemCalls::system() {
+  CpuLoadSystemCalls calls;
+  calls.getloadavg = [](double* averages, int count) { return ::getloadavg(averages, count); };
+  calls.format_text = [](char* out, std::size_t size, const char* format, double one_minute, double five_minutes,
+                         double fifteen_minutes, const char* suffix) {
+    return std::snprintf(out, size, format, one_minute, five_minutes, fifteen_minutes, suffix);
+  };
+  calls.read_config = [](CfgDb__handle* db, CfgDb__alarm_system_load_average* cfg, const CfgDb__key* key) {
+    return getRunDb_CommonGCfg_system_alarm_system_load_average(db, cfg, key);
+  };
+  return calls;
+}
+
+CpuLoadMonitoring::CpuLoadMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
+                                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
+                                     std::chrono::milliseconds period, CpuLoadSystemCalls calls)
+    : SysFunction(logger, ipc, kName, period), logger_(logger), ipc_(ipc), cfgdb_(cfgdb), calls_(std::move(calls)) {
+  std::memset(&cfg_, 0, sizeof cfg_);
+  auto updated = core::guarded_call(log(), [this] { return cfg_update(); });
+  if (!updated) {
+    // The trailing blank is part of the system's text.
+    throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", kName, updated.error().to_string()));
+  }
+  log().progress("{} create successfully", kName);
+}
+
+CpuLoadMonitoring::~CpuLoadMonitoring() {
+  log().progress("{} destroy successfully", kName);
+}
+
+Result<void> CpuLoadMonitoring::cfg_update() {
+  if (!cfgdb_) {
+    return core::propagate(log(), Result<void>(ErrorPayload(Error::InvalidInputArg, "no configuration database")));
+  }
+  if (!calls_.read_config) {
+    return core::propagate(log(), Result<void>(ErrorPayload(Error::InvalidInputArg, "no configuration getter")));
+  }
+  // The section has one instance per board, addressed by the all-zero key.
+  const CfgDb__key key{};
+  CfgDb__alarm_system_load_average fresh = cfg_;
+  auto read = core::check_c_api(log(), calls_.read_config(cfgdb_->handle(), &fresh, &key));
+  if (!read) {
+    // The previous configuration stays in force.
+    return read;
+  }
+  cfg_ = fresh;
+  threshold_.store(cfg_.threshold);
+  return core::success();
+}
+
+Result<void> CpuLoadMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
+  for (const auto& change : changes) {
+    if (change.section_id != kConfigSection) {
+      continue;
+    }
+    auto updated = core::guarded_call(log(), [this] { return cfg_update(); });
+    if (!updated) {
+      return core::propagate(log(), std::move(updated));
+    }
+    log().progress("Change config event [ALARM_SYSTEM_LOAD_AVERAGE]");
+  }
+  return core::success();
+}
+
+Result<void> CpuLoadMonitoring::ipc_subscribe() {
+  return core::success();
+}
+
+Result<void> CpuLoadMonitoring::ipc_unsubscribe() {
+  return core::success();
+}
+
+Result<void> CpuLoadMonitoring::polling() {
+  double averages[3] = {0.0, 0.0, 0.0};
+  if (!calls_.getloadavg || calls_.getloadavg(averages, 3) != 3) {
+    log().error("getloadavg() call failed ({})", errno);
+    return ErrorPayload(Error::ErrorCApi);
+  }
+
+  const std::uint32_t one_minute = hundredths(averages[0]);
+  const std::uint32_t five_minutes = hundredths(averages[1]);
+  const std::uint32_t fifteen_minutes = hundredths(averages[2]);
+
+  // Compared on the converted integers, so 2.499 against a threshold of 250 is normal.
+  const std::uint16_t threshold = threshold_.load();
+  bool raised = false;
+  if (threshold != 0) {
+    raised = std::max({one_minute, five_minutes, fifteen_minutes}) >= threshold;
+  }
+
+  Alarm alarm;
+  std::memset(&alarm, 0, sizeof alarm);
+  alarm.state = raised ? kAlarmRaised : kAlarmNormal;
+  alarm.alarm_id = kAlarmId;
+  alarm.value[0] = one_minute;
+  alarm.value[1] = five_minutes;
+  alarm.value[2] = fifteen_minutes;
+
+  const int written = calls_.format_text ? calls_.format_text(alarm.text, sizeof alarm.text, kTextFormat, averages[0],
+                                                              averages[1], averages[2], raised ? "" : kBackToNormal)
+                                         : -1;
+  // 0 or a truncated text (more than 255 characters) is a failure; so is a negative return.
+  if (written <= 0 || written > static_cast<int>(sizeof alarm.text) - 1) {
+    log().error("snprintf() call failed ({})", written);
+    return ErrorPayload(Error::ErrorCApi);
+  }
+
+  // Level-triggered on purpose: every poll reports the current state, and the receiver
+  // keeps the alarm's state.
+  return create_alarm_and_send_trap(&alarm);
+}
+
+}  // namespace xpon::system_mgr
