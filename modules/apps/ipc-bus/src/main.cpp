@@ -27,6 +27,8 @@
 
 namespace {
 
+constexpr int kQueueDepth = 100000;
+
 struct BusStats {
   std::uint64_t forwarded = 0;
   std::uint64_t malformed = 0;
@@ -103,6 +105,9 @@ int run(int settle_ms, bool verbose) {
     zmq::socket_t inlet(context, zmq::socket_type::pull);
     publisher.set(zmq::sockopt::linger, 0);
     inlet.set(zmq::sockopt::linger, 0);
+    // Deep queues ride out bursts (an alarm storm) without dropping for a subscriber that lags a little.
+    publisher.set(zmq::sockopt::sndhwm, kQueueDepth);
+    inlet.set(zmq::sockopt::rcvhwm, kQueueDepth);
     inlet.set(zmq::sockopt::maxmsgsize, std::int64_t{1024 * 1024});
     publisher.bind(xpon::ipc::bus_sub_endpoint());
 

@@ -239,6 +239,7 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     subscriber = zmq::socket_t(context, zmq::socket_type::sub);
     set_common_options(subscriber, options.linger);
     subscriber.set(zmq::sockopt::maxmsgsize, kMaxReceivedMessage);
+    subscriber.set(zmq::sockopt::rcvhwm, options.send_high_water_mark);
     subscriber.connect(bus_sub_endpoint());
 
     bus.socket = zmq::socket_t(context, zmq::socket_type::push);

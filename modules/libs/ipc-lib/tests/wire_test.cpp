@@ -42,6 +42,27 @@ TEST(IpcWire, MastershipQueryEncodesToTheDocumentedBytes) {
   EXPECT_EQ(as_vector(encode_header(request_header(0x0019FFFE, 0x0015FFFE, request))), expected);
 }
 
+TEST(IpcWire, MastershipAnswerEncodesToTheDocumentedBytes) {
+  Response response;
+  response.payload = {0x15, 0x00};
+  response.reply_tag = 7;
+  response.result = 1;
+  const Bytes expected{0x01, 0x02, 0x00, 0x00, 0xFE, 0xFF, 0x15, 0x00, 0xFE, 0xFF, 0x00, 0x00,
+                       0x00, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00};
+  EXPECT_EQ(as_vector(encode_header(response_header(0x0015FFFE, response))), expected);
+}
+
+TEST(IpcWire, MaxRateEventEncodesToTheDocumentedBytes) {
+  Event event;
+  event.group = 15500;
+  event.id = 15537;
+  const Bytes expected{0x01, 0x03, 0x00, 0x00, 0x05, 0x00, 0x19, 0x00, 0xFE, 0xFF, 0x00, 0x00,
+                       0x8C, 0x3C, 0xB1, 0x3C, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+  EXPECT_EQ(as_vector(encode_header(event_header(0x00190005, event))), expected);
+  const auto topic = encode_topic(Key{event.group, event.id});
+  EXPECT_EQ(Bytes(topic.begin(), topic.end()), (Bytes{0x3C, 0x8C, 0x3C, 0xB1}));
+}
+
 TEST(IpcWire, RequestWithoutReplyInformationHasNoFlagAndNoTag) {
   Request request;
   request.group = 15500;
