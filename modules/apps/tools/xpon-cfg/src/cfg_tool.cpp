@@ -51,6 +51,14 @@ std::string section_list() {
   return names;
 }
 
+json fields_json(const SectionSpec& section, const SectionValues& values) {
+  json fields = json::object();
+  for (std::size_t f = 0; f < section.fields.size(); ++f) {
+    fields[std::string(section.fields[f].name)] = values[f];
+  }
+  return fields;
+}
+
 class Tool {
  public:
   Tool(std::ostream& out, std::ostream& err, const EndpointFactory& make_endpoint)
@@ -91,24 +99,38 @@ class Tool {
     if (db == nullptr) {
       return fail(open_error_);
     }
-    auto all = db->read_all();
-    if (!all) {
-      return fail(message_of(all.error()));
+    if (as_json) {
+      // JSON is what import reads back, so it is printed whole or not at all.
+      json document = json::object();
+      if (only != nullptr) {
+        auto values = db->read(*only);
+        if (!values) {
+          return fail(message_of(values.error()));
+        }
+        document[std::string(only->name)] = fields_json(*only, values.value());
+      } else {
+        auto all = db->read_all();
+        if (!all) {
+          return fail(message_of(all.error()));
+        }
+        for (std::size_t i = 0; i < cfgdb::sections().size(); ++i) {
+          const auto& section = cfgdb::sections()[i];
+          document[std::string(section.name)] = fields_json(section, all.value()[i]);
+        }
+      }
+      fmt::print(out_, "{}\n", document.dump(2));
+      return kDone;
     }
-    json document = json::object();
-    const auto sections = cfgdb::sections();
-    for (std::size_t i = 0; i < sections.size(); ++i) {
-      const auto& section = sections[i];
+    // The text listing shows every readable section even when another one holds a bad value.
+    int status = kDone;
+    for (const auto& section : cfgdb::sections()) {
       if (only != nullptr && only != &section) {
         continue;
       }
-      const auto& values = all.value()[i];
-      if (as_json) {
-        json fields = json::object();
-        for (std::size_t f = 0; f < section.fields.size(); ++f) {
-          fields[std::string(section.fields[f].name)] = values[f];
-        }
-        document[std::string(section.name)] = std::move(fields);
+      auto values = db->read(section);
+      if (!values) {
+        fmt::print(err_, "xpon-cfg: {}\n", message_of(values.error()));
+        status = kFailed;
         continue;
       }
       fmt::print(out_, "{} ({})\n", section.name, section.id);
@@ -116,13 +138,10 @@ class Tool {
         fmt::print(out_, "  (no fields)\n");
       }
       for (std::size_t f = 0; f < section.fields.size(); ++f) {
-        fmt::print(out_, "  {} = {}\n", section.fields[f].name, values[f]);
+        fmt::print(out_, "  {} = {}\n", section.fields[f].name, values.value()[f]);
       }
     }
-    if (as_json) {
-      fmt::print(out_, "{}\n", document.dump(2));
-    }
-    return kDone;
+    return status;
   }
 
   int set(const std::string& name, const std::vector<std::string>& assignments) {

@@ -129,13 +129,33 @@ TEST_F(CfgTool, ShowRefusesAnUnknownSection) {
   expect_refused({"show", "ALARM_SYSTEM_FANS"}, "unknown section 'ALARM_SYSTEM_FANS'");
 }
 
-TEST_F(CfgTool, ShowReportsAHandEditedValueAsAFailure) {
+TEST_F(CfgTool, ShowOfAnotherSectionIgnoresAHandEditedValue) {
   stored();
   edit_by_hand("UPDATE field SET value = 'warm' WHERE section_id = 81 AND name = 'sensor1_upper'");
-  EXPECT_EQ(run_tool({"show", "FAN"}), kFailed);
+  EXPECT_EQ(run_tool({"show", "FAN"}), kDone);
+  EXPECT_EQ(out_.str(), "FAN (42)\n  mode = 0\n  family = 1\n");
+  EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(CfgTool, ShowAllListsTheGoodSectionsAndFailsOnAHandEditedValue) {
+  stored();
+  edit_by_hand("UPDATE field SET value = 'warm' WHERE section_id = 81 AND name = 'sensor1_upper'");
+  EXPECT_EQ(run_tool({"show"}), kFailed);
   EXPECT_EQ(err_.str(),
             "xpon-cfg: configuration database /var/lib/xpon/cfgdb.sqlite3: ALARM_SYSTEM_TEMPERATURE: stored "
             "sensor1_upper='warm' is not a whole number\n");
+  EXPECT_THAT(out_.str(),
+              HasSubstr("ALARM_SYSTEM_LOAD_AVERAGE (80)\n  threshold = 400\nALARM_SYSTEM_PWR_MODULE (123)\n"));
+}
+
+TEST_F(CfgTool, ExportPrintsNothingWhenAStoredValueIsBad) {
+  stored();
+  edit_by_hand("UPDATE field SET value = 70000 WHERE section_id = 79 AND name = 'lower_speed'");
+  EXPECT_EQ(run_tool({"export"}), kFailed);
+  EXPECT_EQ(out_.str(), "");
+  EXPECT_EQ(err_.str(),
+            "xpon-cfg: configuration database /var/lib/xpon/cfgdb.sqlite3: ALARM_SYSTEM_FAN: stored "
+            "lower_speed=70000 is out of range 0..65535\n");
 }
 
 TEST_F(CfgTool, SetWritesAndPublishesTheChangedSection) {
