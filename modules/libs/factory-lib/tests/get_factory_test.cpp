@@ -1,8 +1,10 @@
+#include "factory_c_check.h"
 #include "xpon/factory/factory.h"
 #include "xpon/factory/factory_data.hpp"
 #include "xpon/logger/logger.hpp"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -112,13 +114,31 @@ TEST_F(FactoryGet, ImageThatIsADirectoryCannotBeRead) {
 }
 
 TEST_F(FactoryGet, UnreadableImageReturnsEacces) {
-  if (::geteuid() == 0) {
-    GTEST_SKIP() << "root reads files whatever their mode";
-  }
   write(device_image(), image_named("QD7R-LC-8"));
   fs::permissions(device_image(), fs::perms::none);
-  EXPECT_EQ(get_factory(nullptr, &record_, &valid_), EACCES);
-  EXPECT_FALSE(valid_);
+  if (::geteuid() != 0) {
+    EXPECT_EQ(get_factory(nullptr, &record_, &valid_), EACCES);
+    EXPECT_FALSE(valid_);
+    return;
+  }
+  // Root reads any file, so the read is made by a child that has given up root; the folders
+  // stay searchable so that only the file's own mode stands in the way.
+  fs::permissions(root_, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+      ::_exit(100);
+    }
+    Factory__data record{};
+    bool valid = true;
+    const int result = get_factory(nullptr, &record, &valid);
+    ::_exit(result == EACCES && !valid ? 0 : 101);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "100: cannot drop root, 101: not EACCES with the flag cleared";
 }
 
 TEST_F(FactoryGet, EmptyImageIsReadButInvalid) {
@@ -197,6 +217,20 @@ TEST_F(FactoryGet, FromFileUsesThePathAsGiven) {
   EXPECT_STREQ(record_.device_name, "Korvan-16");
   // The root is not put in front of an explicit path.
   EXPECT_EQ(get_factory_from_file(nullptr, "/image.bin", &record_, &valid_), ENOENT);
+}
+
+TEST_F(FactoryGet, CCallersSeeTheSameRecord) {
+  EXPECT_EQ(factory_c_record_size(), sizeof(Factory__data));
+  EXPECT_EQ(factory_c_fields_present_offset(), offsetof(Factory__data, fields_present));
+  const fs::path image = root_ / "image.bin";
+  write(image, image_named("QD7R-FC-2"));
+  char name[FACTORY__DEVICE_NAME_SIZE] = {};
+  EXPECT_EQ(factory_c_read_device_name(image.c_str(), name, sizeof name, &valid_), 0);
+  EXPECT_TRUE(valid_);
+  EXPECT_STREQ(name, "QD7R-FC-2");
+  EXPECT_EQ(factory_c_read_device_name((root_ / "none.bin").c_str(), name, sizeof name, &valid_), ENOENT);
+  EXPECT_FALSE(valid_);
+  EXPECT_STREQ(name, "");
 }
 
 // The lines get_factory logs, read back from a file sink with a "level text" pattern.

@@ -1,4 +1,5 @@
 #include "xpon/units/units.h"
+#include "units_c_check.h"
 
 #include <gtest/gtest.h>
 
@@ -117,6 +118,11 @@ TEST(UnitsChain, ConvertsAModuleReadingAsTheDaemonDoes) {
 TEST(UnitsChain, ExternallyCalibratedBias) {
   // 3000 units with slope 1.25 and offset -50: 3700 units of 2 uA, 7.4 mA.
   EXPECT_EQ(ampers_to_milliampers(calculate_fixed_decimal(3000, 0x0140, 0xFFCE)), 7.4);
+}
+
+TEST(UnitsFromC, CCallersGetTheSameValues) {
+  EXPECT_EQ(units_c_eddi_power_mw(1000, 0x0100, 0), 0.1);
+  EXPECT_EQ(units_c_temperature(0xD800, 0x0100, 0), -40.0);
 }
 
 }  // namespace
