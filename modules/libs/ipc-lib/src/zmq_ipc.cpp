@@ -143,8 +143,9 @@ struct ZmqIpc::Impl {
 
   // --- sending ---
   Outlet& outlet_for(Address destination);
+  /// Sends one message; `destination` names the peer in error texts (nullopt: the bus).
   Result<void> send_frames(Outlet& outlet, std::span<const std::span<const std::uint8_t>> frames,
-                           std::string_view what);
+                           std::optional<Address> destination);
   void queue_command(const SubscriptionCommand& command);
 
   Address address;
@@ -442,8 +443,12 @@ void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames) {
       count_drop(counters.late_responses, "response without a waiting request");
       return;
     }
-    waiting->second->response = wire::to_response(*header, payload);
-    waiting->second->ready.notify_one();
+    // The waiter is woken after the lock is released, so that it does not wake only to block on it;
+    // it keeps its PendingRequest alive itself.
+    const std::shared_ptr<PendingRequest> request = waiting->second;
+    request->response = wire::to_response(*header, payload);
+    lock.unlock();
+    request->ready.notify_one();
   } else {
     count_drop(counters.bad_kinds, "event sent to an inbox");
   }
@@ -480,13 +485,17 @@ void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames) {
 // Delivery
 
 void ZmqIpc::Impl::enqueue(std::function<void()> task) {
+  bool queued = false;
   {
     std::lock_guard lock(queue_mutex);
     if (queue.size() < options.delivery_queue_capacity) {
       queue.push_back(std::move(task));
-      queue_ready.notify_one();
-      return;
+      queued = true;
     }
+  }
+  if (queued) {
+    queue_ready.notify_one();
+    return;
   }
   // Dropping the newest keeps the I/O thread free to match responses; blocking it here could
   // deadlock a handler that waits for an answer of its own.
@@ -603,7 +612,11 @@ Outlet& ZmqIpc::Impl::outlet_for(Address destination) {
 }
 
 Result<void> ZmqIpc::Impl::send_frames(Outlet& outlet, std::span<const std::span<const std::uint8_t>> frames,
-                                       std::string_view what) {
+                                       std::optional<Address> destination) {
+  // Formatted only on failure: this is the hot path of every message.
+  const auto what = [&] {
+    return destination ? fmt::format("to 0x{:08x}", *destination) : std::string("to the event bus");
+  };
   std::lock_guard lock(outlet.mutex);
   try {
     for (std::size_t i = 0; i < frames.size(); ++i) {
@@ -614,11 +627,11 @@ Result<void> ZmqIpc::Impl::send_frames(Outlet& outlet, std::span<const std::span
       // ZeroMQ accepts the later frames of a message once it has taken the first one.
       if (!outlet.socket.send(zmq::const_buffer(frames[i].data(), frames[i].size()), flags)) {
         return core::ErrorPayload(core::Error::Overflow,
-                                  fmt::format("The send queue {} is full; the message was not sent", what));
+                                  fmt::format("The send queue {} is full; the message was not sent", what()));
       }
     }
   } catch (const zmq::error_t& error) {
-    return core::ErrorPayload(core::Error::CommonError, fmt::format("Sending {} failed: {}", what, error.what()));
+    return core::ErrorPayload(core::Error::CommonError, fmt::format("Sending {} failed: {}", what(), error.what()));
   }
   return core::success();
 }
@@ -715,7 +728,7 @@ Result<void> ZmqIpc::send_response(Address address, const Response& response) {
   const auto header = wire::encode_header(wire::response_header(impl_->address, response));
   const std::array<std::span<const std::uint8_t>, 2> frames{std::span<const std::uint8_t>(header),
                                                             std::span<const std::uint8_t>(response.payload)};
-  return impl_->send_frames(impl_->outlet_for(address), frames, fmt::format("to 0x{:08x}", address));
+  return impl_->send_frames(impl_->outlet_for(address), frames, address);
 }
 
 Result<void> ZmqIpc::send_event(const Event& event) {
@@ -728,7 +741,7 @@ Result<void> ZmqIpc::send_event(const Event& event) {
   const std::array<std::span<const std::uint8_t>, 3> frames{std::span<const std::uint8_t>(topic),
                                                             std::span<const std::uint8_t>(header),
                                                             std::span<const std::uint8_t>(event.payload)};
-  return impl_->send_frames(impl_->bus, frames, "to the event bus");
+  return impl_->send_frames(impl_->bus, frames, std::nullopt);
 }
 
 Result<void> ZmqIpc::connect(Address address) {
@@ -765,7 +778,7 @@ Result<Response> ZmqIpc::request(Address address, Request request, std::chrono::
                                                             std::span<const std::uint8_t>(request.payload)};
   Result<void> sent = core::success();
   try {
-    sent = impl.send_frames(impl.outlet_for(address), frames, fmt::format("to 0x{:08x}", address));
+    sent = impl.send_frames(impl.outlet_for(address), frames, address);
   } catch (const zmq::error_t& error) {
     sent = core::ErrorPayload(core::Error::CommonError,
                               fmt::format("Cannot connect to 0x{:08x}: {}", address, error.what()));

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -338,6 +339,23 @@ TEST_F(ZmqIpcTest, SecondOwnerOfAnAddressIsRefused) {
   EXPECT_NO_THROW(endpoint(kServer));
 }
 
+TEST_F(ZmqIpcTest, LeftoversOfACrashedOwnerDoNotBlockTheAddress) {
+  // A process killed hard leaves its socket file and lock file behind, but no lock.
+  ensure_ipc_directory();
+  std::ofstream(ipc_directory() + "/0015fffe") << "stale";
+  std::ofstream(ipc_directory() + "/0015fffe.lock") << "";
+  auto server = endpoint(kServer);
+  serve_echo(*server, kQuery);
+  auto client = endpoint(kClient);
+  Request request;
+  request.group = kQuery.group;
+  request.id = kQuery.id;
+  request.payload = {3};
+  const auto answer = client->request(kServer, request, milliseconds(2000));
+  ASSERT_TRUE(answer.has_value());
+  EXPECT_EQ(answer.value().payload, Payload{3});
+}
+
 TEST_F(ZmqIpcTest, SubscribingTwiceAndUnsubscribingNothingAreErrors) {
   auto server = endpoint(kServer);
   const auto handler = [](const Request&) -> Result<void> { return core::success(); };
@@ -400,6 +418,29 @@ TEST_F(ZmqIpcTest, EventSourceTakesTheSlotFromTheEnvironment) {
   EXPECT_EQ(event_source_for(0x0019FFFE), 0x0019FFFEU);
   ::unsetenv("XPON_SLOT");
   EXPECT_EQ(event_source_for(0x0019FFFE), 0x0019FFFEU);
+}
+
+TEST_F(ZmqIpcTest, FullSendQueueToAnAbsentPeerIsAnOverflowError) {
+  ZmqIpcOptions options;
+  options.logger = log;
+  options.send_high_water_mark = 5;
+  auto client = make_zmq_endpoint(kClient, "test", options);
+  Response response;
+  std::optional<core::ErrorPayload> refused;
+  int accepted = 0;
+  for (int i = 0; i < 100 && !refused; ++i) {
+    auto sent = client->send_response(0x0015FFFE, response);
+    if (sent) {
+      ++accepted;
+    } else {
+      refused = sent.error();
+    }
+  }
+  ASSERT_TRUE(refused.has_value());
+  EXPECT_GE(accepted, 5);
+  EXPECT_EQ(refused->error, core::Error::Overflow);
+  EXPECT_EQ(refused->to_string(),
+            "Error: Overflow. Message: The send queue to 0x0015fffe is full; the message was not sent.");
 }
 
 }  // namespace
