@@ -20,9 +20,9 @@ using ::testing::ElementsAreArray;
 // Runs the installed-form program, as an operator would, under the test's sandbox root.
 class CfgToolProgram : public cfgdb::test::Sandbox {
  protected:
-  int run_program(const std::string& arguments) {
+  int run_program(const std::string& arguments, const std::string& input = "/dev/null") {
     const std::string command =
-        std::string(XPON_CFG_PROGRAM) + " " + arguments + " >" + root_ + "/out 2>" + root_ + "/err </dev/null";
+        std::string(XPON_CFG_PROGRAM) + " " + arguments + " >" + root_ + "/out 2>" + root_ + "/err <" + input;
     const int status = std::system(command.c_str());
     out_ = slurp(root_ + "/out");
     err_ = slurp(root_ + "/err");
@@ -62,6 +62,22 @@ TEST_F(CfgToolProgram, RefusalsExitTwo) {
   EXPECT_EQ(run_program(""), 2);
   EXPECT_EQ(run_program("show ALARM_SYSTEM_RAM"), 0);
   EXPECT_EQ(out_, "ALARM_SYSTEM_RAM (77)\n  threshold = 10\n") << "nothing was written";
+}
+
+TEST_F(CfgToolProgram, ImportReadsStandardInputAllOrNothing) {
+  const std::string bad = root_ + "/bad.json";
+  std::ofstream(bad) << R"({"ALARM_DISK_SPACE": {"threshold": 20}, "ALARM_SYSTEM_RAM": {"threshold": 200}})";
+  EXPECT_EQ(run_program("import -", bad), 2);
+  EXPECT_EQ(err_, "xpon-cfg: ALARM_SYSTEM_RAM: threshold=200 is out of range 0..100\n");
+  EXPECT_EQ(run_program("show 78"), 0);
+  EXPECT_EQ(out_, "ALARM_DISK_SPACE (78)\n  threshold = 10\n") << "nothing was written";
+
+  const std::string good = root_ + "/good.json";
+  std::ofstream(good) << R"({"ALARM_DISK_SPACE": {"threshold": 20}})";
+  EXPECT_EQ(run_program("import -", good), 0) << err_;
+  EXPECT_EQ(out_, "ALARM_DISK_SPACE (78): changed\n");
+  EXPECT_EQ(run_program("show 78"), 0);
+  EXPECT_EQ(out_, "ALARM_DISK_SPACE (78)\n  threshold = 20\n");
 }
 
 TEST_F(CfgToolProgram, DatabaseThatCannotBeOpenedExitsOne) {
