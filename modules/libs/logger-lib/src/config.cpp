@@ -147,6 +147,9 @@ SinkConfig read_sink(const toml::table& table, const std::string& path) {
       if (text->get().empty()) {
         fail(path, "file sink path is empty");
       }
+      if (text->get().find('\0') != std::string::npos) {
+        fail(path, "file sink path contains a NUL character");
+      }
       sink.path = text->get();
     } else if (name == "max_size") {
       sink.max_size = read_max_size(value, path);
@@ -250,6 +253,10 @@ ContextConfig parse_config(std::string_view text, const std::string& path) {
 ContextConfig read_config(const std::string& path) {
   if (path.empty()) {
     throw ConfigError("logging configuration path is empty");
+  }
+  // open() would stop at the NUL and read some other file.
+  if (path.find('\0') != std::string::npos) {
+    throw ConfigError("logging configuration path contains a NUL character");
   }
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (file.get() < 0) {

@@ -54,6 +54,11 @@ TEST_F(ConfigError, EmptyPathIsRefused) {
   EXPECT_EQ(error_of_path(""), "logging configuration path is empty");
 }
 
+TEST_F(ConfigError, PathWithNulIsRefused) {
+  const std::string conf = write_file("SYSTEM-MGR.conf", "[[sink]]\ntype = \"stderr\"\n");
+  EXPECT_EQ(error_of_path(conf + std::string(1, '\0') + "x"), "logging configuration path contains a NUL character");
+}
+
 TEST_F(ConfigError, OversizedFileIsRefused) {
   const std::string huge(1024 * 1024 + 1, '#');
   EXPECT_EQ(error_of(huge), conf_ + ": larger than 1048576 bytes");
@@ -148,6 +153,11 @@ TEST_F(ConfigError, FileSinkPathMustBeAString) {
 
 TEST_F(ConfigError, FileSinkPathMustNotBeEmpty) {
   EXPECT_EQ(error_of("[[sink]]\ntype = \"file\"\npath = \"\"\n"), conf_ + ": file sink path is empty");
+}
+
+TEST_F(ConfigError, FileSinkPathWithNulIsRefused) {
+  EXPECT_EQ(error_of("[[sink]]\ntype = \"file\"\npath = \"" + path("a.log") + "\\u0000b\"\n"),
+            conf_ + ": file sink path contains a NUL character");
 }
 
 class BadMaxSize : public ConfigError {

@@ -125,6 +125,20 @@ TEST_F(LoggingContextTest, EveryLevelNameIsAccepted) {
   }
 }
 
+TEST_F(LoggingContextTest, OddPatternsStillGiveOneLinePerStatement) {
+  const std::string log = path("system-mgr.log");
+  Logger logger("SYSTEM-MGR");
+  for (const std::string_view pattern : {"%", "%%", "%-", "%10", "%-10v", "%^%$", "%E%", "%=200v", "\\u0001%v"}) {
+    std::filesystem::remove(log);
+    const std::string conf = write_file(
+        "odd.conf", "pattern = \"" + std::string(pattern) + "\"\n[[sink]]\ntype = \"file\"\npath = \"" + log + "\"\n");
+    auto context = Logger::create_context(conf, "SYSTEM-MGR_IPC", 0);
+    ASSERT_TRUE(context.has_value()) << pattern;
+    logger.logf(kInfo, "text");
+    EXPECT_EQ(split_lines(read_file(log)).size(), 1U) << pattern;
+  }
+}
+
 TEST_F(LoggingContextTest, RotatesBySize) {
   const std::string log = path("system-mgr.log");
   auto context = make_context("level = \"info\"\npattern = \"%v\"\n[[sink]]\ntype = \"file\"\npath = \"" + log +
