@@ -277,6 +277,14 @@ ZmqIpc::Impl::~Impl() {
   [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
   io_thread.join();
   {
+    // A handler still waiting for an answer (to a request of its own) gives up now rather than
+    // at its time-out: no answer can arrive without the I/O thread.
+    std::lock_guard lock(pending_mutex);
+    for (auto& [tag, waiting] : pending) {
+      waiting->ready.notify_all();
+    }
+  }
+  {
     std::lock_guard lock(queue_mutex);
     delivery_stopping = true;
     queue.clear();
@@ -788,7 +796,7 @@ Result<Response> ZmqIpc::request(Address address, Request request, std::chrono::
     impl.pending.erase(tag);
     return sent.error();
   }
-  waiting->ready.wait_for(lock, timeout, [&] { return waiting->response.has_value(); });
+  waiting->ready.wait_for(lock, timeout, [&] { return waiting->response.has_value() || impl.stopping.load(); });
   // Once the tag leaves the map, an answer that still arrives is late and is dropped.
   impl.pending.erase(tag);
   if (!waiting->response) {

@@ -356,6 +356,36 @@ TEST_F(ZmqIpcTest, LeftoversOfACrashedOwnerDoNotBlockTheAddress) {
   EXPECT_EQ(answer.value().payload, Payload{3});
 }
 
+TEST_F(ZmqIpcTest, ClosingEndsAHandlerWaitingForItsOwnRequest) {
+  auto server = endpoint(kServer);
+  auto client = endpoint(kClient);
+  std::atomic<bool> inside{false};
+  std::atomic<bool> gave_up{false};
+  ZmqIpc* raw_server = server.get();
+  ASSERT_TRUE(server
+                  ->subscribe_request(kQuery,
+                                      [&, raw_server](const Request&) -> Result<void> {
+                                        inside = true;
+                                        Request onward;
+                                        onward.group = 1;
+                                        onward.id = 2;
+                                        const auto answer =
+                                            raw_server->request(0x0077FFFE, onward, milliseconds(10000));
+                                        gave_up = !answer.has_value();
+                                        return core::success();
+                                      })
+                  .has_value());
+  Request request;
+  request.group = kQuery.group;
+  request.id = kQuery.id;
+  (void)client->request(kServer, request, milliseconds(10));
+  ASSERT_TRUE(wait_until([&] { return inside.load(); }));
+  const auto start = std::chrono::steady_clock::now();
+  server.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
+  EXPECT_TRUE(gave_up.load());
+}
+
 TEST_F(ZmqIpcTest, SubscribingTwiceAndUnsubscribingNothingAreErrors) {
   auto server = endpoint(kServer);
   const auto handler = [](const Request&) -> Result<void> { return core::success(); };
