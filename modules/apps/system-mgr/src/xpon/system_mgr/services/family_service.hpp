@@ -1,0 +1,95 @@
+#pragma once
+
+#include "xpon/board/board.hpp"
+#include "xpon/cfgdb/cfgdb_wrapper.hpp"
+#include "xpon/core/guard.hpp"
+#include "xpon/core/result.hpp"
+#include "xpon/ipc/ipc.hpp"
+#include "xpon/logger/ilogger.hpp"
+#include "xpon/service/service.hpp"
+#include "xpon/system_mgr/functions/base.hpp"
+
+#include <memory>
+#include <source_location>
+#include <utility>
+#include <vector>
+
+namespace xpon::system_mgr {
+
+/// Address of the Election Manager, which FC and LC services connect to as clients.
+inline constexpr ipc::Address kElectionManagerAddress = 0x0015FFFE;
+
+/// What the three device-family services share: the family's system functions, in creation
+/// order, and the fan-out of the launcher's calls to them.
+template <typename FamilyBase>
+class FamilyService : public FamilyBase {
+ public:
+  ~FamilyService() override = default;
+  FamilyService(const FamilyService&) = delete;
+  FamilyService& operator=(const FamilyService&) = delete;
+
+  /// Runs every function in creation order, then the family base; stops at the first failure.
+  core::Result<void> run(const service::ServiceCtx& ctx) override {
+    auto result = fan_out([](ISysFunction& function) { return function.run(); });
+    if (result.has_error()) {
+      return result;
+    }
+    return FamilyBase::run(ctx);
+  }
+
+  /// Stops every function in creation order, then the family base; stops at the first failure.
+  core::Result<void> stop(const service::ServiceCtx& ctx) override {
+    auto result = fan_out([](ISysFunction& function) { return function.stop(); });
+    if (result.has_error()) {
+      return result;
+    }
+    return FamilyBase::stop(ctx);
+  }
+
+  /// Passes the changed sections to every function; stops at the first failure.
+  core::Result<void> config_change(const service::ServiceCtx& ctx,
+                                   const std::vector<service::Config_change>& changes) override {
+    return fan_out([&](ISysFunction& function) { return function.config_change(ctx, changes); });
+  }
+
+  /// Passes a mastership change to every function; stops at the first failure.
+  core::Result<void> master_change(const service::ServiceCtx& ctx) override {
+    return fan_out([&](ISysFunction& function) { return function.master_change(ctx); });
+  }
+
+  /// The family's functions, in creation order.
+  [[nodiscard]] const std::vector<std::shared_ptr<ISysFunction>>& functions() const noexcept { return functions_; }
+
+ protected:
+  FamilyService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
+                const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb)
+      : logger_(logger), ipc_(ipc), cfgdb_(cfgdb) {}
+
+  /// Calls `call` on each function in creation order, guarded; the first error is logged and
+  /// returned, and the functions after it are not called.
+  template <typename Call>
+  core::Result<void> fan_out(Call&& call, const std::source_location& where = std::source_location::current()) {
+    for (const auto& function : functions_) {
+      auto result = core::guarded_call(
+          *logger_, [&] { return call(*function); }, where);
+      if (result.has_error()) {
+        return core::propagate(*logger_, std::move(result), where);
+      }
+    }
+    return core::success();
+  }
+
+  /// Connects the Election Manager client; throws std::runtime_error with `failure_text` when it cannot.
+  void connect_election_manager(const char* failure_text) {
+    if (ipc_->connect(kElectionManagerAddress).has_error()) {
+      throw std::runtime_error(failure_text);
+    }
+  }
+
+  std::shared_ptr<logger::ILogger> logger_;
+  std::shared_ptr<ipc::IIpc> ipc_;
+  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_;
+  std::vector<std::shared_ptr<ISysFunction>> functions_;
+};
+
+}  // namespace xpon::system_mgr

@@ -1,0 +1,24 @@
+#include "xpon/system_mgr/services/fc_service.hpp"
+
+#include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+
+#include <chrono>
+
+namespace xpon::system_mgr {
+
+using std::chrono::milliseconds;
+
+FcService::FcService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
+                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
+                     [[maybe_unused]] const std::shared_ptr<board::IBoard>& board)
+    : FamilyService(logger, ipc, cfgdb) {
+  connect_election_manager("Unable to connect Election Manager IPC client [FcService]");
+  functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  logger_->progress("FcService create successfully");
+}
+
+FcService::~FcService() {
+  logger_->progress("FcService destroy successfully");
+}
+
+}  // namespace xpon::system_mgr

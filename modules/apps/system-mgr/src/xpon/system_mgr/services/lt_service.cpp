@@ -1,0 +1,27 @@
+#include "xpon/system_mgr/services/lt_service.hpp"
+
+#include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+
+#include <chrono>
+
+namespace xpon::system_mgr {
+
+using std::chrono::milliseconds;
+
+LtService::LtService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
+                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
+                     [[maybe_unused]] const std::shared_ptr<board::IBoard>& board)
+    : FamilyService(logger, ipc, cfgdb) {
+  functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  logger_->progress("LtService create successfully");
+}
+
+LtService::~LtService() {
+  logger_->progress("LtService destroy successfully");
+}
+
+core::Result<void> LtService::master_change(const service::ServiceCtx& ctx) {
+  return service::ServiceBaseKorvan::master_change(ctx);
+}
+
+}  // namespace xpon::system_mgr
