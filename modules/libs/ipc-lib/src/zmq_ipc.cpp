@@ -26,6 +26,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -124,6 +125,9 @@ struct ZmqIpc::Impl {
   ~Impl();
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
+
+  void stop_threads();
+  void close_all();
 
   // --- I/O thread ---
   void io_loop();
@@ -264,18 +268,26 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     }
     throw;
   }
-  io_thread = std::thread([this] { io_loop(); });
-  workers.reserve(options.delivery_threads);
-  for (unsigned i = 0; i < options.delivery_threads; ++i) {
-    workers.emplace_back([this] { delivery_loop(); });
+  try {
+    io_thread = std::thread([this] { io_loop(); });
+    workers.reserve(options.delivery_threads);
+    for (unsigned i = 0; i < options.delivery_threads; ++i) {
+      workers.emplace_back([this] { delivery_loop(); });
+    }
+  } catch (const std::system_error& error) {
+    stop_threads();
+    close_all();
+    throw std::runtime_error(fmt::format("IPC endpoint {}: cannot start its threads: {}", name, error.what()));
   }
 }
 
-ZmqIpc::Impl::~Impl() {
+void ZmqIpc::Impl::stop_threads() {
   stopping.store(true);
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
-  io_thread.join();
+  if (io_thread.joinable()) {
+    io_thread.join();
+  }
   {
     // A handler still waiting for an answer (to a request of its own) gives up now rather than
     // at its time-out: no answer can arrive without the I/O thread.
@@ -293,6 +305,9 @@ ZmqIpc::Impl::~Impl() {
   for (auto& worker : workers) {
     worker.join();
   }
+}
+
+void ZmqIpc::Impl::close_all() {
   inbox.close();
   subscriber.close();
   bus.socket.close();
@@ -303,6 +318,11 @@ ZmqIpc::Impl::~Impl() {
   context.close();
   ::close(wake_fd);
   ::close(lock_fd);
+}
+
+ZmqIpc::Impl::~Impl() {
+  stop_threads();
+  close_all();
 }
 
 // ---------------------------------------------------------------------------------------------
