@@ -1,0 +1,417 @@
+#include "decode.hpp"
+
+#include "tool.hpp"
+#include "xpon/system_mgr/api.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <span>
+#include <utility>
+
+namespace xpon::system_mgr::ctl {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using ipc::tool::UsageError;
+
+struct Named {
+  std::uint16_t id;
+  std::string_view name;
+};
+
+constexpr std::array kRequests{
+    Named{IPC_SYSTEM_MGR__GET_RAM_DATA, "IPC_SYSTEM_MGR__GET_RAM_DATA"},
+    Named{IPC_SYSTEM_MGR__GET_HDD_DATA, "IPC_SYSTEM_MGR__GET_HDD_DATA"},
+    Named{IPC_SYSTEM_MGR__CNTRL_LED_PANEL, "IPC_SYSTEM_MGR__CNTRL_LED_PANEL"},
+    Named{IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, "IPC_SYSTEM_MGR__GET_DEVICE_FACTORY"},
+    Named{IPC_SYSTEM_MGR__GET_CRATE_FACTORY, "IPC_SYSTEM_MGR__GET_CRATE_FACTORY"},
+    Named{IPC_SYSTEM_MGR__GET_FPGA_VERSION, "IPC_SYSTEM_MGR__GET_FPGA_VERSION"},
+    Named{IPC_SYSTEM_MGR__GET_CPLD_VERSION, "IPC_SYSTEM_MGR__GET_CPLD_VERSION"},
+    Named{IPC_SYSTEM_MGR__ENABLE_F_BUTTON, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON"},
+    Named{IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET"},
+    Named{IPC_SYSTEM_MGR__DISABLE_F_BUTTON, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON"},
+    Named{IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET"},
+    Named{IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED"},
+    Named{IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED"},
+    Named{IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, "IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED"},
+    Named{IPC_SYSTEM_MGR__GET_TEMP, "IPC_SYSTEM_MGR__GET_TEMP"},
+    Named{IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT,
+          "IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT"},
+    Named{IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT,
+          "IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT"},
+    Named{IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA, "IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA"},
+    Named{IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA, "IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA"},
+    Named{IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER, "IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER"},
+    Named{IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, "IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO"},
+    Named{IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO, "IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO"},
+    Named{IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX"},
+    Named{IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX"},
+    Named{IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX"},
+    Named{IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX"},
+    Named{IPC_SYSTEM_MGR__GET_FAN_STATES, "IPC_SYSTEM_MGR__GET_FAN_STATES"},
+    Named{IPC_SYSTEM_MGR__SET_FAN_SPEED, "IPC_SYSTEM_MGR__SET_FAN_SPEED"},
+    Named{IPC_SYSTEM_MGR__GET_PS_STATES, "IPC_SYSTEM_MGR__GET_PS_STATES"},
+    Named{IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, "IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE"},
+    Named{IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY, "IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY"},
+    Named{IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED, "IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED"},
+    Named{IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, "IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE"},
+    Named{IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF"},
+    Named{IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF"},
+    Named{IPC_SYSTEM_MGR__P_PORT_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_LED_OFF"},
+};
+
+constexpr std::array kDaemonEvents{
+    Named{IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, "IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE"},
+    Named{IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE, "IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE"},
+    Named{IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED, "IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED"},
+    Named{IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED, "IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED"},
+    Named{IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED, "IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED"},
+    Named{IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_REMOVED, "IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_REMOVED"},
+};
+
+// Events of other programs that show up on a board's bus next to the daemon's.
+constexpr std::uint16_t kCfgDbGroup = 11000;
+constexpr std::uint16_t kCfgDbSectionsChanged = 11001;
+constexpr std::uint16_t kElectionMasterChanged = 14505;
+
+constexpr std::string_view kRequestPrefix = "IPC_SYSTEM_MGR__";
+
+std::string_view find_name(std::span<const Named> table, std::uint16_t id) noexcept {
+  const auto found = std::find_if(table.begin(), table.end(), [id](const Named& named) { return named.id == id; });
+  return found == table.end() ? std::string_view{} : found->name;
+}
+
+std::uint32_t read_u32(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
+  return static_cast<std::uint32_t>(bytes[offset]) | (static_cast<std::uint32_t>(bytes[offset + 1]) << 8U) |
+         (static_cast<std::uint32_t>(bytes[offset + 2]) << 16U) |
+         (static_cast<std::uint32_t>(bytes[offset + 3]) << 24U);
+}
+
+std::string hex(std::span<const std::uint8_t> bytes) {
+  return ipc::tool::to_hex(ipc::Payload(bytes.begin(), bytes.end()));
+}
+
+std::string byte_count(std::size_t size) {
+  return size == 1 ? std::string("(1 byte)") : fmt::format("({} bytes)", size);
+}
+
+std::string address_text(std::uint32_t address) {
+  return fmt::format("0x{:08x}", address);
+}
+
+bool printable(std::uint8_t byte) noexcept {
+  return byte >= 0x20 && byte <= 0x7e;
+}
+
+/// The text with backslashes doubled and every byte outside printable ASCII as \xNN, so that
+/// whatever a publisher wrote stays readable and valid UTF-8.
+std::string escaped(std::string_view text, bool escape_quotes) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char character : text) {
+    const auto byte = static_cast<std::uint8_t>(character);
+    if (character == '\\') {
+      out += "\\\\";
+    } else if (character == '"' && escape_quotes) {
+      out += "\\\"";
+    } else if (printable(byte)) {
+      out += character;
+    } else {
+      fmt::format_to(std::back_inserter(out), "\\x{:02x}", byte);
+    }
+  }
+  return out;
+}
+
+/// The fields every JSON line of an event starts with.
+Json event_json(std::string_view type, const ipc::Event& event) {
+  Json line{{"type", type}, {"group", event.group}, {"id", event.id}};
+  const auto name = event_name({event.group, event.id});
+  if (!name.empty()) {
+    line["name"] = name;
+  }
+  line["source"] = address_text(event.source);
+  line["slot"] = event.source & 0xFFFFU;
+  line["address"] = address_text(event.address);
+  return line;
+}
+
+/// The text every line of an event starts with: key, name when known, and sender.
+std::string event_prefix(const ipc::Event& event) {
+  const auto name = event_name({event.group, event.id});
+  return fmt::format("{}:{} {} from {}", event.group, event.id, name.empty() ? "unknown event" : name,
+                     address_text(event.source));
+}
+
+std::string malformed(const ipc::Event& event, std::string_view type, const std::string& reason, bool json) {
+  if (json) {
+    Json line = event_json(type, event);
+    line["error"] = reason;
+    line["payload"] = hex(event.payload);
+    return line.dump();
+  }
+  return fmt::format("{}: {}; payload [{}] {}", event_prefix(event), reason, hex(event.payload),
+                     byte_count(event.payload.size()));
+}
+
+std::string format_alarm(const ipc::Event& event, bool json) {
+  const std::span<const std::uint8_t> bytes(event.payload);
+  if (bytes.size() != sizeof(Alarm)) {
+    return malformed(
+        event, "alarm",
+        fmt::format("malformed alarm record: {} bytes, an alarm record has {}", bytes.size(), sizeof(Alarm)), json);
+  }
+  const std::uint8_t state = bytes[offsetof(Alarm, state)];
+  const std::uint32_t alarm_id = read_u32(bytes, offsetof(Alarm, alarm_id));
+  const std::uint32_t instance = read_u32(bytes, offsetof(Alarm, instance));
+  std::array<std::int64_t, 3> values{};
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    values[i] = read_u32(bytes, offsetof(Alarm, value) + 4 * i);
+  }
+  // A temperature travels as one signed byte at the start of the first value.
+  if (alarm_id == SYSTEM_MGR_ALARM_TEMPERATURE) {
+    values[0] = static_cast<std::int8_t>(bytes[offsetof(Alarm, value)]);
+  }
+  const auto text_field = bytes.subspan(offsetof(Alarm, text), sizeof(Alarm::text));
+  const auto nul = std::find(text_field.begin(), text_field.end(), std::uint8_t{0});
+  const bool terminated = nul != text_field.end();
+  const std::string_view text(reinterpret_cast<const char*>(text_field.data()),
+                              static_cast<std::size_t>(nul - text_field.begin()));
+  const std::string_view name = alarm_name(alarm_id);
+  std::string state_text;
+  if (state == SYSTEM_MGR_ALARM_RAISED) {
+    state_text = "raised";
+  } else if (state == SYSTEM_MGR_ALARM_BACK_TO_NORMAL) {
+    state_text = "back to normal";
+  } else {
+    state_text = fmt::format("unknown state {}", state);
+  }
+  if (json) {
+    Json line = event_json("alarm", event);
+    line["alarm_id"] = alarm_id;
+    line["alarm"] = name.empty() ? std::string_view("unknown") : name;
+    line["state"] = state_text;
+    line["instance"] = instance;
+    line["values"] = values;
+    line["text"] = escaped(text, false);
+    if (!terminated) {
+      line["text_terminated"] = false;
+    }
+    return line.dump();
+  }
+  return fmt::format("{}:{} alarm from {}: id {} ({}) {}, instance {}, values {} {} {}, text \"{}\"{}", event.group,
+                     event.id, address_text(event.source), alarm_id, name.empty() ? "unknown" : name, state_text,
+                     instance, values[0], values[1], values[2], escaped(text, true),
+                     terminated ? "" : " (not NUL-terminated)");
+}
+
+std::string format_sfp(const ipc::Event& event, bool p_ports, bool inserted, bool json) {
+  const std::span<const std::uint8_t> bytes(event.payload);
+  const std::string_view group = p_ports ? "P" : "F";
+  if (inserted) {
+    if (bytes.size() != sizeof(SfpModuleRecord)) {
+      return malformed(
+          event, "sfp_inserted",
+          fmt::format("malformed SFP module record: {} bytes, a record has {}", bytes.size(), sizeof(SfpModuleRecord)),
+          json);
+    }
+    const std::uint32_t port = read_u32(bytes, offsetof(SfpModuleRecord, port));
+    const std::uint8_t state = bytes[offsetof(SfpModuleRecord, state)];
+    const auto data = bytes.subspan(offsetof(SfpModuleRecord, data));
+    if (json) {
+      Json line = event_json("sfp_inserted", event);
+      line["ports"] = group;
+      line["port"] = port;
+      line["state"] = state;
+      line["data"] = hex(data);
+      return line.dump();
+    }
+    return fmt::format("{}: {}-port {} SFP module inserted, state 0x{:02x}, data [{}]", event_prefix(event), group,
+                       port, state, hex(data));
+  }
+  if (bytes.size() != sizeof(std::uint32_t)) {
+    return malformed(event, "sfp_removed",
+                     fmt::format("malformed port number: {} bytes, a port number has 4", bytes.size()), json);
+  }
+  const std::uint32_t port = read_u32(bytes, 0);
+  if (json) {
+    Json line = event_json("sfp_removed", event);
+    line["ports"] = group;
+    line["port"] = port;
+    return line.dump();
+  }
+  return fmt::format("{}: {}-port {} SFP module removed", event_prefix(event), group, port);
+}
+
+std::string format_fan_rate(const ipc::Event& event, bool maximum, bool json) {
+  const std::string_view rate = maximum ? "max" : "min";
+  const auto slot = event.source & 0xFFFFU;
+  if (json) {
+    Json line = event_json("fan_rate", event);
+    line["rate"] = rate;
+    if (!event.payload.empty()) {
+      line["payload"] = hex(event.payload);
+    }
+    return line.dump();
+  }
+  std::string line =
+      fmt::format("{}: slot {} asks for the {} fan rate", event_prefix(event), slot, maximum ? "maximum" : "minimum");
+  if (!event.payload.empty()) {
+    line += fmt::format(", unexpected payload [{}] {}", hex(event.payload), byte_count(event.payload.size()));
+  }
+  return line;
+}
+
+std::string format_other(const ipc::Event& event, bool json) {
+  if (json) {
+    Json line = event_json("event", event);
+    line["payload"] = hex(event.payload);
+    return line.dump();
+  }
+  return fmt::format("{}: payload [{}] {}", event_prefix(event), hex(event.payload), byte_count(event.payload.size()));
+}
+
+std::string upper(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](char character) { return static_cast<char>(std::toupper(static_cast<unsigned char>(character))); });
+  return out;
+}
+
+}  // namespace
+
+std::string_view request_name(std::uint16_t id) noexcept {
+  return find_name(kRequests, id);
+}
+
+std::string_view event_name(ipc::Key key) noexcept {
+  if (key.group == IPC_SYSTEM_MGR) {
+    return find_name(kDaemonEvents, key.id);
+  }
+  if (key.group == IPC_EVENT_ALARM_GROUP && key.id == IPC_EVENT_ALARM_ID) {
+    return "alarm";
+  }
+  if (key.group == kCfgDbGroup && key.id == kCfgDbSectionsChanged) {
+    return "IPC_EVENT_CFGDB__SECTIONS_CHANGED";
+  }
+  if (key.group == IPC_ELECTION_MGR && key.id == kElectionMasterChanged) {
+    return "IPC_EVENT_ELECTION__MASTER_CHANGED";
+  }
+  return {};
+}
+
+std::string_view alarm_name(std::uint32_t alarm_id) noexcept {
+  switch (alarm_id) {
+    case SYSTEM_MGR_ALARM_RAM:
+      return "RAM";
+    case SYSTEM_MGR_ALARM_FAN:
+      return "fan";
+    case SYSTEM_MGR_ALARM_LOAD_AVERAGE:
+      return "system load average";
+    case SYSTEM_MGR_ALARM_TEMPERATURE:
+      return "temperature";
+    case SYSTEM_MGR_ALARM_DISK_SPACE:
+      return "disk space";
+    case SYSTEM_MGR_ALARM_POWER_SUPPLY:
+      return "power supply";
+    default:
+      return {};
+  }
+}
+
+std::uint16_t parse_request_id(std::string_view text) {
+  if (!text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) != 0) {
+    const auto id = static_cast<std::uint16_t>(ipc::tool::parse_number(text, 0xFFFF, "--id"));
+    if (request_name(id).empty()) {
+      throw UsageError(fmt::format("--id: {} is not a request of the system manager ({} to {})", text,
+                                   static_cast<int>(IPC_SYSTEM_MGR__GET_RAM_DATA),
+                                   static_cast<int>(IPC_SYSTEM_MGR__P_PORT_LED_OFF)));
+    }
+    return id;
+  }
+  std::string name = upper(text);
+  if (!name.starts_with(kRequestPrefix)) {
+    name.insert(0, kRequestPrefix);
+  }
+  for (const auto& request : kRequests) {
+    if (request.name == name) {
+      return request.id;
+    }
+  }
+  throw UsageError(fmt::format("--id: '{}' is neither a number nor the name of a request", text));
+}
+
+std::chrono::milliseconds parse_seconds(std::string_view text, std::string_view what) {
+  double seconds = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
+  // A day is far beyond any sensible wait and keeps the conversion below clear of overflow.
+  if (text.empty() || error != std::errc{} || stop != end || !(seconds > 0) || seconds > 86400) {
+    throw UsageError(fmt::format("{}: '{}' is not a number of seconds above 0 and at most 86400", what, text));
+  }
+  return std::chrono::milliseconds(std::max<std::int64_t>(1, std::llround(seconds * 1000)));
+}
+
+std::string format_event(const ipc::Event& event, bool json) {
+  if (event.group == IPC_EVENT_ALARM_GROUP && event.id == IPC_EVENT_ALARM_ID) {
+    return format_alarm(event, json);
+  }
+  if (event.group == IPC_SYSTEM_MGR) {
+    switch (event.id) {
+      case IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE:
+        return format_fan_rate(event, true, json);
+      case IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE:
+        return format_fan_rate(event, false, json);
+      case IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED:
+        return format_sfp(event, true, true, json);
+      case IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED:
+        return format_sfp(event, true, false, json);
+      case IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED:
+        return format_sfp(event, false, true, json);
+      case IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_REMOVED:
+        return format_sfp(event, false, false, json);
+      default:
+        break;
+    }
+  }
+  return format_other(event, json);
+}
+
+std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {
+  const auto name = request_name(id);
+  std::string meaning;
+  if (response.result == SYSTEM_MGR_RESULT_ANSWERED) {
+    meaning = "answered";
+  } else if (response.result == SYSTEM_MGR_RESULT_ERROR) {
+    meaning = "error answer";
+  } else {
+    meaning = "unknown result";
+  }
+  if (json) {
+    Json line{{"type", "response"}, {"group", static_cast<int>(IPC_SYSTEM_MGR)}, {"id", id}};
+    if (!name.empty()) {
+      line["name"] = name;
+    }
+    line["from"] = address_text(from);
+    line["result"] = response.result;
+    line["answer"] = meaning;
+    line["reply_tag"] = response.reply_tag;
+    line["address"] = address_text(response.address);
+    line["payload"] = hex(response.payload);
+    return line.dump();
+  }
+  return fmt::format("{}:{} {} from {}: result {} ({}), payload [{}] {}", static_cast<int>(IPC_SYSTEM_MGR), id,
+                     name.empty() ? "unknown request" : name, address_text(from), response.result, meaning,
+                     hex(response.payload), byte_count(response.payload.size()));
+}
+
+}  // namespace xpon::system_mgr::ctl

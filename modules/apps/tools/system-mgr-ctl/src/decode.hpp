@@ -1,0 +1,45 @@
+#pragma once
+
+// The parts of system-mgr-ctl that need no socket: names of the daemon's messages, decoding of
+// its events and responses to one line of text or JSON, and the option values the tool reads.
+
+#include "xpon/ipc/ipc.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace xpon::system_mgr::ctl {
+
+/// Exit statuses of the tool.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;  ///< error answer, or the operation failed
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitTimeout = 3;
+
+/// The identifier of a request the daemon answers ("IPC_SYSTEM_MGR__GET_TEMP"); empty if unknown.
+std::string_view request_name(std::uint16_t id) noexcept;
+
+/// The identifier of an event known to this tool ("IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED"); empty if unknown.
+std::string_view event_name(ipc::Key key) noexcept;
+
+/// What an alarm identifier is about ("system load average"); empty if unknown.
+std::string_view alarm_name(std::uint32_t alarm_id) noexcept;
+
+/// Reads a request id: a number (decimal or 0x hex) of the daemon's range, or an identifier with
+/// or without its "IPC_SYSTEM_MGR__" prefix, in any case; throws ipc::tool::UsageError.
+std::uint16_t parse_request_id(std::string_view text);
+
+/// Reads a positive number of seconds with an optional fraction ("5", "0.5"); throws ipc::tool::UsageError.
+std::chrono::milliseconds parse_seconds(std::string_view text, std::string_view what);
+
+/// One line for an event: the daemon's alarm records, SFP and fan events decoded, any other
+/// event with its key and payload in hex. Never throws for any payload.
+std::string format_event(const ipc::Event& event, bool json);
+
+/// One line for the response to a request with the given id sent to `from`.
+std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json);
+
+}  // namespace xpon::system_mgr::ctl

@@ -1,0 +1,254 @@
+// system-mgr-ctl: asks the system manager daemon over IPC and watches what it publishes.
+
+#include "decode.hpp"
+#include "tool.hpp"
+#include "xpon/ipc/paths.hpp"
+#include "xpon/ipc/wire.hpp"
+#include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/system_mgr/api.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+#include <zmq.hpp>
+#include <zmq_addon.hpp>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace xpon::system_mgr::ctl;
+using xpon::ipc::tool::UsageError;
+namespace ipc = xpon::ipc;
+namespace wire = xpon::ipc::wire;
+
+/// The first application id tried for the tool's own endpoint; the next free one is taken.
+constexpr std::uint16_t kFirstClientApplication = 0xFE00;
+constexpr std::uint16_t kLastClientApplication = 0xFEFF;
+
+void print_line(const std::string& line) {
+  const std::string text = line + "\n";
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+void print_error(const std::string& line) {
+  const std::string text = "system-mgr-ctl: " + line + "\n";
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+/// SIGINT and SIGTERM end a watch; they are blocked in every thread and read through a signalfd.
+sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
+
+/// Owns a file descriptor for the length of a command.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+  }
+  [[nodiscard]] int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+std::uint64_t parse_count(const std::optional<std::string>& text) {
+  if (!text) {
+    return 0;
+  }
+  const auto count = xpon::ipc::tool::parse_number(*text, 0xFFFFFFFFU, "--count");
+  if (count == 0) {
+    throw UsageError("--count: at least 1 event");
+  }
+  return count;
+}
+
+int run_watch(bool json, const std::optional<std::string>& count_text, const std::optional<std::string>& timeout_text) {
+  const std::uint64_t count = parse_count(count_text);
+  // Zero stands for "no time limit"; parse_seconds never gives it.
+  const std::chrono::milliseconds timeout =
+      timeout_text ? parse_seconds(*timeout_text, "--timeout") : std::chrono::milliseconds(0);
+
+  const sigset_t signals = stop_signals();
+  const FileDescriptor signal_fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (signal_fd.get() < 0) {
+    print_error("cannot watch for SIGINT and SIGTERM (signalfd failed)");
+    return kExitFailed;
+  }
+  ipc::ensure_ipc_directory();
+  if (!std::filesystem::exists(ipc::ipc_directory() + "/bus.sub")) {
+    print_error("the event bus is not running yet; waiting for it");
+  }
+  zmq::context_t context(1);
+  zmq::socket_t subscriber(context, zmq::socket_type::sub);
+  subscriber.set(zmq::sockopt::linger, 0);
+  // Bounds what one message may make this process allocate; larger ones are dropped by ZeroMQ.
+  subscriber.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(wire::kMaxPayload + 1024));
+  // Every event: the daemon's own, the alarm events and whatever else travels on the bus.
+  subscriber.set(zmq::sockopt::subscribe, "");
+  subscriber.connect(ipc::bus_sub_endpoint());
+
+  std::array<zmq::pollitem_t, 2> items{
+      {{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd.get(), ZMQ_POLLIN, 0}}};
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::uint64_t seen = 0;
+  std::vector<zmq::message_t> frames;
+  while (count == 0 || seen < count) {
+    auto wait = std::chrono::milliseconds(-1);
+    if (timeout.count() > 0) {
+      wait = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (wait.count() <= 0) {
+        if (count == 0 && seen > 0) {
+          return kExitOk;
+        }
+        print_error(count == 0 ? fmt::format("no event within {} s", *timeout_text)
+                               : fmt::format("{} of {} events within {} s", seen, count, *timeout_text));
+        return kExitTimeout;
+      }
+    }
+    zmq::poll(items.data(), items.size(), wait);
+    if ((items[1].revents & ZMQ_POLLIN) != 0) {
+      return kExitOk;
+    }
+    if ((items[0].revents & ZMQ_POLLIN) == 0) {
+      continue;
+    }
+    frames.clear();
+    if (!zmq::recv_multipart(subscriber, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
+      continue;
+    }
+    const auto topic =
+        frames.size() == 3 ? wire::decode_topic({frames[0].data<std::uint8_t>(), frames[0].size()}) : std::nullopt;
+    const auto decoded =
+        frames.size() == 3 ? wire::decode_header({frames[1].data<std::uint8_t>(), frames[1].size()}) : wire::Decoded{};
+    if (!topic || !decoded.header || decoded.header->kind != wire::Kind::Event ||
+        frames[2].size() > wire::kMaxPayload) {
+      // Shown rather than dropped silently, so that a faulty publisher can be found.
+      print_error(fmt::format("malformed message on the bus ({} frames{}); skipped", frames.size(),
+                              frames.size() == 3 && !decoded.header
+                                  ? ", " + std::string(wire::decode_error_name(decoded.error))
+                                  : std::string()));
+      continue;
+    }
+    const ipc::Event event = wire::to_event(*decoded.header, {frames[2].data<std::uint8_t>(), frames[2].size()});
+    print_line(format_event(event, json));
+    ++seen;
+  }
+  return kExitOk;
+}
+
+std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
+  for (unsigned application = kFirstClientApplication; application <= kLastClientApplication; ++application) {
+    try {
+      return ipc::make_zmq_endpoint(ipc::make_address(static_cast<std::uint16_t>(application)), "system-mgr-ctl");
+    } catch (const std::runtime_error& error) {
+      if (std::string_view(error.what()).find("already owned") == std::string_view::npos) {
+        throw;
+      }
+    }
+  }
+  throw std::runtime_error("every client address from 0xfe00fffe to 0xfefffffe is in use");
+}
+
+int run_request(bool json, const std::string& id_text, const std::string& payload_text,
+                const std::string& timeout_text) {
+  const std::uint16_t id = parse_request_id(id_text);
+  const ipc::Payload payload = xpon::ipc::tool::parse_hex(payload_text);
+  const auto timeout_ms = xpon::ipc::tool::parse_number(timeout_text, 3600000, "--timeout");
+  if (timeout_ms == 0) {
+    throw UsageError("--timeout: at least 1 ms");
+  }
+  const auto timeout = std::chrono::milliseconds(timeout_ms);
+  auto endpoint = open_client_endpoint();
+  ipc::Request request;
+  request.group = xpon::system_mgr::IPC_SYSTEM_MGR;
+  request.id = id;
+  request.payload = payload;
+  const ipc::Address daemon = xpon::system_mgr::SYSTEM_MGR_IPC_ADDRESS;
+  const auto answer = endpoint->request(daemon, std::move(request), timeout);
+  if (!answer) {
+    if (answer.error().error == xpon::core::Error::InvalidState) {
+      print_error(fmt::format("no answer from the system manager (0x{:08x}) within {} ms", daemon, timeout.count()));
+      return kExitTimeout;
+    }
+    print_error(answer.error().to_string());
+    return kExitFailed;
+  }
+  print_line(format_response(daemon, id, answer.value(), json));
+  return answer.value().result == xpon::system_mgr::SYSTEM_MGR_RESULT_ANSWERED ? kExitOk : kExitFailed;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Blocked before any thread starts so that every thread inherits the mask.
+  const sigset_t signals = stop_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  CLI::App app{
+      "Talks to the system manager daemon: sends it requests and prints the events it publishes, "
+      "decoded.\nExit status: 0 done (answered), 1 error answer or failure, 2 usage, 3 time-out.",
+      "system-mgr-ctl"};
+  app.require_subcommand(1, 1);
+
+  bool watch_json = false;
+  std::optional<std::string> watch_count;
+  std::optional<std::string> watch_timeout;
+  auto* watch =
+      app.add_subcommand("watch", "Print the events on the bus, alarm records and the daemon's events decoded");
+  watch->add_flag("--json", watch_json, "Print one JSON object per event");
+  watch->add_option("--count", watch_count, "Stop after N events");
+  watch->add_option("--timeout", watch_timeout, "Give up after S seconds (exit 3 if fewer events than wanted came)");
+
+  bool request_json = false;
+  std::string request_id;
+  std::string request_payload;
+  std::string request_timeout = "1000";
+  auto* request = app.add_subcommand("request", "Send one request to the daemon and print its answer");
+  request->add_flag("--json", request_json, "Print the answer as a JSON object");
+  request->add_option("--id", request_id, "Message id (15501 to 15536) or name (GET_TEMP, IPC_SYSTEM_MGR__GET_TEMP)")
+      ->required();
+  request->add_option("--payload", request_payload, "Request payload as hex digits, two per byte");
+  request->add_option("--timeout", request_timeout, "Time to wait for the answer, in ms")->capture_default_str();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? kExitOk : kExitUsage;
+  }
+  try {
+    if (watch->parsed()) {
+      return run_watch(watch_json, watch_count, watch_timeout);
+    }
+    return run_request(request_json, request_id, request_payload, request_timeout);
+  } catch (const UsageError& error) {
+    print_error(error.what());
+    return kExitUsage;
+  } catch (const std::exception& error) {
+    print_error(error.what());
+    return kExitFailed;
+  }
+}
