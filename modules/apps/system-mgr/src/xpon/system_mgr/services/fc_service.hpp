@@ -5,7 +5,7 @@
 namespace xpon::system_mgr {
 
 /// The service of FC boards: the FC family's system functions.
-class FcService final : public FamilyService<service::ServiceBaseFC> {
+class FcService : public FamilyService<service::ServiceBaseFC> {
  public:
   /// Creates the family's functions in order; throws what a function constructor throws.
   FcService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,

@@ -5,7 +5,7 @@
 namespace xpon::system_mgr {
 
 /// The service of LC boards: the LC family's system functions.
-class LcService final : public FamilyService<service::ServiceBaseLC> {
+class LcService : public FamilyService<service::ServiceBaseLC> {
  public:
   /// Creates the family's functions in order; throws what a function constructor throws.
   LcService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,

@@ -5,7 +5,7 @@
 namespace xpon::system_mgr {
 
 /// The service of LT boards: the LT family's system functions.
-class LtService final : public FamilyService<service::ServiceBaseKorvan> {
+class LtService : public FamilyService<service::ServiceBaseKorvan> {
  public:
   /// Creates the family's functions in order; throws what a function constructor throws.
   LtService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
