@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -94,6 +95,19 @@ std::uint32_t read_u32(std::span<const std::uint8_t> bytes, std::size_t offset) 
   return static_cast<std::uint32_t>(bytes[offset]) | (static_cast<std::uint32_t>(bytes[offset + 1]) << 8U) |
          (static_cast<std::uint32_t>(bytes[offset + 2]) << 16U) |
          (static_cast<std::uint32_t>(bytes[offset + 3]) << 24U);
+}
+
+std::uint64_t read_u64(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
+  return static_cast<std::uint64_t>(read_u32(bytes, offset)) |
+         (static_cast<std::uint64_t>(read_u32(bytes, offset + 4)) << 32U);
+}
+
+float read_f32(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
+  return std::bit_cast<float>(read_u32(bytes, offset));
+}
+
+double read_f64(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
+  return std::bit_cast<double>(read_u64(bytes, offset));
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
@@ -280,6 +294,208 @@ std::string format_other(const ipc::Event& event, bool json) {
   return fmt::format("{}: payload [{}] {}", event_prefix(event), hex(event.payload), byte_count(event.payload.size()));
 }
 
+/// An answer payload taken apart: indented text lines and the same as a JSON object.
+struct Decoded {
+  std::vector<std::string> lines;
+  Json json = Json::object();
+};
+
+constexpr std::size_t kTempRecordSize = 8;
+constexpr std::size_t kFanRecordSize = 4;
+constexpr std::size_t kEddiAnswerSize = 133;
+
+Decoded wrong_size(std::size_t size, std::string_view expected) {
+  Decoded decoded;
+  const std::string reason = fmt::format("malformed answer: {} bytes, expected {}", size, expected);
+  decoded.lines.push_back(reason);
+  decoded.json["error"] = reason;
+  return decoded;
+}
+
+/// The shortest text that reads back as the same value, in the value's own precision.
+template <typename Value>
+std::string number(Value value) {
+  return fmt::format("{}", value);
+}
+
+Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view unit, std::string_view key_suffix) {
+  if (bytes.size() != 8) {
+    return wrong_size(bytes.size(), "8");
+  }
+  const float total = read_f32(bytes, 0);
+  const float free = read_f32(bytes, 4);
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format("total {} {}, free {} {}", number(total), unit, number(free), unit));
+  decoded.json[fmt::format("total_{}", key_suffix)] = total;
+  decoded.json[fmt::format("free_{}", key_suffix)] = free;
+  return decoded;
+}
+
+Decoded decode_version(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() != 1) {
+    return wrong_size(bytes.size(), "1");
+  }
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format("version 0x{:02x} ({})", bytes[0], bytes[0]));
+  decoded.json["version"] = bytes[0];
+  return decoded;
+}
+
+Decoded decode_flag(std::span<const std::uint8_t> bytes, std::string_view what) {
+  if (bytes.size() != 1) {
+    return wrong_size(bytes.size(), "1");
+  }
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format("{}: {} ({})", what, bytes[0] != 0 ? "yes" : "no", bytes[0]));
+  decoded.json["value"] = bytes[0];
+  decoded.json["set"] = bytes[0] != 0;
+  return decoded;
+}
+
+Decoded decode_temperatures(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() % kTempRecordSize != 0) {
+    return wrong_size(bytes.size(), "a multiple of 8 (one record per sensor)");
+  }
+  Decoded decoded;
+  Json sensors = Json::array();
+  for (std::size_t offset = 0; offset < bytes.size(); offset += kTempRecordSize) {
+    const auto id = static_cast<std::int32_t>(read_u32(bytes, offset));
+    const auto temperature = static_cast<std::int8_t>(bytes[offset + 4]);
+    decoded.lines.push_back(fmt::format("sensor {}: {}C", id, temperature));
+    sensors.push_back(Json{{"id", id}, {"temperature", temperature}});
+  }
+  if (bytes.empty()) {
+    decoded.lines.emplace_back("no sensors");
+  }
+  decoded.json["sensors"] = sensors;
+  return decoded;
+}
+
+Decoded decode_fans(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() % kFanRecordSize != 0) {
+    return wrong_size(bytes.size(), "a multiple of 4 (one record per fan)");
+  }
+  Decoded decoded;
+  Json fans = Json::array();
+  for (std::size_t offset = 0; offset < bytes.size(); offset += kFanRecordSize) {
+    const std::size_t fan = offset / kFanRecordSize + 1;
+    const bool fault = bytes[offset] != 0;
+    const bool present = bytes[offset + 1] != 0;
+    const auto speed = static_cast<std::uint16_t>(bytes[offset + 2] | (bytes[offset + 3] << 8U));
+    decoded.lines.push_back(fmt::format("fan {}: {}, {}, speed {} rps", fan, present ? "present" : "absent",
+                                        fault ? "fault" : "no fault", speed));
+    fans.push_back(Json{{"fan", fan}, {"present", present}, {"fault", fault}, {"speed_rps", speed}});
+  }
+  if (bytes.empty()) {
+    decoded.lines.emplace_back("no fans");
+  }
+  decoded.json["fans"] = fans;
+  return decoded;
+}
+
+Decoded decode_sfp_modules(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() % sizeof(SfpModuleRecord) != 0) {
+    return wrong_size(bytes.size(), "a multiple of 64 (one record per module)");
+  }
+  Decoded decoded;
+  Json modules = Json::array();
+  for (std::size_t offset = 0; offset < bytes.size(); offset += sizeof(SfpModuleRecord)) {
+    const auto record = bytes.subspan(offset, sizeof(SfpModuleRecord));
+    const std::uint32_t port = read_u32(record, offsetof(SfpModuleRecord, port));
+    const std::uint8_t state = record[offsetof(SfpModuleRecord, state)];
+    const auto data = record.subspan(offsetof(SfpModuleRecord, data));
+    decoded.lines.push_back(fmt::format("port {}: state 0x{:02x}, data [{}]", port, state, hex(data)));
+    modules.push_back(Json{{"port", port}, {"state", state}, {"data", hex(data)}});
+  }
+  if (bytes.empty()) {
+    decoded.lines.emplace_back("no modules");
+  }
+  decoded.json["modules"] = modules;
+  return decoded;
+}
+
+Decoded decode_eddi(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() != kEddiAnswerSize) {
+    return wrong_size(bytes.size(), "133");
+  }
+  const std::uint32_t port = read_u32(bytes, 0);
+  const bool valid = bytes[4] != 0;
+  const double temperature = read_f64(bytes, 5);
+  const double voltage = read_f64(bytes, 13);
+  const double bias = read_f64(bytes, 21);
+  const double power = read_f64(bytes, 29);
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format(
+      "port {}: diagnostics {}, temperature {} C, supply {} uV, bias {} mA, "
+      "optical power {} mW",
+      port, valid ? "valid" : "not valid", number(temperature), number(voltage), number(bias), number(power)));
+  decoded.json = Json{{"port", port},         {"valid", valid},  {"temperature_c", temperature},
+                      {"supply_uv", voltage}, {"bias_ma", bias}, {"optical_power_mw", power}};
+  return decoded;
+}
+
+Decoded decode_rx_power(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() != 8) {
+    return wrong_size(bytes.size(), "8");
+  }
+  const double power = read_f64(bytes, 0);
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format("received power {} (calibrated)", number(power)));
+  decoded.json["rx_power"] = power;
+  return decoded;
+}
+
+/// The decoded answer of a request whose answer layout is known; nothing otherwise.
+std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint8_t> bytes) {
+  switch (id) {
+    case IPC_SYSTEM_MGR__GET_RAM_DATA:
+      return decode_two_floats(bytes, "kB", "kb");
+    case IPC_SYSTEM_MGR__GET_HDD_DATA:
+      return decode_two_floats(bytes, "GiB", "gib");
+    case IPC_SYSTEM_MGR__GET_FPGA_VERSION:
+    case IPC_SYSTEM_MGR__GET_CPLD_VERSION:
+      return decode_version(bytes);
+    case IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED:
+      return decode_flag(bytes, "front button enabled");
+    case IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED:
+      return decode_flag(bytes, "front button hard reset enabled");
+    case IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED:
+      return decode_flag(bytes, "front button pressed");
+    case IPC_SYSTEM_MGR__GET_TEMP:
+      return decode_temperatures(bytes);
+    case IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA:
+    case IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
+      return decode_eddi(bytes);
+    case IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER:
+      return decode_rx_power(bytes);
+    case IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO:
+    case IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO:
+      return decode_sfp_modules(bytes);
+    case IPC_SYSTEM_MGR__GET_FAN_STATES:
+      return decode_fans(bytes);
+    default:
+      return std::nullopt;
+  }
+}
+
+RequestArgument argument_of(std::uint16_t id) noexcept {
+  switch (id) {
+    case IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA:
+    case IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
+    case IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER:
+    case IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX:
+    case IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX:
+    case IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX:
+    case IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX:
+      return RequestArgument::Port;
+    case IPC_SYSTEM_MGR__SET_FAN_SPEED:
+    case IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED:
+      return RequestArgument::Speed;
+    default:
+      return RequestArgument::None;
+  }
+}
+
 std::string upper(std::string_view text) {
   std::string out(text);
   std::transform(out.begin(), out.end(), out.begin(),
@@ -386,6 +602,24 @@ std::string format_event(const ipc::Event& event, bool json) {
   return format_other(event, json);
 }
 
+std::vector<RequestCommand> request_commands() {
+  std::vector<RequestCommand> commands;
+  commands.reserve(kRequests.size());
+  for (const auto& request : kRequests) {
+    std::string command(request.name.substr(kRequestPrefix.size()));
+    std::transform(command.begin(), command.end(), command.begin(), [](char character) {
+      return character == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    });
+    commands.push_back(RequestCommand{request.id, request.name, std::move(command), argument_of(request.id)});
+  }
+  return commands;
+}
+
+ipc::Payload port_payload(std::uint32_t port) {
+  return {static_cast<std::uint8_t>(port & 0xFFU), static_cast<std::uint8_t>((port >> 8U) & 0xFFU),
+          static_cast<std::uint8_t>((port >> 16U) & 0xFFU), static_cast<std::uint8_t>((port >> 24U) & 0xFFU)};
+}
+
 std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {
   const auto name = request_name(id);
   std::string meaning;
@@ -396,6 +630,9 @@ std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Resp
   } else {
     meaning = "unknown result";
   }
+  // An error answer has no layout to decode.
+  const auto decoded =
+      response.result == SYSTEM_MGR_RESULT_ANSWERED ? decode_answer(id, response.payload) : std::nullopt;
   if (json) {
     Json line{{"type", "response"}, {"group", static_cast<int>(IPC_SYSTEM_MGR)}, {"id", id}};
     if (!name.empty()) {
@@ -407,11 +644,20 @@ std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Resp
     line["reply_tag"] = response.reply_tag;
     line["address"] = address_text(response.address);
     line["payload"] = hex(response.payload);
+    if (decoded) {
+      line["decoded"] = decoded->json;
+    }
     return line.dump();
   }
-  return fmt::format("{}:{} {} from {}: result {} ({}), payload [{}] {}", static_cast<int>(IPC_SYSTEM_MGR), id,
-                     name.empty() ? "unknown request" : name, address_text(from), response.result, meaning,
-                     hex(response.payload), byte_count(response.payload.size()));
+  std::string text = fmt::format("{}:{} {} from {}: result {} ({}), payload [{}] {}", static_cast<int>(IPC_SYSTEM_MGR),
+                                 id, name.empty() ? "unknown request" : name, address_text(from), response.result,
+                                 meaning, hex(response.payload), byte_count(response.payload.size()));
+  if (decoded) {
+    for (const auto& item : decoded->lines) {
+      text += "\n  " + item;
+    }
+  }
+  return text;
 }
 
 }  // namespace xpon::system_mgr::ctl

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace xpon::system_mgr::ctl {
 
@@ -39,7 +40,30 @@ std::chrono::milliseconds parse_seconds(std::string_view text, std::string_view 
 /// event with its key and payload in hex. Never throws for any payload.
 std::string format_event(const ipc::Event& event, bool json);
 
-/// One line for the response to a request with the given id sent to `from`.
+/// What the payload of a request is built from on the command line.
+enum class RequestArgument : std::uint8_t {
+  None,   ///< --payload HEX only
+  Port,   ///< --port N: the port number, 4 bytes little-endian
+  Speed,  ///< --speed N: one byte, the fan speed setting
+};
+
+/// One request of the daemon as a command of the tool.
+struct RequestCommand {
+  std::uint16_t id = 0;
+  std::string_view name;  ///< "IPC_SYSTEM_MGR__GET_TEMP"
+  std::string command;    ///< "get-temp"
+  RequestArgument argument = RequestArgument::None;
+};
+
+/// Every request of the daemon in id order, each with its command name.
+std::vector<RequestCommand> request_commands();
+
+/// The payload of a request about one port: the port number, 4 bytes little-endian.
+ipc::Payload port_payload(std::uint32_t port);
+
+/// The response to a request with the given id sent to `from`: as text, one line followed by
+/// the decoded answer (one indented line per item) where the tool knows the answer's layout;
+/// as JSON, one object with a "decoded" member in that case. Never throws for any payload.
 std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json);
 
 }  // namespace xpon::system_mgr::ctl

@@ -19,6 +19,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -172,10 +173,7 @@ std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
   throw std::runtime_error("every client address from 0xfe00fffe to 0xfefffffe is in use");
 }
 
-int run_request(bool json, const std::string& id_text, const std::string& payload_text,
-                const std::string& timeout_text) {
-  const std::uint16_t id = parse_request_id(id_text);
-  const ipc::Payload payload = xpon::ipc::tool::parse_hex(payload_text);
+int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const std::string& timeout_text) {
   const auto timeout_ms = xpon::ipc::tool::parse_number(timeout_text, 3600000, "--timeout");
   if (timeout_ms == 0) {
     throw UsageError("--timeout: at least 1 ms");
@@ -198,6 +196,39 @@ int run_request(bool json, const std::string& id_text, const std::string& payloa
   }
   print_line(format_response(daemon, id, answer.value(), json));
   return answer.value().result == xpon::system_mgr::SYSTEM_MGR_RESULT_ANSWERED ? kExitOk : kExitFailed;
+}
+
+/// The options of one request command, kept for as long as the parser refers to them.
+struct CommandOptions {
+  RequestCommand command;
+  CLI::App* app = nullptr;
+  bool json = false;
+  std::optional<std::string> payload;
+  std::optional<std::string> argument;
+  std::string timeout = "1000";
+};
+
+/// The payload of a request command: --payload, or the typed argument of the request.
+ipc::Payload command_payload(const CommandOptions& options) {
+  const auto& command = options.command;
+  if (command.argument == RequestArgument::None) {
+    return xpon::ipc::tool::parse_hex(options.payload.value_or(""));
+  }
+  const std::string_view option = command.argument == RequestArgument::Port ? "--port" : "--speed";
+  if (options.payload && options.argument) {
+    throw UsageError(fmt::format("{} and --payload cannot both be given", option));
+  }
+  if (options.payload) {
+    return xpon::ipc::tool::parse_hex(*options.payload);
+  }
+  if (!options.argument) {
+    throw UsageError(fmt::format("{} needs {} (or --payload)", command.command, option));
+  }
+  if (command.argument == RequestArgument::Port) {
+    return port_payload(
+        static_cast<std::uint32_t>(xpon::ipc::tool::parse_number(*options.argument, 0xFFFFFFFFU, option)));
+  }
+  return {static_cast<std::uint8_t>(xpon::ipc::tool::parse_number(*options.argument, 0xFF, option))};
 }
 
 }  // namespace
@@ -233,6 +264,24 @@ int main(int argc, char** argv) {
   request->add_option("--payload", request_payload, "Request payload as hex digits, two per byte");
   request->add_option("--timeout", request_timeout, "Time to wait for the answer, in ms")->capture_default_str();
 
+  // One command per request of the daemon; a deque keeps each one's options where the parser points.
+  std::deque<CommandOptions> commands;
+  for (auto& command : request_commands()) {
+    auto& options = commands.emplace_back();
+    options.command = std::move(command);
+    const auto& named = options.command;
+    options.app =
+        app.add_subcommand(named.command, fmt::format("Send {} ({}) and print the answer", named.name, named.id));
+    options.app->add_flag("--json", options.json, "Print the answer as a JSON object");
+    options.app->add_option("--payload", options.payload, "Request payload as hex digits, two per byte");
+    if (named.argument == RequestArgument::Port) {
+      options.app->add_option("--port", options.argument, "Port number (sent as 4 bytes, little-endian)");
+    } else if (named.argument == RequestArgument::Speed) {
+      options.app->add_option("--speed", options.argument, "Fan speed setting, 0 to 255 (sent as 1 byte)");
+    }
+    options.app->add_option("--timeout", options.timeout, "Time to wait for the answer, in ms")->capture_default_str();
+  }
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -243,7 +292,16 @@ int main(int argc, char** argv) {
     if (watch->parsed()) {
       return run_watch(watch_json, watch_count, watch_timeout);
     }
-    return run_request(request_json, request_id, request_payload, request_timeout);
+    if (request->parsed()) {
+      return run_request(request_json, parse_request_id(request_id), xpon::ipc::tool::parse_hex(request_payload),
+                         request_timeout);
+    }
+    for (const auto& options : commands) {
+      if (options.app->parsed()) {
+        return run_request(options.json, options.command.id, command_payload(options), options.timeout);
+      }
+    }
+    return kExitUsage;
   } catch (const UsageError& error) {
     print_error(error.what());
     return kExitUsage;

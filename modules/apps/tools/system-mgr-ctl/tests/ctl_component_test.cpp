@@ -296,7 +296,8 @@ TEST_F(SystemMgrCtl, RequestPrintsTheAnswerAndExits0) {
                   ->subscribe_request({sm::IPC_SYSTEM_MGR, sm::IPC_SYSTEM_MGR__GET_TEMP},
                                       [&daemon](const xpon::ipc::Request& request) -> xpon::core::Result<void> {
                                         xpon::ipc::Response response;
-                                        response.payload = {0x2a, 0x00};
+                                        // Sensor 4 at 42 degrees.
+                                        response.payload = {4, 0, 0, 0, 42, 0, 0, 0};
                                         response.reply_tag = request.reply_to->tag;
                                         response.result = 1;
                                         return daemon->send_response(request.reply_to->address, response);
@@ -305,8 +306,43 @@ TEST_F(SystemMgrCtl, RequestPrintsTheAnswerAndExits0) {
   auto client = run_ctl({"request", "--id", "GET_TEMP"}, "request");
   EXPECT_EQ(client.exit_status(), 0) << client.err();
   EXPECT_EQ(client.out(),
-            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [2a00] (2 bytes)\n");
+            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [040000002a000000] "
+            "(8 bytes)\n  sensor 4: 42C\n");
   EXPECT_EQ(client.err(), "");
+}
+
+TEST_F(SystemMgrCtl, PortCommandSendsThePortAndDecodesTheDiagnostics) {
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  ASSERT_TRUE(daemon
+                  ->subscribe_request({sm::IPC_SYSTEM_MGR, sm::IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA},
+                                      [&daemon](const xpon::ipc::Request& request) -> xpon::core::Result<void> {
+                                        xpon::ipc::Response response;
+                                        response.reply_tag = request.reply_to->tag;
+                                        // Answers only the port the test asks for, as the daemon answers only
+                                        // ports with a module.
+                                        if (request.payload == xpon::ipc::Payload{9, 0, 0, 0}) {
+                                          response.payload.assign(133, 0);
+                                          response.payload[0] = 9;
+                                          response.payload[4] = 1;
+                                          const double temperature = 40.0;
+                                          std::memcpy(response.payload.data() + 5, &temperature, sizeof temperature);
+                                          response.result = 1;
+                                        }
+                                        return daemon->send_response(request.reply_to->address, response);
+                                      })
+                  .has_value());
+  auto client = run_ctl({"get-p-port-eddi-data", "--port", "9"}, "eddi");
+  EXPECT_EQ(client.exit_status(), 0) << client.err();
+  const auto out = client.out();
+  EXPECT_TRUE(
+      out.ends_with("(133 bytes)\n  port 9: diagnostics valid, temperature 40 C, supply 0 uV, bias 0 mA, "
+                    "optical power 0 mW\n"))
+      << out;
+  auto other_port = run_ctl({"get-p-port-eddi-data", "--port", "2"}, "eddi-other");
+  EXPECT_EQ(other_port.exit_status(), 1) << other_port.err();
+  EXPECT_EQ(other_port.out(),
+            "15500:15518 IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA from 0x0019fffe: result 0 (error answer), payload [] "
+            "(0 bytes)\n");
 }
 
 TEST_F(SystemMgrCtl, RequestWithAnErrorAnswerExits1) {
@@ -356,6 +392,10 @@ TEST_F(SystemMgrCtl, UsageErrorsExit2WithAMessage) {
       {{"request", "--id", "15501", "--payload", "abc"},
        "system-mgr-ctl: payload: 'abc' has an odd number of hex digits\n"},
       {{"request", "--id", "15501", "--timeout", "0"}, "system-mgr-ctl: --timeout: at least 1 ms\n"},
+      {{"get-p-port-eddi-data"}, "system-mgr-ctl: get-p-port-eddi-data needs --port (or --payload)\n"},
+      {{"set-fan-speed", "--speed", "256"}, "system-mgr-ctl: --speed: 256 is out of range (at most 0xff)\n"},
+      {{"set-fan-speed", "--speed", "1", "--payload", "01"},
+       "system-mgr-ctl: --speed and --payload cannot both be given\n"},
   };
   int index = 0;
   for (const auto& usage : cases) {

@@ -328,11 +328,150 @@ TEST(CtlResponseFormatting, AnsweredRequestShowsNameResultAndPayload) {
   response.payload = {0x01, 0x02};
   response.reply_tag = 7;
   response.result = 1;
+  EXPECT_EQ(format_response(kDaemon, 15533, response, false),
+            "15500:15533 IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE from 0x0019fffe: result 1 (answered), payload [0102] "
+            "(2 bytes)");
+  EXPECT_EQ(format_response(kDaemon, 15533, response, true),
+            R"({"type":"response","group":15500,"id":15533,"name":"IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE",)"
+            R"("from":"0x0019fffe","result":1,"answer":"answered","reply_tag":7,"address":"0x0000fffe",)"
+            R"("payload":"0102"})");
+}
+
+ipc::Response answered(ipc::Payload payload) {
+  ipc::Response response;
+  response.payload = std::move(payload);
+  response.result = 1;
+  return response;
+}
+
+template <typename Value>
+void put(ipc::Payload& payload, std::size_t offset, Value value) {
+  if (payload.size() < offset + sizeof value) {
+    payload.resize(offset + sizeof value);
+  }
+  std::memcpy(payload.data() + offset, &value, sizeof value);
+}
+
+TEST(CtlResponseDecoding, TemperaturesOnePerSensor) {
+  ipc::Payload payload;
+  put<std::int32_t>(payload, 0, 0);
+  put<std::int8_t>(payload, 4, 45);
+  put<std::int32_t>(payload, 8, 3);
+  put<std::int8_t>(payload, 12, -5);
+  payload.resize(16);
+  EXPECT_EQ(format_response(kDaemon, 15515, answered(payload), false),
+            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload "
+            "[000000002d00000003000000fb000000] (16 bytes)\n"
+            "  sensor 0: 45C\n"
+            "  sensor 3: -5C");
+  EXPECT_TRUE(format_response(kDaemon, 15515, answered(payload), true)
+                  .ends_with(R"("decoded":{"sensors":[{"id":0,"temperature":45},{"id":3,"temperature":-5}]}})"));
+  EXPECT_EQ(format_response(kDaemon, 15515, answered({}), false),
+            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [] (0 bytes)\n"
+            "  no sensors");
+}
+
+TEST(CtlResponseDecoding, RamAndDiskSizesAreTwoFloats) {
+  ipc::Payload ram;
+  put<float>(ram, 0, 4045632.0F);
+  put<float>(ram, 4, 1234567.0F);
+  EXPECT_TRUE(format_response(kDaemon, 15501, answered(ram), false)
+                  .ends_with("(8 bytes)\n  total 4045632 kB, free 1234567 kB"));
+  EXPECT_TRUE(format_response(kDaemon, 15501, answered(ram), true)
+                  .ends_with(R"("decoded":{"total_kb":4045632.0,"free_kb":1234567.0}})"));
+  ipc::Payload disk;
+  put<float>(disk, 0, 7.25F);
+  put<float>(disk, 4, 0.1F);
+  EXPECT_TRUE(format_response(kDaemon, 15502, answered(disk), false).ends_with("\n  total 7.25 GiB, free 0.1 GiB"));
+}
+
+TEST(CtlResponseDecoding, VersionsAndFrontButtonFlagsAreOneByte) {
+  EXPECT_TRUE(format_response(kDaemon, 15507, answered({0x12}), false).ends_with("(1 byte)\n  version 0x12 (18)"));
+  EXPECT_TRUE(format_response(kDaemon, 15506, answered({0x12}), true).ends_with(R"("decoded":{"version":18}})"));
+  EXPECT_TRUE(
+      format_response(kDaemon, 15514, answered({1}), false).ends_with("(1 byte)\n  front button pressed: yes (1)"));
+  EXPECT_TRUE(
+      format_response(kDaemon, 15512, answered({0}), false).ends_with("(1 byte)\n  front button enabled: no (0)"));
+  EXPECT_TRUE(format_response(kDaemon, 15513, answered({2}), true).ends_with(R"("decoded":{"value":2,"set":true}})"));
+}
+
+TEST(CtlResponseDecoding, FanStatesOnePerFan) {
+  const ipc::Payload payload{0, 1, 50, 0, 1, 0, 0x2c, 0x01};
+  EXPECT_TRUE(
+      format_response(kDaemon, 15527, answered(payload), false)
+          .ends_with("(8 bytes)\n  fan 1: present, no fault, speed 50 rps\n  fan 2: absent, fault, speed 300 rps"));
+  EXPECT_TRUE(format_response(kDaemon, 15527, answered(payload), true)
+                  .ends_with(R"("decoded":{"fans":[{"fan":1,"present":true,"fault":false,"speed_rps":50},)"
+                             R"({"fan":2,"present":false,"fault":true,"speed_rps":300}]}})"));
+}
+
+TEST(CtlResponseDecoding, TotalInfoListsTheModules) {
+  ipc::Payload payload(128, 0);
+  payload[0] = 1;
+  payload[4] = 0x21;
+  payload[64] = 7;
+  payload[68] = 0x05;
+  payload[127] = 0xAA;
+  const auto text = format_response(kDaemon, 15521, answered(payload), false);
+  EXPECT_TRUE(text.ends_with("(128 bytes)\n  port 1: state 0x21, data [" + std::string(118, '0') +
+                             "]\n  port 7: state 0x05, data [" + std::string(116, '0') + "aa]"))
+      << text;
+  EXPECT_TRUE(format_response(kDaemon, 15522, answered({}), false).ends_with("(0 bytes)\n  no modules"));
+}
+
+TEST(CtlResponseDecoding, EddiAnswerCarriesFourDoubles) {
+  ipc::Payload payload(133, 0);
+  put<std::uint32_t>(payload, 0, 3);
+  payload[4] = 1;
+  put<double>(payload, 5, 35.5);
+  put<double>(payload, 13, 3300000.0);
+  put<double>(payload, 21, 6.25);
+  put<double>(payload, 29, 0.5);
+  EXPECT_TRUE(format_response(kDaemon, 15518, answered(payload), false)
+                  .ends_with("(133 bytes)\n  port 3: diagnostics valid, temperature 35.5 C, supply 3300000 uV, "
+                             "bias 6.25 mA, optical power 0.5 mW"));
+  EXPECT_TRUE(format_response(kDaemon, 15519, answered(payload), true)
+                  .ends_with(R"("decoded":{"port":3,"valid":true,"temperature_c":35.5,"supply_uv":3300000.0,)"
+                             R"("bias_ma":6.25,"optical_power_mw":0.5}})"));
+}
+
+TEST(CtlResponseDecoding, RxPowerIsOneDouble) {
+  ipc::Payload payload;
+  put<double>(payload, 0, 12.5);
+  EXPECT_TRUE(format_response(kDaemon, 15520, answered(payload), false)
+                  .ends_with("(8 bytes)\n  received power 12.5 (calibrated)"));
+}
+
+TEST(CtlResponseDecoding, AnswersOfTheWrongSizeAreReportedNotDecoded) {
+  EXPECT_EQ(format_response(kDaemon, 15515, answered({1, 2}), false),
+            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [0102] (2 bytes)\n"
+            "  malformed answer: 2 bytes, expected a multiple of 8 (one record per sensor)");
+  EXPECT_TRUE(format_response(kDaemon, 15518, answered({1, 2}), true)
+                  .ends_with(R"("decoded":{"error":"malformed answer: 2 bytes, expected 133"}})"));
+  EXPECT_TRUE(format_response(kDaemon, 15501, answered({}), false)
+                  .ends_with("(0 bytes)\n  malformed answer: 0 bytes, expected 8"));
+  EXPECT_TRUE(format_response(kDaemon, 15506, answered({1, 2}), false)
+                  .ends_with("(2 bytes)\n  malformed answer: 2 bytes, expected 1"));
+}
+
+TEST(CtlResponseDecoding, AnyAnswerOfAnyRequestGivesText) {
+  for (std::uint16_t id = 15501; id <= 15536; ++id) {
+    for (std::size_t size = 0; size <= 300; ++size) {
+      ipc::Payload payload(size, 0xFF);
+      for (const bool json : {false, true}) {
+        std::string text;
+        ASSERT_NO_THROW(text = format_response(kDaemon, id, answered(payload), json)) << id << " " << size;
+        EXPECT_TRUE(text.starts_with(json ? "{" : "15500:")) << text;
+      }
+    }
+  }
+}
+
+TEST(CtlResponseDecoding, ErrorAnswersAreNotDecoded) {
+  ipc::Response response;
+  response.result = 0;
   EXPECT_EQ(format_response(kDaemon, 15515, response, false),
-            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [0102] (2 bytes)");
-  EXPECT_EQ(format_response(kDaemon, 15515, response, true),
-            R"({"type":"response","group":15500,"id":15515,"name":"IPC_SYSTEM_MGR__GET_TEMP","from":"0x0019fffe",)"
-            R"("result":1,"answer":"answered","reply_tag":7,"address":"0x0000fffe","payload":"0102"})");
+            "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 0 (error answer), payload [] (0 bytes)");
 }
 
 TEST(CtlResponseFormatting, ErrorAnswerIsNamedSo) {
@@ -348,6 +487,31 @@ TEST(CtlResponseFormatting, ErrorAnswerIsNamedSo) {
 }
 
 // --- option values -----------------------------------------------------------------------------
+
+TEST(CtlOptions, OneCommandPerRequestNamedAfterItsIdentifier) {
+  const auto commands = request_commands();
+  ASSERT_EQ(commands.size(), 36U);
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    EXPECT_EQ(commands[i].id, 15501 + i);
+    EXPECT_EQ(commands[i].name, request_name(commands[i].id));
+  }
+  EXPECT_EQ(commands[0].command, "get-ram-data");
+  EXPECT_EQ(commands[0].argument, RequestArgument::None);
+  EXPECT_EQ(commands[14].command, "get-temp");
+  EXPECT_EQ(commands[17].command, "get-p-port-eddi-data");
+  EXPECT_EQ(commands[17].argument, RequestArgument::Port);
+  EXPECT_EQ(commands[25].command, "disable-f-port-sfp-module-trx");
+  EXPECT_EQ(commands[25].argument, RequestArgument::Port);
+  EXPECT_EQ(commands[27].command, "set-fan-speed");
+  EXPECT_EQ(commands[27].argument, RequestArgument::Speed);
+  EXPECT_EQ(commands[31].argument, RequestArgument::Speed);
+  EXPECT_EQ(commands[35].command, "p-port-led-off");
+}
+
+TEST(CtlOptions, PortPayloadIsLittleEndian) {
+  EXPECT_EQ(port_payload(0x01020304), (ipc::Payload{4, 3, 2, 1}));
+  EXPECT_EQ(port_payload(3), (ipc::Payload{3, 0, 0, 0}));
+}
 
 TEST(CtlOptions, RequestIdByNumberOrName) {
   EXPECT_EQ(parse_request_id("15515"), 15515);
