@@ -65,7 +65,11 @@ class BusEventsTest : public ::testing::Test {
  protected:
   void SetUp() override { start_bus(); }
 
-  void start_bus() { bus = std::make_unique<test::Process>(std::vector<std::string>{XPON_IPC_BUS_PATH}); }
+  // A generous settle time: subscribers of a restarted bus must be back before it takes events, even
+  // on a slow, busy test machine.
+  void start_bus() {
+    bus = std::make_unique<test::Process>(std::vector<std::string>{XPON_IPC_BUS_PATH, "--settle-ms", "1000"});
+  }
 
   std::shared_ptr<ZmqIpc> endpoint(Address address) {
     ZmqIpcOptions options;

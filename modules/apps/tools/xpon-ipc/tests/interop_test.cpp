@@ -103,6 +103,13 @@ class Interop : public ::testing::Test {
     return condition();
   }
 
+  /// Whether `xpon-ipc serve` says it serves: its handler is subscribed by then, not only its inbox bound.
+  bool serving() {
+    return eventually([&] {
+      return read_file(root_ + "/serve.out").find("xpon-ipc: serving 14500:14504 at 0x0015fffe\n") != std::string::npos;
+    });
+  }
+
   std::string root_;
   std::vector<pid_t> children_;
   pid_t bus_ = -1;
@@ -116,7 +123,7 @@ Bytes frame_bytes(const zmq::message_t& message) {
 TEST_F(Interop, RawClientQueriesXponIpcServe) {
   spawn({XPON_IPC_TOOL_PATH, "serve", "--address", "0x0015FFFE", "--key", "14500:14504", "--reply", "1500"},
         root_ + "/serve.out");
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(ipc_dir() + "/0015fffe"); }));
+  ASSERT_TRUE(serving());
 
   zmq::context_t context;
   zmq::socket_t inbox(context, zmq::socket_type::router);
@@ -250,7 +257,7 @@ TEST_F(Interop, ErrorAnswerGivesStatusOne) {
   spawn(
       {XPON_IPC_TOOL_PATH, "serve", "--address", "0x0015FFFE", "--key", "14500:14504", "--reply", "", "--result", "0"},
       root_ + "/serve.out");
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(ipc_dir() + "/0015fffe"); }));
+  ASSERT_TRUE(serving());
   std::string output;
   EXPECT_EQ(
       run({XPON_IPC_TOOL_PATH, "send", "--to", "0x0015FFFE", "--key", "14500:14504", "--timeout", "5000"}, output), 1);
