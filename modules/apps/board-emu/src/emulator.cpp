@@ -62,15 +62,12 @@ std::string Emulator::state_document() const {
 }
 
 core::Result<void> Emulator::apply_patch_text(std::string_view text) {
-  Json patch;
-  try {
-    patch = Json::parse(text);
-  } catch (const Json::parse_error& error) {
-    const auto reason = fmt::format("not valid JSON: {}", error.what());
-    refuse_control(reason);
-    return core::ErrorPayload(core::Error::InvalidInputArg, reason);
+  auto patch = parse_json_text(text);
+  if (!patch) {
+    refuse_control(error_text(patch.error()));
+    return patch.error();
   }
-  return apply_patch_json(patch, "board-control");
+  return apply_patch_json(patch.value(), "board-control");
 }
 
 core::Result<void> Emulator::apply_patch_json(const Json& patch, std::string_view source) {

@@ -148,6 +148,11 @@ int fs_write(const char* /*path*/, const char* buffer, size_t size, off_t /*offs
   if (file.kind != FileKind::Control) {
     return -EACCES;
   }
+  if (file.pending.size() + size > kMaxJsonText) {
+    file.pending.clear();
+    emulator().refuse_control(fmt::format("the patch is larger than {} bytes", kMaxJsonText));
+    return -EFBIG;
+  }
   file.pending.append(buffer, size);
   if (is_blank(file.pending) || is_incomplete_json(file.pending)) {
     return static_cast<int>(size);
@@ -216,13 +221,32 @@ fuse_operations make_operations() {
 }  // namespace
 
 bool is_incomplete_json(const std::string& text) {
-  try {
-    const Json parsed = Json::parse(text);
-    return parsed.is_discarded();
-  } catch (const Json::parse_error& error) {
-    // The parser reports running out of input at the position just past the last byte.
-    return error.byte > text.size();
-  }
+  // Only the syntax matters here, so nothing is built; the parser reports running out of input
+  // at the position just past the last byte.
+  struct SyntaxOnly : nlohmann::json_sax<Json> {
+    bool null() override { return true; }
+    bool boolean(bool /*value*/) override { return true; }
+    bool number_integer(number_integer_t /*value*/) override { return true; }
+    bool number_unsigned(number_unsigned_t /*value*/) override { return true; }
+    bool number_float(number_float_t /*value*/, const string_t& /*text*/) override { return true; }
+    bool string(string_t& /*value*/) override { return true; }
+    bool binary(binary_t& /*value*/) override { return true; }
+    bool start_object(std::size_t /*size*/) override { return true; }
+    bool key(string_t& /*value*/) override { return true; }
+    bool end_object() override { return true; }
+    bool start_array(std::size_t /*size*/) override { return true; }
+    bool end_array() override { return true; }
+    bool parse_error(std::size_t position, const std::string& /*last_token*/,
+                     const nlohmann::detail::exception& /*error*/) override {
+      ran_out = position > length;
+      return false;
+    }
+    std::size_t length = 0;
+    bool ran_out = false;
+  };
+  SyntaxOnly reader;
+  reader.length = text.size();
+  return !Json::sax_parse(text, &reader) && reader.ran_out;
 }
 
 int serve(Emulator& emulator, const ServeOptions& options, logger::ILogger& logger) {

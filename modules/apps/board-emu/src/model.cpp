@@ -461,6 +461,30 @@ std::string error_text(const core::ErrorPayload& error) {
   return std::string(core::error_name(error.error));
 }
 
+core::Result<Json> parse_json_text(std::string_view text) {
+  if (text.size() > kMaxJsonText) {
+    return core::ErrorPayload(core::Error::InvalidInputArg,
+                              fmt::format("the JSON text is larger than {} bytes", kMaxJsonText));
+  }
+  // Merging and printing walk a document recursively, so a hostile depth is refused up front.
+  struct TooDeep {};
+  try {
+    // The parser gives the depth of the enclosing container, 0 for the outermost one.
+    return Json::parse(text, [](int depth, Json::parse_event_t event, Json& /*parsed*/) {
+      const bool opens = event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start;
+      if (opens && depth >= kMaxJsonDepth) {
+        throw TooDeep{};
+      }
+      return true;
+    });
+  } catch (const TooDeep&) {
+    return core::ErrorPayload(core::Error::InvalidInputArg,
+                              fmt::format("the JSON text is nested deeper than {} levels", kMaxJsonDepth));
+  } catch (const Json::parse_error& error) {
+    return core::ErrorPayload(core::Error::InvalidInputArg, fmt::format("not valid JSON: {}", error.what()));
+  }
+}
+
 core::Result<BoardModel> model_from_json(const Json& document, const std::string& base_path) {
   try {
     return read_model(document, base_path);

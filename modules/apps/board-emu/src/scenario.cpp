@@ -21,29 +21,31 @@ core::ErrorPayload refused(const std::string& text) {
 }  // namespace
 
 core::Result<Scenario> parse_scenario(std::string_view text) {
-  Json document;
-  try {
-    document = Json::parse(text);
-  } catch (const Json::parse_error& error) {
-    return refused(fmt::format("not valid JSON: {}", error.what()));
+  auto text_parsed = parse_json_text(text);
+  if (!text_parsed) {
+    return text_parsed.error();
   }
+  Json document = std::move(text_parsed.value());
   if (!document.is_object()) {
     return refused(fmt::format("a scenario must be a JSON object, not {}", detail::describe(document)));
   }
 
   Scenario scenario;
   try {
-    if (const auto found = document.find("description"); found != document.end()) {
-      scenario.description = detail::read_text(*found, "description", 1000);
-      document.erase(found);
+    if (document.contains("description")) {
+      scenario.description = detail::read_text(document.at("description"), "description", 1000);
+      document.erase("description");
     }
-    if (const auto found = document.find("timeline"); found != document.end()) {
-      if (!found->is_array()) {
-        throw detail::FieldError("timeline", fmt::format("must be a list, not {}", detail::describe(*found)));
+    if (document.contains("timeline")) {
+      const Json timeline = document.at("timeline");
+      document.erase("timeline");
+      if (!timeline.is_array()) {
+        throw detail::FieldError("timeline", fmt::format("must be a list, not {}", detail::describe(timeline)));
       }
-      for (std::size_t i = 0; i < found->size(); ++i) {
-        const auto step_path = detail::element_path("timeline", i);
-        detail::ObjectReader step((*found)[i], step_path);
+      std::size_t index = 0;
+      for (const Json& entry : timeline) {
+        const auto step_path = detail::element_path("timeline", index++);
+        detail::ObjectReader step(entry, step_path);
         TimelineStep parsed;
         const Json* at = step.get("at_ms");
         if (at == nullptr) {
@@ -58,7 +60,6 @@ core::Result<Scenario> parse_scenario(std::string_view text) {
         step.finish();
         scenario.timeline.push_back(std::move(parsed));
       }
-      document.erase(found);
     }
   } catch (const detail::FieldError& error) {
     return refused(error.what());

@@ -125,6 +125,14 @@ TEST_F(EmulatorFiles, IncompletePatchIsRefusedAtClose) {
   EXPECT_EQ(fan_count(), 2);
 }
 
+TEST_F(EmulatorFiles, HostilePatchIsRefusedAndTheEmulatorServesOn) {
+  EXPECT_EQ(write_file(emulator_->dev_file("board-control"), std::string(1000, '[') + std::string(1000, ']')), EINVAL);
+  EXPECT_EQ(read_file(emulator_->dev_file("board-control")), "error: the JSON text is nested deeper than 32 levels\n");
+  EXPECT_EQ(write_file(emulator_->dev_file("board-control"), "[1, 2]"), EINVAL);
+  EXPECT_EQ(read_file(emulator_->dev_file("board-control")), "error: a patch must be a JSON object, not [1,2]\n");
+  EXPECT_EQ(fan_count(), 2);
+}
+
 TEST_F(EmulatorFiles, UnknownIoctlIsRefused) {
   const int fd = ::open(emulator_->dev_file("board").c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_GE(fd, 0);

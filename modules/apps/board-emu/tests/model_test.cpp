@@ -275,3 +275,35 @@ TEST(ErrnoNames, KnownNamesMapBothWays) {
 
 }  // namespace
 }  // namespace xpon::board_emu
+
+namespace xpon::board_emu {
+namespace {
+
+TEST(ParseJsonText, DeepNestingIsRefused) {
+  auto parsed = parse_json_text(std::string(33, '[') + std::string(33, ']'));
+  ASSERT_FALSE(parsed);
+  EXPECT_EQ(error_text(parsed.error()), "the JSON text is nested deeper than 32 levels");
+  EXPECT_TRUE(parse_json_text(std::string(32, '[') + "1" + std::string(32, ']')));
+  EXPECT_TRUE(parse_json_text(R"({"a": {"b": [1]}})"));
+  auto very_deep = parse_json_text(std::string(100000, '[') + std::string(100000, ']'));
+  ASSERT_FALSE(very_deep);
+  EXPECT_EQ(error_text(very_deep.error()), "the JSON text is nested deeper than 32 levels");
+}
+
+TEST(ParseJsonText, OversizedTextIsRefused) {
+  const std::string text = "\"" + std::string(kMaxJsonText, 'x') + "\"";
+  auto parsed = parse_json_text(text);
+  ASSERT_FALSE(parsed);
+  EXPECT_EQ(error_text(parsed.error()), "the JSON text is larger than 4194304 bytes");
+}
+
+TEST(ParseJsonText, SyntaxErrorKeepsTheParserText) {
+  auto parsed = parse_json_text("{\"a\" 1}");
+  ASSERT_FALSE(parsed);
+  EXPECT_EQ(error_text(parsed.error()),
+            "not valid JSON: [json.exception.parse_error.101] parse error at line 1, column 6: syntax error while "
+            "parsing object separator - unexpected number literal; expected ':'");
+}
+
+}  // namespace
+}  // namespace xpon::board_emu

@@ -160,6 +160,17 @@ inline constexpr std::size_t kMaxPowerSupplies = 8;
 inline constexpr std::size_t kMaxFanModuleFans = 28;
 inline constexpr std::size_t kMaxPorts = 255;
 
+/// Deepest nesting accepted in a scenario or a patch; the model itself needs five levels.
+inline constexpr int kMaxJsonDepth = 32;
+
+/// Largest scenario file or patch accepted, in bytes.
+inline constexpr std::size_t kMaxJsonText = 4 * 1024 * 1024;
+
+/// Parses a scenario or patch text; refuses text that is not JSON, too large or nested too deep
+/// ("not valid JSON: ...", "the JSON text is larger than 4194304 bytes", "the JSON text is nested
+/// deeper than 32 levels").
+core::Result<Json> parse_json_text(std::string_view text);
+
 /// Reads a model from its JSON form; unknown fields and bad values are refused with a message
 /// "<field>: <reason>" whose field path starts with `base_path` (empty: the document itself).
 core::Result<BoardModel> model_from_json(const Json& document, const std::string& base_path = {});
