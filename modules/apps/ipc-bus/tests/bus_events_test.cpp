@@ -8,11 +8,13 @@
 #include <zmq.hpp>
 #include <zmq_addon.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <iterator>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace xpon::ipc {
@@ -161,6 +163,55 @@ TEST_F(BusEventsTest, EventsQueuedWhileTheBusIsDownFlowWhenItReturns) {
   // And events sent after the restart flow as before.
   ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15540})).has_value());
   EXPECT_TRUE(wait_until([&] { return events.count(Key{15500, 15540}) == 1; }));
+}
+
+TEST_F(BusEventsTest, EventsAreHandledOneAtATimeInTheOrderSent) {
+  auto publisher = endpoint(0x0042FFFE);
+  auto subscriber = endpoint(0x0019FFFE);  // two delivery threads
+  EventLog probe;
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, 1}, probe.handler()).has_value());
+  ASSERT_TRUE(wait_for_subscription(*publisher, probe, Key{15500, 1}));
+  std::mutex mutex;
+  std::vector<int> order;
+  std::atomic<int> running{0};
+  std::atomic<int> overlapped{0};
+  const auto handler = [&](const Event& event) -> Result<void> {
+    if (running.fetch_add(1) != 0) {
+      ++overlapped;
+    }
+    const int sequence = event.payload.at(0) | (event.payload.at(1) << 8);
+    if (sequence % 7 == 0) {
+      std::this_thread::sleep_for(milliseconds(1));  // a slow handler must not be overtaken
+    }
+    {
+      std::lock_guard lock(mutex);
+      order.push_back(sequence);
+    }
+    running.fetch_sub(1);
+    return core::success();
+  };
+  // The maximum and minimum fan-rate events of one sender: different ids, one order.
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, 15537}, handler).has_value());
+  ASSERT_TRUE(subscriber->subscribe_event(Key{15500, 15538}, handler).has_value());
+  std::this_thread::sleep_for(milliseconds(200));  // the two subscriptions travel like the probe's
+  constexpr int kEvents = 300;
+  for (int i = 0; i < kEvents; ++i) {
+    const Key key{15500, static_cast<std::uint16_t>(i % 2 == 0 ? 15537 : 15538)};
+    ASSERT_TRUE(
+        publisher->send_event(make_event(key, {static_cast<std::uint8_t>(i & 0xFF), static_cast<std::uint8_t>(i >> 8)}))
+            .has_value());
+  }
+  ASSERT_TRUE(wait_until([&] {
+    std::lock_guard lock(mutex);
+    return order.size() == kEvents;
+  }));
+  std::vector<int> expected(kEvents);
+  for (int i = 0; i < kEvents; ++i) {
+    expected[static_cast<std::size_t>(i)] = i;
+  }
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(order, expected);
+  EXPECT_EQ(overlapped.load(), 0);
 }
 
 TEST_F(BusEventsTest, UnsubscribedEventsStopArriving) {

@@ -140,7 +140,8 @@ struct ZmqIpc::Impl {
   void count_drop(std::atomic<std::uint64_t>& counter, std::string_view what);
 
   // --- delivery ---
-  void enqueue(std::function<void()> task);
+  /// Queues a delivery; `in_order` deliveries (events) run one at a time in arrival order.
+  void enqueue(std::function<void()> task, bool in_order);
   void delivery_loop();
   void deliver_request(const Request& request);
   void deliver_event(const Event& event);
@@ -182,7 +183,9 @@ struct ZmqIpc::Impl {
 
   std::mutex queue_mutex;
   std::condition_variable queue_ready;
-  std::deque<std::function<void()>> queue;
+  std::deque<std::function<void()>> ordered_queue;   // events: one at a time, in order
+  std::deque<std::function<void()>> parallel_queue;  // requests: any free delivery thread
+  bool ordered_running = false;
   bool delivery_stopping = false;
 
   std::mutex drop_log_mutex;
@@ -299,7 +302,8 @@ void ZmqIpc::Impl::stop_threads() {
   {
     std::lock_guard lock(queue_mutex);
     delivery_stopping = true;
-    queue.clear();
+    ordered_queue.clear();
+    parallel_queue.clear();
   }
   queue_ready.notify_all();
   for (auto& worker : workers) {
@@ -462,7 +466,7 @@ void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames) {
   if (header->kind == wire::Kind::Request) {
     counters.requests_received.fetch_add(1);
     auto request = std::make_shared<Request>(wire::to_request(*header, payload));
-    enqueue([this, request] { deliver_request(*request); });
+    enqueue([this, request] { deliver_request(*request); }, false);
   } else if (header->kind == wire::Kind::Response) {
     std::unique_lock lock(pending_mutex);
     const auto waiting = pending.find(header->reply_tag);
@@ -506,18 +510,18 @@ void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames) {
   }
   counters.events_received.fetch_add(1);
   auto event = std::make_shared<Event>(wire::to_event(*header, {frames[2].data<std::uint8_t>(), frames[2].size()}));
-  enqueue([this, event] { deliver_event(*event); });
+  enqueue([this, event] { deliver_event(*event); }, true);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Delivery
 
-void ZmqIpc::Impl::enqueue(std::function<void()> task) {
+void ZmqIpc::Impl::enqueue(std::function<void()> task, bool in_order) {
   bool queued = false;
   {
     std::lock_guard lock(queue_mutex);
-    if (queue.size() < options.delivery_queue_capacity) {
-      queue.push_back(std::move(task));
+    if (ordered_queue.size() + parallel_queue.size() < options.delivery_queue_capacity) {
+      (in_order ? ordered_queue : parallel_queue).push_back(std::move(task));
       queued = true;
     }
   }
@@ -533,16 +537,35 @@ void ZmqIpc::Impl::enqueue(std::function<void()> task) {
 void ZmqIpc::Impl::delivery_loop() {
   for (;;) {
     std::function<void()> task;
+    bool in_order = false;
     {
       std::unique_lock lock(queue_mutex);
-      queue_ready.wait(lock, [this] { return delivery_stopping || !queue.empty(); });
+      // Events keep their order (a "maximum fan rate" must not overtake the "minimum" sent before
+      // it), so only one of them runs at a time; requests take any free thread.
+      queue_ready.wait(lock, [this] {
+        return delivery_stopping || (!ordered_running && !ordered_queue.empty()) || !parallel_queue.empty();
+      });
       if (delivery_stopping) {
         return;
       }
-      task = std::move(queue.front());
-      queue.pop_front();
+      if (!ordered_running && !ordered_queue.empty()) {
+        task = std::move(ordered_queue.front());
+        ordered_queue.pop_front();
+        ordered_running = true;
+        in_order = true;
+      } else {
+        task = std::move(parallel_queue.front());
+        parallel_queue.pop_front();
+      }
     }
     task();
+    if (in_order) {
+      {
+        std::lock_guard lock(queue_mutex);
+        ordered_running = false;
+      }
+      queue_ready.notify_one();
+    }
   }
 }
 
