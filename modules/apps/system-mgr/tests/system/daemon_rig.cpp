@@ -1,0 +1,237 @@
+#include "daemon_rig.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace xpon::system_mgr::test {
+
+namespace {
+
+using namespace std::chrono_literals;
+using xpon::test::Process;
+using xpon::test::read_text_file;
+using xpon::test::wait_until;
+
+constexpr const char* kFactoryImage = "/sys/bus/nvmem/devices/device-eeprom0/nvmem";
+constexpr const char* kLogConfig = "/etc/zlog_modules_config/SYSTEM-MGR.conf";
+
+// The emulator's exit status when FUSE is missing or the mount is refused.
+constexpr int kEmulatorFuseUnavailable = 3;
+
+// True when every thread of the process is asleep in the kernel (state S in its stat line).
+bool all_threads_sleep(pid_t pid) {
+  const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+  std::error_code error;
+  bool any = false;
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    const std::string stat = read_text_file((task.path() / "stat").string());
+    // The state follows the command name, which is in parentheses and may hold blanks.
+    const auto name_end = stat.rfind(')');
+    if (name_end == std::string::npos || name_end + 2 >= stat.size() || stat[name_end + 2] != 'S') {
+      return false;
+    }
+    any = true;
+  }
+  return any && !error;
+}
+
+std::size_t count_of(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
+std::string quoted(const std::string& text) {
+  std::string out = "\"";
+  for (const char c : text) {
+    if (c == '\n') {
+      out += "\\n";
+    } else {
+      out += c;
+    }
+  }
+  return out + "\"";
+}
+
+}  // namespace
+
+DaemonRig::DaemonRig() : listener_(std::make_unique<xpon::test::NotifyListener>(sandbox_.path("/notify.sock"))) {}
+
+DaemonRig::~DaemonRig() {
+  // The daemon first: it holds /dev/board open, and a busy mount cannot be unmounted.
+  if (daemon_) {
+    (void)daemon_->stop(SIGKILL, 5s);
+  }
+  stop_emulator();
+  if (bus_) {
+    (void)bus_->stop(SIGTERM, 5s);
+  }
+}
+
+void DaemonRig::stop_emulator() {
+  if (!emulator_) {
+    return;
+  }
+  (void)emulator_->stop(SIGTERM, 5s);
+  emulator_.reset();
+  const std::string mount = path("/dev");
+  // A killed emulator leaves its mount behind; fusermount3 clears it, lazily if still busy.
+  if (xpon::test::is_mount_point(mount)) {
+    (void)xpon::test::run_program({"/bin/fusermount3", "-u", mount}, {}, 5s);
+  }
+  if (xpon::test::is_mount_point(mount)) {
+    (void)xpon::test::run_program({"/bin/fusermount3", "-u", "-z", mount}, {}, 5s);
+  }
+}
+
+std::string DaemonRig::fuse_unavailable_reason() {
+  if (::access("/dev/fuse", R_OK | W_OK) != 0) {
+    return std::string("FUSE is not usable here (/dev/fuse: ") + std::strerror(errno) +
+           "), so the board emulator cannot run";
+  }
+  if (::access("/bin/fusermount3", X_OK) != 0) {
+    return "fusermount3 is not installed, so the board emulator cannot be mounted";
+  }
+  return {};
+}
+
+std::string DaemonRig::start_bus() {
+  bus_.emplace(std::vector<std::string>{XPON_IPC_BUS_PROGRAM}, std::vector<std::string>{sandbox_.environment_entry()},
+               path("/bus.out"), path("/bus.log"));
+  const bool serving = wait_until(
+      [this] {
+        return !bus_->running() || (std::filesystem::exists(path("/run/xpon/ipc/bus.in")) &&
+                                    std::filesystem::exists(path("/run/xpon/ipc/bus.sub")));
+      },
+      10s);
+  if (!bus_->running()) {
+    return "xpon-ipc-bus ended (" + (bus_->end() ? bus_->end()->describe() : std::string("?")) +
+           "): " + read_text_file(path("/bus.log"));
+  }
+  return serving ? std::string() : "xpon-ipc-bus did not bind its sockets within 10 s";
+}
+
+std::string DaemonRig::start_emulator(const std::string& example_scenario, std::string& skip) {
+  skip = fuse_unavailable_reason();
+  if (!skip.empty()) {
+    return {};
+  }
+  const std::string scenario = std::string(XPON_EXAMPLES_DIR) + "/" + example_scenario;
+  emulator_.emplace(std::vector<std::string>{XPON_BOARD_EMU_PROGRAM, "--scenario", scenario, "--foreground"},
+                    std::vector<std::string>{sandbox_.environment_entry()}, path("/emu.out"), path("/emu.log"));
+  const bool serving = wait_until(
+      [this] {
+        return !emulator_->running() ||
+               (xpon::test::is_mount_point(path("/dev")) && std::filesystem::exists(path("/dev/board")));
+      },
+      10s);
+  if (!emulator_->running()) {
+    const auto end = emulator_->end();
+    const std::string log = read_text_file(path("/emu.log"));
+    emulator_.reset();
+    if (end && end->exited_with(kEmulatorFuseUnavailable)) {
+      skip = "the FUSE mount of the board emulator was refused here: " + log;
+      return {};
+    }
+    return "xpon-board-emu ended (" + (end ? end->describe() : std::string("?")) + ") before serving: " + log;
+  }
+  return serving ? std::string() : "xpon-board-emu did not serve /dev/board within 10 s";
+}
+
+std::string DaemonRig::make_factory_image(const std::string& product) {
+  const auto run =
+      xpon::test::run_program({XPON_FACTORY_PROGRAM, "make", "--product", product, "-o", path(kFactoryImage)},
+                              {sandbox_.environment_entry()}, 10s);
+  if (!run.end || !run.end->exited_with(0)) {
+    return "xpon-factory make failed (" + (run.end ? run.end->describe() : std::string("time-out")) +
+           "): " + run.errors;
+  }
+  return {};
+}
+
+void DaemonRig::write_log_config(const std::string& text) {
+  std::ofstream(path(kLogConfig), std::ios::binary | std::ios::trunc) << text;
+}
+
+void DaemonRig::install_example_log_config() {
+  write_log_config(read_text_file(std::string(XPON_EXAMPLES_DIR) + "/logging/stderr.conf"));
+}
+
+void DaemonRig::start_daemon() {
+  daemon_.emplace(std::vector<std::string>{XPON_SYSTEM_MGR_PROGRAM},
+                  std::vector<std::string>{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()},
+                  path("/daemon.out"), path("/daemon.log"));
+}
+
+bool DaemonRig::wait_for_notification(const std::string& text, std::size_t occurrence,
+                                      std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    const auto messages = listener_->messages();
+    if (static_cast<std::size_t>(std::count(messages.begin(), messages.end(), text)) >= occurrence) {
+      return true;
+    }
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      return false;
+    }
+    // Returns as soon as one more message arrives.
+    (void)listener_->wait_for(messages.size() + 1, left);
+  }
+}
+
+bool DaemonRig::wait_until_settled(std::size_t cycle, std::chrono::milliseconds timeout) {
+  const pid_t pid = daemon().pid();
+  if (pid <= 0) {
+    return false;
+  }
+  int quiet_samples = 0;
+  return wait_until(
+      [&] {
+        if (count_of(daemon_log(), "Start System function: ") < cycle) {
+          return false;
+        }
+        // Two samples in a row: a thread between two system calls is caught by one of them.
+        quiet_samples = all_threads_sleep(pid) ? quiet_samples + 1 : 0;
+        return quiet_samples >= 2;
+      },
+      timeout, 5ms);
+}
+
+std::string DaemonRig::daemon_log() const {
+  return read_text_file(path("/daemon.log"));
+}
+
+bool DaemonRig::wait_for_log(const std::string& text, std::chrono::milliseconds timeout) const {
+  return wait_until([&] { return daemon_log().find(text) != std::string::npos; }, timeout, 10ms);
+}
+
+xpon::test::ProgramRun DaemonRig::run_cfg(const std::vector<std::string>& arguments) const {
+  std::vector<std::string> argv{XPON_CFG_PROGRAM};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  return xpon::test::run_program(argv, {sandbox_.environment_entry()}, 10s);
+}
+
+std::string DaemonRig::helper_logs() const {
+  return "\n--- xpon-board-emu:\n" + read_text_file(path("/emu.log")) + "\n--- xpon-ipc-bus:\n" +
+         read_text_file(path("/bus.log"));
+}
+
+std::string DaemonRig::notifications_text() {
+  std::string text;
+  for (const auto& message : listener_->messages()) {
+    text += "  " + quoted(message) + "\n";
+  }
+  return text;
+}
+
+}  // namespace xpon::system_mgr::test

@@ -1,0 +1,109 @@
+#pragma once
+
+// Runs the real programs of a board in a temporary XPON_ROOT: the event bus, the board
+// emulator, the factory image made by xpon-factory, and system-mgr reporting to a stand-in
+// for systemd's notification socket. Every process is stopped and the emulator unmounted
+// when the rig goes, whatever happened before.
+
+#include "xpon/test/notify_listener.hpp"
+#include "xpon/test/process.hpp"
+#include "xpon/test/sandbox.hpp"
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace xpon::system_mgr::test {
+
+/// The texts the daemon sends to systemd at each stage of a cycle.
+inline const std::string kStartupText = "STATUS=Startup system manager...";
+inline const std::string kReadyText = "READY=1\nSTATUS=Processing requests...\n";
+inline const std::string kShutdownText = "STATUS=Shutdown system manager...\nSTOPPING=1\n";
+
+/// Logging for the rig: every line, progress included, to the daemon's standard error.
+inline const std::string kDebugToStderr = "level = \"debug\"\n\n[[sink]]\ntype = \"stderr\"\n";
+
+/// One board's worth of processes in its own sandbox.
+class DaemonRig {
+ public:
+  /// Makes the sandbox and the notification listener; throws std::runtime_error on failure.
+  DaemonRig();
+  /// Stops the daemon, the emulator and the bus, unmounts the emulator, removes the sandbox.
+  ~DaemonRig();
+  DaemonRig(const DaemonRig&) = delete;
+  DaemonRig& operator=(const DaemonRig&) = delete;
+
+  /// The sandbox root (the value of XPON_ROOT for every process of the rig).
+  [[nodiscard]] const std::string& root() const { return sandbox_.root(); }
+
+  /// A path under the root: path("/dev/board").
+  [[nodiscard]] std::string path(const std::string& logical_path) const { return sandbox_.path(logical_path); }
+
+  /// Why FUSE cannot be used on this machine, or an empty text when it can.
+  static std::string fuse_unavailable_reason();
+
+  /// Starts xpon-ipc-bus and waits until it serves both sockets; an error text or empty.
+  std::string start_bus();
+
+  /// Starts xpon-board-emu with one of the example scenarios ("board-lt.json") in the
+  /// foreground and waits until /dev/board is served. Returns an error text or empty;
+  /// sets `skip` instead when FUSE is unusable here (no /dev/fuse, or the mount refused).
+  std::string start_emulator(const std::string& example_scenario, std::string& skip);
+
+  /// Writes the device factory image with `xpon-factory make --product NAME`; an error text or empty.
+  std::string make_factory_image(const std::string& product);
+
+  /// Writes the daemon's logging configuration (/etc/zlog_modules_config/SYSTEM-MGR.conf).
+  void write_log_config(const std::string& text);
+
+  /// Copies the repository's example logging configuration (examples/logging/stderr.conf).
+  void install_example_log_config();
+
+  /// Starts system-mgr with NOTIFY_SOCKET set to the listener; its stderr goes to daemon_log().
+  void start_daemon();
+
+  /// The running (or ended) daemon; throws std::bad_optional_access before start_daemon().
+  [[nodiscard]] xpon::test::Process& daemon() { return daemon_.value(); }
+
+  /// The notification listener the daemon reports to.
+  [[nodiscard]] xpon::test::NotifyListener& notifications() { return *listener_; }
+
+  /// Waits until the `occurrence`-th (1-based) message equal to `text` has arrived.
+  bool wait_for_notification(const std::string& text, std::size_t occurrence, std::chrono::milliseconds timeout);
+
+  /// Waits until the daemon's `cycle`-th start (1-based) has settled: its polling threads were
+  /// started (the log says "Start System function" that many times) and every thread of the
+  /// process sleeps. A polling thread only ends on a wake-up that finds it waiting, so a stop
+  /// signal sent earlier, while a thread still makes its way to its first wait, leaves the
+  /// daemon waiting in the join for good; tests and benchmarks signal a settled daemon.
+  /// Needs the debug logging of kDebugToStderr or the stderr.conf example.
+  bool wait_until_settled(std::size_t cycle, std::chrono::milliseconds timeout);
+
+  /// What the daemon wrote to standard error so far.
+  [[nodiscard]] std::string daemon_log() const;
+
+  /// Waits until the daemon's standard error holds `text`.
+  bool wait_for_log(const std::string& text, std::chrono::milliseconds timeout) const;
+
+  /// Runs xpon-cfg with the arguments in the rig's XPON_ROOT.
+  xpon::test::ProgramRun run_cfg(const std::vector<std::string>& arguments) const;
+
+  /// The emulator's and the bus's logs, for failure messages.
+  [[nodiscard]] std::string helper_logs() const;
+
+  /// Everything the daemon sent to the notification socket, quoted one per line, for messages.
+  std::string notifications_text();
+
+ private:
+  void stop_emulator();
+
+  xpon::test::Sandbox sandbox_;
+  std::unique_ptr<xpon::test::NotifyListener> listener_;
+  std::optional<xpon::test::Process> bus_;
+  std::optional<xpon::test::Process> emulator_;
+  std::optional<xpon::test::Process> daemon_;
+};
+
+}  // namespace xpon::system_mgr::test

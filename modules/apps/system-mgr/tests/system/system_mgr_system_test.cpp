@@ -1,0 +1,418 @@
+// system-mgr as systemd and the rest of the board see it: the real daemon against the real
+// event bus, the board emulator and a factory image made by xpon-factory.
+
+#include "daemon_rig.hpp"
+#include "xpon/system_mgr/api.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+#include <zmq.hpp>
+#include <zmq_addon.hpp>
+
+namespace xpon::system_mgr::test {
+namespace {
+
+using namespace std::chrono_literals;
+using xpon::test::ProgramRun;
+
+constexpr auto kStepTimeout = 10s;
+
+// Device names as they are written into factory images of each family.
+constexpr const char* kLtProduct = "Korvan-16GP";
+constexpr const char* kLcProduct = "QD7R-LC-8";
+constexpr const char* kFcProduct = "QD7R-FC";
+
+// The daemon's own IPC address: the source word of every event it publishes.
+constexpr std::uint32_t kDaemonAddress = 0x0019FFFE;
+
+// The load-average threshold of a fresh configuration database: a load of 4.00.
+constexpr std::uint32_t kDefaultLoadThreshold = 400;
+
+#define XPON_SKIP_OR_FAIL(skip, failure) \
+  do {                                   \
+    if (!(skip).empty()) {               \
+      GTEST_SKIP() << (skip);            \
+    }                                    \
+    ASSERT_EQ(failure, "");              \
+  } while (false)
+
+// Starts the board around the daemon; ends the test here when FUSE is unusable or a step failed.
+#define XPON_START_BOARD(scenario, product)                  \
+  do {                                                       \
+    ASSERT_NO_FATAL_FAILURE(start_board(scenario, product)); \
+    if (IsSkipped()) {                                       \
+      return;                                                \
+    }                                                        \
+  } while (false)
+
+std::uint32_t u32_at(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+  return static_cast<std::uint32_t>(bytes[offset]) | (static_cast<std::uint32_t>(bytes[offset + 1]) << 8U) |
+         (static_cast<std::uint32_t>(bytes[offset + 2]) << 16U) |
+         (static_cast<std::uint32_t>(bytes[offset + 3]) << 24U);
+}
+
+std::uint16_t u16_at(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+  return static_cast<std::uint16_t>(bytes[offset] | (bytes[offset + 1] << 8U));
+}
+
+std::string topic(std::uint16_t group, std::uint16_t id) {
+  return {static_cast<char>(group >> 8U), static_cast<char>(group & 0xFFU), static_cast<char>(id >> 8U),
+          static_cast<char>(id & 0xFFU)};
+}
+
+/// One event as it leaves the bus: topic, 24-byte header, payload.
+struct BusEvent {
+  std::vector<std::uint8_t> header;
+  std::vector<std::uint8_t> payload;
+};
+
+/// A subscriber on the bus, connected the way any board process connects, with its own
+/// probe to learn when the bus has taken its subscriptions.
+class BusSubscriber {
+ public:
+  explicit BusSubscriber(const std::string& ipc_directory)
+      : subscriber_(context_, zmq::socket_type::sub), prober_(context_, zmq::socket_type::push) {
+    subscriber_.set(zmq::sockopt::linger, 0);
+    prober_.set(zmq::sockopt::linger, 0);
+    subscriber_.set(zmq::sockopt::subscribe, topic(IPC_EVENT_ALARM_GROUP, IPC_EVENT_ALARM_ID));
+    subscriber_.set(zmq::sockopt::subscribe, topic(kProbeGroup, kProbeId));
+    subscriber_.connect("ipc://" + ipc_directory + "/bus.sub");
+    prober_.connect("ipc://" + ipc_directory + "/bus.in");
+  }
+
+  /// Pushes probe events into the bus until one comes back: subscriptions reach the bus in
+  /// the order they were made, so from then on it forwards the alarm events to us too.
+  bool wait_subscribed(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      std::array<std::uint8_t, 24> header{};
+      header[0] = 1;  // version
+      header[1] = 3;  // event
+      header[12] = static_cast<std::uint8_t>(kProbeGroup & 0xFFU);
+      header[13] = static_cast<std::uint8_t>(kProbeGroup >> 8U);
+      header[14] = static_cast<std::uint8_t>(kProbeId & 0xFFU);
+      header[15] = static_cast<std::uint8_t>(kProbeId >> 8U);
+      const std::string probe_topic = topic(kProbeGroup, kProbeId);
+      prober_.send(zmq::buffer(probe_topic), zmq::send_flags::sndmore);
+      prober_.send(zmq::buffer(header), zmq::send_flags::sndmore);
+      prober_.send(zmq::message_t(), zmq::send_flags::none);
+      if (auto event = next(50ms, /*keep_probes=*/true)) {
+        if (u16_at(event->header, 12) == kProbeGroup) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+
+  /// The next alarm event, or nothing after the time-out (probe echoes are passed over).
+  std::optional<BusEvent> next_alarm(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) {
+        return std::nullopt;
+      }
+      if (auto event = next(left, /*keep_probes=*/false)) {
+        return event;
+      }
+    }
+  }
+
+ private:
+  static constexpr std::uint16_t kProbeGroup = 0x7FF0;
+  static constexpr std::uint16_t kProbeId = 0x0001;
+
+  std::optional<BusEvent> next(std::chrono::milliseconds timeout, bool keep_probes) {
+    std::array<zmq::pollitem_t, 1> items{{{subscriber_.handle(), 0, ZMQ_POLLIN, 0}}};
+    if (zmq::poll(items.data(), items.size(), timeout) <= 0) {
+      return std::nullopt;
+    }
+    std::vector<zmq::message_t> frames;
+    if (!zmq::recv_multipart(subscriber_, std::back_inserter(frames), zmq::recv_flags::dontwait) ||
+        frames.size() != 3) {
+      return std::nullopt;
+    }
+    BusEvent event;
+    event.header.assign(frames[1].data<std::uint8_t>(), frames[1].data<std::uint8_t>() + frames[1].size());
+    event.payload.assign(frames[2].data<std::uint8_t>(), frames[2].data<std::uint8_t>() + frames[2].size());
+    const bool probe = frames[0].to_string() == topic(kProbeGroup, kProbeId);
+    if (probe && !keep_probes) {
+      return std::nullopt;
+    }
+    return event;
+  }
+
+  zmq::context_t context_;
+  zmq::socket_t subscriber_;
+  zmq::socket_t prober_;
+};
+
+/// The 1-minute load average of the machine, times 100.
+double machine_load_hundredths() {
+  std::ifstream file("/proc/loadavg");
+  double one_minute = 0.0;
+  file >> one_minute;
+  return one_minute * 100.0;
+}
+
+/// Checks a CPU load alarm record byte by byte against `threshold` (load x 100, 0: none).
+testing::AssertionResult is_cpu_load_alarm(const std::vector<std::uint8_t>& record, std::uint32_t threshold) {
+  if (record.size() != 305) {
+    return testing::AssertionFailure() << "the record has " << record.size() << " bytes, not 305";
+  }
+  const std::uint8_t state = record[8];
+  if (state != 0 && state != 1) {
+    return testing::AssertionFailure() << "state byte " << int{state};
+  }
+  if (u32_at(record, 9) != 3) {
+    return testing::AssertionFailure() << "alarm id " << u32_at(record, 9) << ", not 3 (system load average)";
+  }
+  const std::uint32_t values[3] = {u32_at(record, 33), u32_at(record, 37), u32_at(record, 41)};
+  const auto* text_begin = record.data() + 45;
+  const auto* text_end = std::find(text_begin, record.data() + 301, std::uint8_t{0});
+  if (text_end == record.data() + 301) {
+    return testing::AssertionFailure() << "the text is not NUL-terminated within its 256 bytes";
+  }
+  const std::string text(text_begin, text_end);
+  // Everything the function does not fill stays zero: the header words, the instance, the
+  // rest of the text field and the tail.
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    const bool filled = i == 8 || (i >= 9 && i < 13) || (i >= 33 && i < 45) || (i >= 45 && i < 45 + text.size());
+    if (!filled && record[i] != 0) {
+      return testing::AssertionFailure() << "byte " << i << " is " << int{record[i]} << ", not 0";
+    }
+  }
+
+  double averages[3] = {0.0, 0.0, 0.0};
+  int consumed = 0;
+  if (std::sscanf(text.c_str(), "CPU load average (1m, 5m, 15m): %lf, %lf, %lf%n", &averages[0], &averages[1],
+                  &averages[2], &consumed) != 3) {
+    return testing::AssertionFailure() << "unexpected text \"" << text << "\"";
+  }
+  for (int i = 0; i < 3; ++i) {
+    // The text rounds to two places, the value truncates the hundredths: they differ by one at most.
+    if (std::abs(std::lround(averages[i] * 100.0) - static_cast<long>(values[i])) > 1) {
+      return testing::AssertionFailure() << "text \"" << text << "\" does not match value " << values[i];
+    }
+  }
+  const std::uint32_t largest = std::max({values[0], values[1], values[2]});
+  const std::uint8_t expected_state = threshold != 0 && largest >= threshold ? 0 : 1;
+  if (state != expected_state) {
+    return testing::AssertionFailure() << "state " << int{state} << " for loads " << values[0] << ", " << values[1]
+                                       << ", " << values[2] << " and threshold " << threshold;
+  }
+  std::array<char, 256> expected{};
+  (void)std::snprintf(expected.data(), expected.size(), "CPU load average (1m, 5m, 15m): %.2f, %.2f, %.2f%s",
+                      averages[0], averages[1], averages[2], state == 0 ? "" : " is back to normal");
+  if (text != expected.data()) {
+    return testing::AssertionFailure() << "text \"" << text << "\", expected \"" << expected.data() << "\"";
+  }
+  // The daemon reads the machine's real load: a few seconds apart, the two agree closely.
+  if (std::abs(machine_load_hundredths() - values[0]) > 150.0) {
+    return testing::AssertionFailure() << "1-minute load " << values[0] << " is far from the machine's "
+                                       << machine_load_hundredths();
+  }
+  return testing::AssertionSuccess();
+}
+
+class SystemMgrTest : public testing::Test {
+ protected:
+  /// Bus, emulator with the example scenario, factory image, the example stderr logging.
+  void start_board(const std::string& scenario, const std::string& product) {
+    ASSERT_EQ(rig_.start_bus(), "");
+    std::string skip;
+    const std::string failure = rig_.start_emulator(scenario, skip);
+    XPON_SKIP_OR_FAIL(skip, failure);
+    ASSERT_EQ(rig_.make_factory_image(product), "");
+    rig_.install_example_log_config();
+  }
+
+  void start_daemon_and_wait_ready() {
+    rig_.start_daemon();
+    ASSERT_TRUE(rig_.wait_for_notification(kReadyText, 1, kStepTimeout)) << "no READY; notifications:\n"
+                                                                         << rig_.notifications_text() << "daemon log:\n"
+                                                                         << rig_.daemon_log() << rig_.helper_logs();
+  }
+
+  /// Waits until the daemon's `cycle`-th start has settled, so that a stop signal is seen.
+  void settle(std::size_t cycle) {
+    ASSERT_TRUE(rig_.wait_until_settled(cycle, kStepTimeout)) << "the daemon did not settle; log:\n"
+                                                              << rig_.daemon_log();
+  }
+
+  /// Starts the daemon without the emulator and expects it to fail with this one status text.
+  void expect_start_up_failure(const std::string& status) {
+    rig_.start_daemon();
+    const auto end = rig_.daemon().wait(kStepTimeout);
+    ASSERT_TRUE(end.has_value()) << "the daemon did not end; notifications:\n" << rig_.notifications_text();
+    EXPECT_TRUE(end->exited_with(1)) << end->describe() << "\n" << rig_.daemon_log();
+    EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, status})) << rig_.daemon_log();
+  }
+
+  DaemonRig rig_;
+};
+
+TEST_F(SystemMgrTest, ReportsStartupThenReadyAndExitsWithZeroOnSigterm) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, kReadyText}));
+
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  ASSERT_TRUE(rig_.daemon().signal(SIGTERM));
+  const auto end = rig_.daemon().wait(kStepTimeout);
+  ASSERT_TRUE(end.has_value()) << "system-mgr did not end after SIGTERM";
+  EXPECT_TRUE(end->exited_with(0)) << end->describe() << "\n" << rig_.daemon_log();
+  EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, kReadyText, kShutdownText}));
+}
+
+TEST_F(SystemMgrTest, ExitsWithZeroOnSigint) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  ASSERT_TRUE(rig_.daemon().signal(SIGINT));
+  const auto end = rig_.daemon().wait(kStepTimeout);
+  ASSERT_TRUE(end.has_value()) << "system-mgr did not end after SIGINT";
+  EXPECT_TRUE(end->exited_with(0)) << end->describe() << "\n" << rig_.daemon_log();
+  EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, kReadyText, kShutdownText}));
+}
+
+TEST_F(SystemMgrTest, SighupRestartsInPlaceWithASecondReady) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  const pid_t pid = rig_.daemon().pid();
+
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  ASSERT_TRUE(rig_.daemon().signal(SIGHUP));
+  ASSERT_TRUE(rig_.wait_for_notification(kReadyText, 2, kStepTimeout))
+      << "no second READY; notifications:\n"
+      << rig_.notifications_text() << rig_.daemon_log();
+  EXPECT_EQ(rig_.notifications().messages(),
+            (std::vector<std::string>{kStartupText, kReadyText, kShutdownText, kStartupText, kReadyText}));
+  EXPECT_TRUE(rig_.daemon().running()) << "system-mgr ended after SIGHUP";
+  EXPECT_EQ(rig_.daemon().pid(), pid);
+
+  // The new cycle is as alive as the first: it stops on SIGTERM with status 0.
+  ASSERT_NO_FATAL_FAILURE(settle(2));
+  ASSERT_TRUE(rig_.daemon().signal(SIGTERM));
+  const auto end = rig_.daemon().wait(kStepTimeout);
+  ASSERT_TRUE(end.has_value()) << "system-mgr did not end after SIGTERM in its second cycle; notifications:\n"
+                               << rig_.notifications_text() << "daemon log:\n"
+                               << rig_.daemon_log();
+  EXPECT_TRUE(end->exited_with(0)) << end->describe();
+  EXPECT_EQ(rig_.notifications().messages().back(), kShutdownText);
+}
+
+TEST_F(SystemMgrTest, WithoutTheBoardDeviceReportsTheBoardFailureAndExitsWithOne) {
+  ASSERT_EQ(rig_.make_factory_image(kLtProduct), "");
+  rig_.install_example_log_config();
+  expect_start_up_failure(
+      "STATUS=Exception on create Board object: Can't open /dev/board file (No such file or directory) .");
+}
+
+TEST_F(SystemMgrTest, AnUnknownDeviceNameReportsTheFactoryFailureAndExitsWithOne) {
+  ASSERT_EQ(rig_.make_factory_image("QD7R-F"), "");
+  rig_.install_example_log_config();
+  expect_start_up_failure("STATUS=Exception on create Factory object: Unknown device type (QD7R-F).");
+}
+
+TEST_F(SystemMgrTest, AMissingFactoryImageReportsTheFactoryFailureAndExitsWithOne) {
+  rig_.install_example_log_config();
+  // get_factory returns the errno of the failed open: ENOENT.
+  expect_start_up_failure("STATUS=Exception on create Factory object: get_factory call failed (error: 2).");
+}
+
+TEST_F(SystemMgrTest, AMissingLoggingConfigurationReportsItAndExitsWithOne) {
+  ASSERT_EQ(rig_.make_factory_image(kLtProduct), "");
+  expect_start_up_failure("STATUS=Unable to create logging context.");
+}
+
+struct Family {
+  const char* scenario;
+  const char* product;
+};
+
+void PrintTo(const Family& family, std::ostream* out) {
+  *out << family.scenario << " with " << family.product;
+}
+
+class CpuLoadAlarmTest : public SystemMgrTest, public testing::WithParamInterface<Family> {};
+
+// FC and LC boards connect a client to the Election Manager at start-up. The link is prepared
+// without a peer answering (messages to it would wait in its queue), so no stand-in runs
+// here: the daemon must come up on these boards all the same.
+TEST_P(CpuLoadAlarmTest, IsPublishedOnTheBusAtStartUp) {
+  XPON_START_BOARD(GetParam().scenario, GetParam().product);
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << "the bus did not echo a probe" << rig_.helper_logs();
+
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  std::optional<BusEvent> alarm;
+  while ((alarm = subscriber.next_alarm(kStepTimeout))) {
+    if (alarm->payload.size() >= 13 && u32_at(alarm->payload, 9) == 3) {
+      break;
+    }
+  }
+  ASSERT_TRUE(alarm.has_value()) << "no CPU load alarm on the bus; daemon log:\n" << rig_.daemon_log();
+  ASSERT_EQ(alarm->header.size(), 24U);
+  EXPECT_EQ(alarm->header[0], 1);  // wire version
+  EXPECT_EQ(alarm->header[1], 3);  // an event
+  EXPECT_EQ(u32_at(alarm->header, 4), kDaemonAddress);
+  EXPECT_EQ(u16_at(alarm->header, 12), IPC_EVENT_ALARM_GROUP);
+  EXPECT_EQ(u16_at(alarm->header, 14), IPC_EVENT_ALARM_ID);
+  EXPECT_TRUE(is_cpu_load_alarm(alarm->payload, kDefaultLoadThreshold));
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, CpuLoadAlarmTest,
+                         testing::Values(Family{"board-lt.json", kLtProduct}, Family{"board-lc.json", kLcProduct},
+                                         Family{"board-fc.json", kFcProduct}),
+                         [](const testing::TestParamInfo<Family>& family) {
+                           return std::string(family.param.scenario).substr(6, 2);
+                         });
+
+TEST_F(SystemMgrTest, AZeroLoadThresholdGivesBackToNormal) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  const ProgramRun set = rig_.run_cfg({"set", "ALARM_SYSTEM_LOAD_AVERAGE", "threshold=0"});
+  ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
+
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  const auto alarm = subscriber.next_alarm(kStepTimeout);
+  ASSERT_TRUE(alarm.has_value()) << rig_.daemon_log();
+  EXPECT_TRUE(is_cpu_load_alarm(alarm->payload, 0));
+  ASSERT_EQ(alarm->payload.size(), 305U);
+  EXPECT_EQ(alarm->payload[8], 1);
+  const std::string text(reinterpret_cast<const char*>(alarm->payload.data()) + 45);
+  EXPECT_TRUE(text.ends_with(" is back to normal")) << text;
+}
+
+TEST_F(SystemMgrTest, LogsAConfigurationChangeOfTheLoadThreshold) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  const std::string change_line = "Change config event [ALARM_SYSTEM_LOAD_AVERAGE]";
+  EXPECT_EQ(rig_.daemon_log().find(change_line), std::string::npos);
+
+  const ProgramRun set = rig_.run_cfg({"set", "ALARM_SYSTEM_LOAD_AVERAGE", "threshold=1"});
+  ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
+  EXPECT_TRUE(rig_.wait_for_log(change_line, kStepTimeout)) << rig_.daemon_log();
+  EXPECT_TRUE(rig_.daemon().running());
+}
+
+}  // namespace
+}  // namespace xpon::system_mgr::test
