@@ -302,6 +302,23 @@ TEST_F(ZmqIpcTest, GarbageFromARawSocketIsDroppedAndCounted) {
   EXPECT_EQ(answer.value().payload.size(), wire::kMaxPayload);
 }
 
+TEST_F(ZmqIpcTest, DropReportsAreRateLimited) {
+  auto server = endpoint(kServer);
+  {
+    RawPeer raw(kServer);
+    for (int i = 0; i < 20; ++i) {
+      raw.send({{0x01, 0x01}, {}});
+    }
+    ASSERT_TRUE(wait_until([&] { return server->stats().short_headers == 20; }));
+  }
+  int reports = 0;
+  for (const auto& text : log->texts()) {
+    reports += text.starts_with("IPC endpoint test: dropped a message (short header)") ? 1 : 0;
+  }
+  // Twenty drops well within one second: one line, the rest only counted.
+  EXPECT_EQ(reports, 1);
+}
+
 TEST_F(ZmqIpcTest, SecondOwnerOfAnAddressIsRefused) {
   auto first = endpoint(kServer);
   try {
