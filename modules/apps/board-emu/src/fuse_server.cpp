@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
 namespace xpon::board_emu {
 
@@ -251,14 +250,19 @@ bool is_incomplete_json(const std::string& text) {
 
 int serve(Emulator& emulator, const ServeOptions& options, logger::ILogger& logger) {
   static const fuse_operations operations = make_operations();
-  std::vector<std::string> words = {"xpon-board-emu", "-o", "fsname=xpon-board-emu,subtype=xpon-board-emu"};
-  std::vector<char*> argv;
-  for (auto& word : words) {
-    argv.push_back(word.data());
+  // The argument vector is built by libfuse itself so that fuse_opt_free_args can release it;
+  // it is kept until the file system is gone.
+  struct Arguments {
+    fuse_args args = FUSE_ARGS_INIT(0, nullptr);
+    ~Arguments() { fuse_opt_free_args(&args); }
+  } arguments;
+  for (const char* word : {"xpon-board-emu", "-o", "fsname=xpon-board-emu,subtype=xpon-board-emu"}) {
+    if (fuse_opt_add_arg(&arguments.args, word) != 0) {
+      logger.error("cannot build the FUSE arguments");
+      return kExitFailure;
+    }
   }
-  fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
-
-  fuse* filesystem = fuse_new(&args, &operations, sizeof operations, &emulator);
+  fuse* filesystem = fuse_new(&arguments.args, &operations, sizeof operations, &emulator);
   if (filesystem == nullptr) {
     logger.error("cannot create the FUSE file system");
     return kExitMountFailed;
