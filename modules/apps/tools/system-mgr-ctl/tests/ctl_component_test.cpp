@@ -265,6 +265,46 @@ TEST_F(SystemMgrCtl, WatchPrintsAnSfpRemovalWithItsPort) {
             "removed\n");
 }
 
+TEST_F(SystemMgrCtl, WatchCountsExactlyNEventsOfAnyKind) {
+  start_bus();
+  auto watcher = run_ctl({"watch", "--count", "2", "--timeout", "30"}, "watch");
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  const auto alarm = alarm_event(cpu_load_alarm(0, 150, 25, 0, "CPU load average (1m, 5m, 15m): 1.50, 0.25, 0.00"));
+  xpon::ipc::Event inserted;
+  inserted.payload.assign(64, 0);
+  inserted.payload[0] = 2;
+  inserted.payload[4] = 1;
+  inserted.address = sm::SYSTEM_MGR_REPLY_ADDRESS_WORD;
+  inserted.group = sm::IPC_SYSTEM_MGR;
+  inserted.id = sm::IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED;
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  while (watcher.running() && std::chrono::steady_clock::now() < end) {
+    ASSERT_TRUE(daemon->send_event(alarm).has_value());
+    ASSERT_TRUE(daemon->send_event(inserted).has_value());
+    std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_EQ(watcher.exit_status(), 0) << watcher.err();
+  const std::string alarm_line =
+      "9000:9005 alarm from 0x0019fffe: id 3 (system load average) raised, instance 0, values 150 25 0, "
+      "text \"CPU load average (1m, 5m, 15m): 1.50, 0.25, 0.00\"";
+  const std::string inserted_line =
+      "15500:15541 IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED from 0x0019fffe: F-port 2 SFP module inserted, "
+      "state 0x01, data [" +
+      std::string(118, '0') + "]";
+  // The first event seen depends on when the subscription reached the bus; after it the two alternate.
+  const auto out = watcher.out();
+  EXPECT_TRUE(out == alarm_line + "\n" + inserted_line + "\n" || out == inserted_line + "\n" + alarm_line + "\n")
+      << out;
+}
+
+TEST_F(SystemMgrCtl, WatchWithoutABusSaysSoAndTimesOut) {
+  auto watcher = run_ctl({"watch", "--timeout", "0.3"}, "watch");
+  EXPECT_EQ(watcher.exit_status(), 3);
+  EXPECT_EQ(watcher.err(),
+            "system-mgr-ctl: the event bus is not running yet; waiting for it\n"
+            "system-mgr-ctl: no event within 0.3 s\n");
+}
+
 TEST_F(SystemMgrCtl, WatchWithoutEventsTimesOutWithStatus3) {
   start_bus();
   auto watcher = run_ctl({"watch", "--timeout", "0.3"}, "watch");
