@@ -4,6 +4,7 @@
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/logger/ilogger.hpp"
 #include "xpon/service/service.hpp"
+#include "xpon/system_mgr/api.h"
 
 #include <atomic>
 #include <chrono>
@@ -24,38 +25,16 @@ using logger::ILogger;
 using service::Config_change;
 using service::ServiceCtx;
 
-/// The alarm record every monitoring function publishes, byte for byte the payload of the
-/// alarm event: packed, little-endian, 305 bytes. Functions zero it and fill what their
-/// alarm needs; the receiver of the event decodes it, so the layout is fixed.
-struct __attribute__((packed)) Alarm {
-  std::uint8_t reserved_head[8];   ///< never set here
-  std::uint8_t state;              ///< 0 alarm raised, 1 back to normal
-  std::uint32_t alarm_id;          ///< the kind of alarm (1 RAM, 3 system load average, ...)
-  std::uint8_t reserved_kind[4];   ///< never set here
-  std::uint32_t instance;          ///< which item of its kind the alarm is about (sensor, fan, partition)
-  std::uint8_t reserved_item[12];  ///< never set here
-  std::uint32_t value[3];          ///< the measured values, as each function defines them
-  char text[256];                  ///< human-readable text, NUL-terminated
-  std::uint8_t reserved_tail[4];   ///< never set here
-};
-
+// The 305-byte Alarm record is shared with the daemon's clients (xpon/system_mgr/api.h).
 /// Alarm state values of Alarm::state.
-inline constexpr std::uint8_t kAlarmRaised = 0;
-inline constexpr std::uint8_t kAlarmNormal = 1;
-
-static_assert(sizeof(Alarm) == 305);
-static_assert(offsetof(Alarm, state) == 8);
-static_assert(offsetof(Alarm, alarm_id) == 9);
-static_assert(offsetof(Alarm, instance) == 17);
-static_assert(offsetof(Alarm, value) == 33);
-static_assert(offsetof(Alarm, text) == 45);
-static_assert(offsetof(Alarm, reserved_tail) == 301);
+inline constexpr std::uint8_t kAlarmRaised = SYSTEM_MGR_ALARM_RAISED;
+inline constexpr std::uint8_t kAlarmNormal = SYSTEM_MGR_ALARM_BACK_TO_NORMAL;
 
 /// Address word of the daemon's responses and alarm events.
 inline constexpr std::uint32_t kReplyAddressWord = 0x0000FFFE;
 /// Header words of the alarm event.
-inline constexpr std::uint16_t kAlarmEventGroup = 9000;
-inline constexpr std::uint16_t kAlarmEventId = 9005;
+inline constexpr std::uint16_t kAlarmEventGroup = IPC_EVENT_ALARM_GROUP;
+inline constexpr std::uint16_t kAlarmEventId = IPC_EVENT_ALARM_ID;
 
 /// One monitoring or control activity of the daemon, as its service drives it.
 class ISysFunction {
