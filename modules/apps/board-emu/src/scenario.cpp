@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -98,6 +99,11 @@ core::Result<Scenario> parse_scenario(std::string_view text) {
 }
 
 core::Result<Scenario> load_scenario_file(const std::string& path) {
+  // A directory opens as a stream on Linux and only fails on reading; name it plainly instead.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) {
+    return refused(fmt::format("cannot read {}: {}", path, std::strerror(EISDIR)));
+  }
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     return refused(fmt::format("cannot read {}: {}", path, std::strerror(errno)));

@@ -81,6 +81,13 @@ TEST(LoadScenarioFile, MissingFileIsNamed) {
   EXPECT_EQ(error_text(scenario.error()), "cannot read /nonexistent/board.json: No such file or directory");
 }
 
+TEST(LoadScenarioFile, DirectoryIsNamed) {
+  const auto directory = std::filesystem::temp_directory_path().string();
+  auto scenario = load_scenario_file(directory);
+  ASSERT_FALSE(scenario);
+  EXPECT_EQ(error_text(scenario.error()), "cannot read " + directory + ": Is a directory");
+}
+
 TEST(LoadScenarioFile, ExampleScenariosAreValid) {
   for (const char* name : {"board-lt.json", "board-lc.json", "board-fc.json"}) {
     const auto path = std::filesystem::path(XPON_EXAMPLES_DIR) / name;
