@@ -51,7 +51,8 @@ int Emulator::ioctl(unsigned int request, void* argument) {
   std::lock_guard lock(mutex_);
   const int error = operation->answer(model_, argument);
   if (error != 0) {
-    logger_->logf(logger::kInfo, "{}: refused with {}", operation->name, errno_name(error));
+    // Clients probe ports the board may not have once a second, so this is a debug line.
+    logger_->progress("{}: refused with {}", operation->name, errno_name(error));
   }
   return -error;
 }

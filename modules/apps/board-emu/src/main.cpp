@@ -33,9 +33,11 @@ int main(int argc, char** argv) {
   std::string scenario_path;
   std::string mount_point;
   bool foreground = false;
+  bool verbose = false;
   app.add_option("--scenario", scenario_path, "scenario file (JSON)")->required();
   app.add_option("--mount", mount_point, "directory to mount at (default: $XPON_ROOT/dev)");
   app.add_flag("--foreground", foreground, "stay in the foreground instead of detaching");
+  app.add_flag("--verbose", verbose, "also log every driver command the model refuses");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& help) {
@@ -45,7 +47,7 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
 
-  auto logger = std::make_shared<StderrLogger>(kProgram, xpon::logger::kInfo);
+  auto logger = std::make_shared<StderrLogger>(kProgram, verbose ? xpon::logger::kProgress : xpon::logger::kInfo);
 
   auto scenario = load_scenario_file(scenario_path);
   if (!scenario) {

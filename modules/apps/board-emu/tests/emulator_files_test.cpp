@@ -168,6 +168,7 @@ TEST(EmulatorProgram, HelpDescribesTheOptions) {
   EXPECT_NE(run.output.find("--scenario"), std::string::npos) << run.output;
   EXPECT_NE(run.output.find("--mount"), std::string::npos);
   EXPECT_NE(run.output.find("--foreground"), std::string::npos);
+  EXPECT_NE(run.output.find("--verbose"), std::string::npos);
 }
 
 TEST(EmulatorProgram, MissingScenarioOptionIsAUsageError) {

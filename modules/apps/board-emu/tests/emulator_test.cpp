@@ -222,6 +222,7 @@ TEST_F(EmulatorTest, PanelLedCommandIsKept) {
   EXPECT_EQ(state()["led_panel"]["alarm"], Json::parse(R"({"mode": "blink", "color": "red"})"));
   Brd__led bad{5, BRD_API__LED_MODE_ON, BRD_API__LED_COLOR_GREEN};
   EXPECT_EQ(emulator_.ioctl(BOARD_CNTRL_LED_PANEL, &bad), -EINVAL);
+  EXPECT_TRUE(logger_->contains("BOARD_CNTRL_LED_PANEL: refused with EINVAL", logger::kProgress));
   Brd__led bad_mode{0, 3, BRD_API__LED_COLOR_GREEN};
   EXPECT_EQ(emulator_.ioctl(BOARD_CNTRL_LED_PANEL, &bad_mode), -EINVAL);
 }
