@@ -1,5 +1,7 @@
 #include "xpon/cfgdb/change_event.hpp"
 
+#include "xpon/test/recording_ipc.hpp"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,31 +13,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 
-// Records what is published; every other operation is outside what a writer uses.
-class PublishedEvents : public ipc::IIpc {
- public:
-  core::Result<void> subscribe_request(ipc::Key, ipc::RequestHandler) override { return core::Error::NotImplemented; }
-  core::Result<void> unsubscribe_request(ipc::Key) override { return core::Error::NotImplemented; }
-  core::Result<void> subscribe_event(ipc::Key, ipc::EventHandler) override { return core::Error::NotImplemented; }
-  core::Result<void> unsubscribe_event(ipc::Key) override { return core::Error::NotImplemented; }
-  core::Result<void> send_response(ipc::Address, const ipc::Response&) override { return core::Error::NotImplemented; }
-  core::Result<void> send_event(const ipc::Event& event) override {
-    events.push_back(event);
-    if (fail) {
-      return core::ErrorPayload{core::Error::ErrorCApi, "bus unreachable"};
-    }
-    return core::success();
-  }
-  core::Result<void> connect(ipc::Address) override { return core::Error::NotImplemented; }
-  core::Result<ipc::Response> request(ipc::Address, ipc::Request, std::chrono::milliseconds) override {
-    return core::Error::NotImplemented;
-  }
-  [[nodiscard]] ipc::Address address() const override { return kWriterAddress; }
-
-  std::vector<ipc::Event> events;
-  bool fail = false;
-};
-
 TEST(CfgdbChangeEvent, PayloadIsTwelveBytesPerSectionLittleEndian) {
   const std::vector<std::uint32_t> ids{80, 123};
   EXPECT_THAT(encode_sections_changed(ids), ElementsAreArray<std::uint8_t>({80,  0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
@@ -43,11 +20,11 @@ TEST(CfgdbChangeEvent, PayloadIsTwelveBytesPerSectionLittleEndian) {
 }
 
 TEST(CfgdbChangeEvent, PublishSendsOneEventWithKeySourceAndPayload) {
-  PublishedEvents ipc;
+  test::RecordingIpc ipc(kWriterAddress);
   const std::vector<std::uint32_t> ids{77, 42};
   ASSERT_TRUE(publish_sections_changed(ipc, ids));
-  ASSERT_EQ(ipc.events.size(), 1U);
-  const auto& event = ipc.events[0];
+  ASSERT_EQ(ipc.events().size(), 1U);
+  const auto event = ipc.events()[0];
   EXPECT_EQ(event.group, 11000);
   EXPECT_EQ(event.id, 11001);
   EXPECT_EQ(event.source, 0x0011FFFEU);
@@ -57,14 +34,14 @@ TEST(CfgdbChangeEvent, PublishSendsOneEventWithKeySourceAndPayload) {
 }
 
 TEST(CfgdbChangeEvent, NothingChangedPublishesNothing) {
-  PublishedEvents ipc;
+  test::RecordingIpc ipc(kWriterAddress);
   EXPECT_TRUE(publish_sections_changed(ipc, std::vector<std::uint32_t>{}));
-  EXPECT_TRUE(ipc.events.empty());
+  EXPECT_TRUE(ipc.events().empty());
 }
 
 TEST(CfgdbChangeEvent, SendFailureIsReturned) {
-  PublishedEvents ipc;
-  ipc.fail = true;
+  test::RecordingIpc ipc(kWriterAddress);
+  ipc.fail_next_send(core::Error::ErrorCApi);
   auto published = publish_sections_changed(ipc, std::vector<std::uint32_t>{81});
   ASSERT_FALSE(published);
   EXPECT_EQ(published.error().error, core::Error::ErrorCApi);

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include "xpon/test/recording_ipc.hpp"
+
 #include <sstream>
 
 namespace xpon::cfg_tool {
@@ -15,31 +17,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
-
-// Records what is published; every other operation is outside what the tool uses.
-class PublishedEvents : public ipc::IIpc {
- public:
-  core::Result<void> subscribe_request(ipc::Key, ipc::RequestHandler) override { return core::Error::NotImplemented; }
-  core::Result<void> unsubscribe_request(ipc::Key) override { return core::Error::NotImplemented; }
-  core::Result<void> subscribe_event(ipc::Key, ipc::EventHandler) override { return core::Error::NotImplemented; }
-  core::Result<void> unsubscribe_event(ipc::Key) override { return core::Error::NotImplemented; }
-  core::Result<void> send_response(ipc::Address, const ipc::Response&) override { return core::Error::NotImplemented; }
-  core::Result<void> send_event(const ipc::Event& event) override {
-    events.push_back(event);
-    if (fail) {
-      return core::ErrorPayload{core::Error::CommonError, "bus gone"};
-    }
-    return core::success();
-  }
-  core::Result<void> connect(ipc::Address) override { return core::Error::NotImplemented; }
-  core::Result<ipc::Response> request(ipc::Address, ipc::Request, std::chrono::milliseconds) override {
-    return core::Error::NotImplemented;
-  }
-  [[nodiscard]] ipc::Address address() const override { return cfgdb::kWriterAddress; }
-
-  std::vector<ipc::Event> events;
-  bool fail = false;
-};
 
 class CfgTool : public cfgdb::test::Sandbox {
  protected:
@@ -84,12 +61,12 @@ class CfgTool : public cfgdb::test::Sandbox {
     EXPECT_EQ(err_.str(), "xpon-cfg: " + message + "\n");
     EXPECT_EQ(out_.str(), "");
     EXPECT_EQ(stored(), before);
-    EXPECT_TRUE(endpoint_->events.empty());
+    EXPECT_TRUE(endpoint_->events().empty());
   }
 
   std::ostringstream out_;
   std::ostringstream err_;
-  std::shared_ptr<PublishedEvents> endpoint_ = std::make_shared<PublishedEvents>();
+  std::shared_ptr<test::RecordingIpc> endpoint_ = std::make_shared<test::RecordingIpc>(cfgdb::kWriterAddress);
   bool endpoint_fails_ = false;
   int endpoints_made_ = 0;
 };
@@ -165,8 +142,8 @@ TEST_F(CfgTool, SetWritesAndPublishesTheChangedSection) {
   auto expected = defaults();
   expected[5] = {5, 80, 0, 80, 0, 80, 0, 80, 0, 95};
   EXPECT_EQ(stored(), expected);
-  ASSERT_EQ(endpoint_->events.size(), 1U);
-  const auto& event = endpoint_->events[0];
+  ASSERT_EQ(endpoint_->events().size(), 1U);
+  const auto event = endpoint_->events()[0];
   EXPECT_EQ(event.group, 11000);
   EXPECT_EQ(event.id, 11001);
   EXPECT_EQ(event.source, 0x0011FFFEU);
@@ -176,7 +153,7 @@ TEST_F(CfgTool, SetWritesAndPublishesTheChangedSection) {
 TEST_F(CfgTool, SetToTheStoredValuesPublishesNothing) {
   EXPECT_EQ(run_tool({"set", "80", "threshold=400"}), kDone);
   EXPECT_EQ(out_.str(), "ALARM_SYSTEM_LOAD_AVERAGE (80): unchanged\n");
-  EXPECT_TRUE(endpoint_->events.empty());
+  EXPECT_TRUE(endpoint_->events().empty());
   EXPECT_EQ(endpoints_made_, 0);
 }
 
@@ -238,29 +215,29 @@ TEST_F(CfgTool, SetRepairsAHandEditedValue) {
 TEST_F(CfgTool, ResetOneSectionPublishesOnlyIt) {
   ASSERT_EQ(run_tool({"set", "FAN", "mode=1"}), kDone);
   ASSERT_EQ(run_tool({"set", "ALARM_SYSTEM_RAM", "threshold=30"}), kDone);
-  endpoint_->events.clear();
+  endpoint_->clear_sent();
   EXPECT_EQ(run_tool({"reset", "42"}), kDone);
   EXPECT_EQ(out_.str(), "FAN (42): changed\n");
   auto expected = defaults();
   expected[1] = {30};
   EXPECT_EQ(stored(), expected);
-  ASSERT_EQ(endpoint_->events.size(), 1U);
-  EXPECT_THAT(endpoint_->events[0].payload, ElementsAreArray<std::uint8_t>({42, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+  ASSERT_EQ(endpoint_->events().size(), 1U);
+  EXPECT_THAT(endpoint_->events()[0].payload, ElementsAreArray<std::uint8_t>({42, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(CfgTool, ResetAllListsEverySectionAndPublishesTheChangedOnesInOneEvent) {
   ASSERT_EQ(run_tool({"set", "ALARM_SYSTEM_LOAD_AVERAGE", "threshold=900"}), kDone);
   ASSERT_EQ(run_tool({"set", "ALARM_SYSTEM_RAM", "threshold=30"}), kDone);
-  endpoint_->events.clear();
+  endpoint_->clear_sent();
   EXPECT_EQ(run_tool({"reset"}), kDone);
   EXPECT_EQ(out_.str(),
             "FAN (42): unchanged\nALARM_SYSTEM_RAM (77): changed\nALARM_DISK_SPACE (78): unchanged\n"
             "ALARM_SYSTEM_FAN (79): unchanged\nALARM_SYSTEM_LOAD_AVERAGE (80): changed\n"
             "ALARM_SYSTEM_TEMPERATURE (81): unchanged\nALARM_SYSTEM_PWR_MODULE (123): unchanged\n");
   EXPECT_EQ(stored(), defaults());
-  ASSERT_EQ(endpoint_->events.size(), 1U);
-  EXPECT_THAT(endpoint_->events[0].payload, ElementsAreArray<std::uint8_t>({77, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
-                                                                            80, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+  ASSERT_EQ(endpoint_->events().size(), 1U);
+  EXPECT_THAT(endpoint_->events()[0].payload, ElementsAreArray<std::uint8_t>({77, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
+                                                                              80, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(CfgTool, ResetRefusesAnUnknownSection) {
@@ -275,13 +252,13 @@ TEST_F(CfgTool, ExportThenImportRestoresEveryValue) {
   const auto saved = stored();
   ASSERT_EQ(run_tool({"reset"}), kDone);
   ASSERT_EQ(stored(), defaults());
-  endpoint_->events.clear();
+  endpoint_->clear_sent();
   const auto file = write_file("saved.json", exported);
   EXPECT_EQ(run_tool({"import", file}), kDone);
   EXPECT_EQ(stored(), saved);
-  ASSERT_EQ(endpoint_->events.size(), 1U);
-  EXPECT_THAT(endpoint_->events[0].payload, ElementsAreArray<std::uint8_t>({42, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
-                                                                            79, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+  ASSERT_EQ(endpoint_->events().size(), 1U);
+  EXPECT_THAT(endpoint_->events()[0].payload, ElementsAreArray<std::uint8_t>({42, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
+                                                                              79, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(CfgTool, ImportTakesASubsetBySectionIdOrName) {
@@ -374,10 +351,11 @@ TEST_F(CfgTool, AChangeThatCannotBeAnnouncedIsSavedAndReportedAsFailure) {
 }
 
 TEST_F(CfgTool, AFailedSendIsReportedAsFailure) {
-  endpoint_->fail = true;
+  endpoint_->fail_next_send();
   EXPECT_EQ(run_tool({"set", "FAN", "mode=1"}), kFailed);
   EXPECT_EQ(err_.str(),
-            "xpon-cfg: the change is saved but IPC_EVENT_CFGDB__SECTIONS_CHANGED was not published: bus gone\n");
+            "xpon-cfg: the change is saved but IPC_EVENT_CFGDB__SECTIONS_CHANGED was not published: injected "
+            "failure\n");
 }
 
 }  // namespace
