@@ -30,6 +30,8 @@
 namespace {
 
 using namespace xpon::system_mgr::ctl;
+using xpon::ipc::tool::print_line;
+using xpon::ipc::tool::stop_signals;
 using xpon::ipc::tool::UsageError;
 namespace ipc = xpon::ipc;
 namespace wire = xpon::ipc::wire;
@@ -38,24 +40,8 @@ namespace wire = xpon::ipc::wire;
 constexpr std::uint16_t kFirstClientApplication = 0xFE00;
 constexpr std::uint16_t kLastClientApplication = 0xFEFF;
 
-void print_line(const std::string& line) {
-  const std::string text = line + "\n";
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
-}
-
 void print_error(const std::string& line) {
-  const std::string text = "system-mgr-ctl: " + line + "\n";
-  std::fwrite(text.data(), 1, text.size(), stderr);
-}
-
-/// SIGINT and SIGTERM end a watch; they are blocked in every thread and read through a signalfd.
-sigset_t stop_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  return signals;
+  xpon::ipc::tool::print_error("system-mgr-ctl", line);
 }
 
 /// Owns a file descriptor for the length of a command.

@@ -34,24 +34,8 @@ using namespace xpon::ipc::tool;
 /// Application ids tried, in order, when no --from is given.
 constexpr std::uint16_t kFirstToolApplication = 0xFF00;
 
-void print_line(const std::string& line) {
-  const std::string text = line + "\n";
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
-}
-
 void print_error(const std::string& line) {
-  const std::string text = "xpon-ipc: " + line + "\n";
-  std::fwrite(text.data(), 1, text.size(), stderr);
-}
-
-/// The signals that end serve and watch, blocked in every thread and read through a signalfd.
-sigset_t stop_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  return signals;
+  xpon::ipc::tool::print_error("xpon-ipc", line);
 }
 
 std::shared_ptr<ZmqIpc> open_endpoint(const std::optional<std::string>& from, std::chrono::milliseconds linger) {

@@ -4,8 +4,28 @@
 #include <nlohmann/json.hpp>
 
 #include <charconv>
+#include <cstdio>
 
 namespace xpon::ipc::tool {
+
+void print_line(const std::string& line) {
+  const std::string text = line + "\n";
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+void print_error(std::string_view program, const std::string& line) {
+  const std::string text = fmt::format("{}: {}\n", program, line);
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
 
 std::uint64_t parse_number(std::string_view text, std::uint64_t max, std::string_view what) {
   int base = 10;

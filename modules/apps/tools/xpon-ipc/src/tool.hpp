@@ -1,8 +1,11 @@
 #pragma once
 
-// The pieces of xpon-ipc that do not need a socket: argument parsing and output formatting.
+// The pieces of xpon-ipc that do not need a socket: argument parsing, output formatting and
+// the console plumbing the bus tools share.
 
 #include "xpon/ipc/ipc.hpp"
+
+#include <signal.h>
 
 #include <cstdint>
 #include <optional>
@@ -17,6 +20,17 @@ class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// Writes one line to standard output and flushes it, so that a reader on a pipe sees each
+/// event as it comes.
+void print_line(const std::string& line);
+
+/// Writes "<program>: <line>" to standard error.
+void print_error(std::string_view program, const std::string& line);
+
+/// SIGINT and SIGTERM: the signals that end a long-running command. They are blocked in every
+/// thread and read through a signalfd.
+sigset_t stop_signals();
 
 /// Exit statuses of the tool.
 inline constexpr int kExitOk = 0;
