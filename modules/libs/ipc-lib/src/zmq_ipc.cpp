@@ -5,7 +5,6 @@
 #include "xpon/ipc/wire.hpp"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -137,9 +136,8 @@ struct ZmqIpc::Impl {
   // --- I/O thread ---
   void io_loop();
   void apply_commands();
-  /// Reads one batch; true if the socket may have more.
-  bool drain_inbox();
-  bool drain_subscriber();
+  void drain_inbox();
+  void drain_subscriber();
   void on_inbox_message(std::vector<zmq::message_t>& frames);
   void on_bus_message(std::vector<zmq::message_t>& frames);
   std::optional<wire::Header> checked_header(const zmq::message_t& frame, const zmq::message_t& payload);
@@ -349,41 +347,25 @@ ZmqIpc::Impl::~Impl() {
 // I/O thread
 
 void ZmqIpc::Impl::io_loop() {
-  // A ZeroMQ socket's descriptor only tells that the socket's state may have changed, and only
-  // once: a socket is read until it has nothing more (or a batch is done) before the thread
-  // sleeps on it again. Polling the descriptors directly costs one poll() per sleep; zmq_poll()
-  // makes two and asks every socket for its events on each.
-  std::array<pollfd, 3> fds{};
-  fds[0] = pollfd{inbox.get(zmq::sockopt::fd), POLLIN, 0};
-  fds[1] = pollfd{subscriber.get(zmq::sockopt::fd), POLLIN, 0};
-  fds[2] = pollfd{wake_fd, POLLIN, 0};
-  bool read_all = true;  // read every socket without sleeping first
+  std::array<zmq::pollitem_t, 3> items{{
+      {inbox.handle(), 0, ZMQ_POLLIN, 0},
+      {subscriber.handle(), 0, ZMQ_POLLIN, 0},
+      {nullptr, wake_fd, ZMQ_POLLIN, 0},
+  }};
   while (!stopping.load()) {
     try {
-      if (::poll(fds.data(), fds.size(), read_all ? 0 : -1) < 0) {
-        if (errno != EINTR) {
-          log->error("IPC endpoint {}: poll failed: {}", name, std::strerror(errno));
-          std::this_thread::sleep_for(std::chrono::milliseconds(10));  // no busy loop on a lasting failure
-        }
-        continue;
-      }
-      const bool all = read_all;
-      read_all = true;  // stays so if anything below throws
-      const bool commands_due = all || (fds[2].revents & POLLIN) != 0;
-      if (commands_due) {
+      zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
+      if ((items[2].revents & ZMQ_POLLIN) != 0) {
         std::uint64_t value = 0;
         [[maybe_unused]] const auto got = ::read(wake_fd, &value, sizeof value);
         apply_commands();
       }
-      bool more = false;
-      if (all || fds[0].revents != 0) {
-        more = drain_inbox() || more;
+      if ((items[0].revents & ZMQ_POLLIN) != 0) {
+        drain_inbox();
       }
-      // Changing subscriptions may have taken the subscriber's notice, so it is read then too.
-      if (commands_due || fds[1].revents != 0) {
-        more = drain_subscriber() || more;
+      if ((items[1].revents & ZMQ_POLLIN) != 0) {
+        drain_subscriber();
       }
-      read_all = more;
     } catch (const zmq::error_t& error) {
       if (error.num() == ETERM) {
         return;
@@ -414,26 +396,24 @@ void ZmqIpc::Impl::apply_commands() {
   }
 }
 
-bool ZmqIpc::Impl::drain_inbox() {
+void ZmqIpc::Impl::drain_inbox() {
   for (int i = 0; i < kReceiveBatch; ++i) {
     inbox_frames.clear();
     if (!zmq::recv_multipart(inbox, std::back_inserter(inbox_frames), zmq::recv_flags::dontwait)) {
-      return false;
+      return;
     }
     on_inbox_message(inbox_frames);
   }
-  return true;
 }
 
-bool ZmqIpc::Impl::drain_subscriber() {
+void ZmqIpc::Impl::drain_subscriber() {
   for (int i = 0; i < kReceiveBatch; ++i) {
     bus_frames.clear();
     if (!zmq::recv_multipart(subscriber, std::back_inserter(bus_frames), zmq::recv_flags::dontwait)) {
-      return false;
+      return;
     }
     on_bus_message(bus_frames);
   }
-  return true;
 }
 
 void ZmqIpc::Impl::count_drop(std::atomic<std::uint64_t>& counter, std::string_view what) {
