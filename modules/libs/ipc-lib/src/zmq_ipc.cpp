@@ -81,13 +81,9 @@ using EventEntry = HandlerEntry<EventHandler>;
 /// The handler entry the current delivery thread is running, so that a handler may unsubscribe itself.
 thread_local const void* current_entry = nullptr;
 
-/// A request waiting for its answer. It has a lock of its own so that waking one waiter and
-/// matching the next response do not contend for the table of every waiting request.
 struct PendingRequest {
-  std::mutex mutex;
   std::condition_variable ready;
-  std::optional<Response> response;  // guarded by mutex
-  bool abandoned = false;            // guarded by mutex: the requester gave up (time-out or closing)
+  std::optional<Response> response;
 };
 
 struct SubscriptionCommand {
@@ -144,12 +140,8 @@ struct ZmqIpc::Impl {
   void count_drop(std::atomic<std::uint64_t>& counter, std::string_view what);
 
   // --- delivery ---
-  /// Queues a request for any free delivery thread.
-  void enqueue(Request&& request);
-  /// Queues an event; events run one at a time in arrival order.
-  void enqueue(Event&& event);
-  /// Whether a delivery thread has something to take now; queue_mutex held.
-  [[nodiscard]] bool delivery_ready() const;
+  /// Queues a delivery; `in_order` deliveries (events) run one at a time in arrival order.
+  void enqueue(std::function<void()> task, bool in_order);
   void delivery_loop();
   void deliver_request(const Request& request);
   void deliver_event(const Event& event);
@@ -170,10 +162,8 @@ struct ZmqIpc::Impl {
   int lock_fd = -1;
   int wake_fd = -1;
   zmq::context_t context;
-  zmq::socket_t inbox;                       // owned by the I/O thread once it runs
-  zmq::socket_t subscriber;                  // owned by the I/O thread once it runs
-  std::vector<zmq::message_t> inbox_frames;  // I/O thread: kept to reuse their storage
-  std::vector<zmq::message_t> bus_frames;    // I/O thread
+  zmq::socket_t inbox;       // owned by the I/O thread once it runs
+  zmq::socket_t subscriber;  // owned by the I/O thread once it runs
   Outlet bus;
 
   std::mutex outlets_mutex;
@@ -193,11 +183,10 @@ struct ZmqIpc::Impl {
 
   std::mutex queue_mutex;
   std::condition_variable queue_ready;
-  std::deque<Event> ordered_queue;     // events: one at a time, in order
-  std::deque<Request> parallel_queue;  // requests: any free delivery thread
+  std::deque<std::function<void()>> ordered_queue;   // events: one at a time, in order
+  std::deque<std::function<void()>> parallel_queue;  // requests: any free delivery thread
   bool ordered_running = false;
   bool delivery_stopping = false;
-  unsigned sleeping_workers = 0;  // delivery threads blocked on queue_ready
 
   std::mutex drop_log_mutex;
   std::map<std::string_view, Clock::time_point> last_drop_log;
@@ -307,9 +296,6 @@ void ZmqIpc::Impl::stop_threads() {
     // at its time-out: no answer can arrive without the I/O thread.
     std::lock_guard lock(pending_mutex);
     for (auto& [tag, waiting] : pending) {
-      // Taking the waiter's lock orders this with its check of `stopping`: it either sees the
-      // flag or is already waiting and gets the notification.
-      { std::lock_guard waiter_lock(waiting->mutex); }
       waiting->ready.notify_all();
     }
   }
@@ -397,22 +383,24 @@ void ZmqIpc::Impl::apply_commands() {
 }
 
 void ZmqIpc::Impl::drain_inbox() {
+  std::vector<zmq::message_t> frames;
   for (int i = 0; i < kReceiveBatch; ++i) {
-    inbox_frames.clear();
-    if (!zmq::recv_multipart(inbox, std::back_inserter(inbox_frames), zmq::recv_flags::dontwait)) {
+    frames.clear();
+    if (!zmq::recv_multipart(inbox, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
       return;
     }
-    on_inbox_message(inbox_frames);
+    on_inbox_message(frames);
   }
 }
 
 void ZmqIpc::Impl::drain_subscriber() {
+  std::vector<zmq::message_t> frames;
   for (int i = 0; i < kReceiveBatch; ++i) {
-    bus_frames.clear();
-    if (!zmq::recv_multipart(subscriber, std::back_inserter(bus_frames), zmq::recv_flags::dontwait)) {
+    frames.clear();
+    if (!zmq::recv_multipart(subscriber, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
       return;
     }
-    on_bus_message(bus_frames);
+    on_bus_message(frames);
   }
 }
 
@@ -477,30 +465,21 @@ void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames) {
   const std::span<const std::uint8_t> payload{frames[2].data<std::uint8_t>(), frames[2].size()};
   if (header->kind == wire::Kind::Request) {
     counters.requests_received.fetch_add(1);
-    enqueue(wire::to_request(*header, payload));
+    auto request = std::make_shared<Request>(wire::to_request(*header, payload));
+    enqueue([this, request] { deliver_request(*request); }, false);
   } else if (header->kind == wire::Kind::Response) {
-    std::shared_ptr<PendingRequest> request;
-    {
-      std::lock_guard lock(pending_mutex);
-      const auto waiting = pending.find(header->reply_tag);
-      if (waiting != pending.end()) {
-        request = waiting->second;
-      }
-    }
-    bool taken = false;
-    if (request) {
-      Response response = wire::to_response(*header, payload);
-      std::lock_guard lock(request->mutex);
-      if (!request->abandoned && !request->response) {
-        request->response = std::move(response);
-        taken = true;
-      }
-    }
-    if (!taken) {
+    std::unique_lock lock(pending_mutex);
+    const auto waiting = pending.find(header->reply_tag);
+    if (waiting == pending.end() || waiting->second->response) {
+      lock.unlock();
       count_drop(counters.late_responses, "response without a waiting request");
       return;
     }
-    // The waiter is woken after its lock is released, so that it does not wake only to block on it.
+    // The waiter is woken after the lock is released, so that it does not wake only to block on it;
+    // it keeps its PendingRequest alive itself.
+    const std::shared_ptr<PendingRequest> request = waiting->second;
+    request->response = wire::to_response(*header, payload);
+    lock.unlock();
     request->ready.notify_one();
   } else {
     count_drop(counters.bad_kinds, "event sent to an inbox");
@@ -530,85 +509,62 @@ void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames) {
     return;
   }
   counters.events_received.fetch_add(1);
-  enqueue(wire::to_event(*header, {frames[2].data<std::uint8_t>(), frames[2].size()}));
+  auto event = std::make_shared<Event>(wire::to_event(*header, {frames[2].data<std::uint8_t>(), frames[2].size()}));
+  enqueue([this, event] { deliver_event(*event); }, true);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Delivery
 
-void ZmqIpc::Impl::enqueue(Request&& request) {
-  std::unique_lock lock(queue_mutex);
-  if (ordered_queue.size() + parallel_queue.size() >= options.delivery_queue_capacity) {
-    lock.unlock();
-    // Dropping the newest keeps the I/O thread free to match responses; blocking it here could
-    // deadlock a handler that waits for an answer of its own.
-    count_drop(counters.queue_overflows, "delivery queue full");
+void ZmqIpc::Impl::enqueue(std::function<void()> task, bool in_order) {
+  bool queued = false;
+  {
+    std::lock_guard lock(queue_mutex);
+    if (ordered_queue.size() + parallel_queue.size() < options.delivery_queue_capacity) {
+      (in_order ? ordered_queue : parallel_queue).push_back(std::move(task));
+      queued = true;
+    }
+  }
+  if (queued) {
+    queue_ready.notify_one();
     return;
   }
-  parallel_queue.push_back(std::move(request));
-  // A thread that is running a handler looks at the queue again before it sleeps; notifying
-  // costs a system call, so only a sleeping thread is woken.
-  const bool wake = sleeping_workers > 0;
-  lock.unlock();
-  if (wake) {
-    queue_ready.notify_one();
-  }
-}
-
-void ZmqIpc::Impl::enqueue(Event&& event) {
-  std::unique_lock lock(queue_mutex);
-  if (ordered_queue.size() + parallel_queue.size() >= options.delivery_queue_capacity) {
-    lock.unlock();
-    count_drop(counters.queue_overflows, "delivery queue full");
-    return;
-  }
-  ordered_queue.push_back(std::move(event));
-  // While an event runs, the thread running it takes the next one when it is done.
-  const bool wake = sleeping_workers > 0 && !ordered_running;
-  lock.unlock();
-  if (wake) {
-    queue_ready.notify_one();
-  }
-}
-
-bool ZmqIpc::Impl::delivery_ready() const {
-  return delivery_stopping || (!ordered_running && !ordered_queue.empty()) || !parallel_queue.empty();
+  // Dropping the newest keeps the I/O thread free to match responses; blocking it here could
+  // deadlock a handler that waits for an answer of its own.
+  count_drop(counters.queue_overflows, "delivery queue full");
 }
 
 void ZmqIpc::Impl::delivery_loop() {
-  std::optional<Request> request;
-  std::optional<Event> event;
   for (;;) {
-    request.reset();
-    event.reset();
+    std::function<void()> task;
+    bool in_order = false;
     {
       std::unique_lock lock(queue_mutex);
-      if (!delivery_ready()) {
-        ++sleeping_workers;
-        // Events keep their order (a "maximum fan rate" must not overtake the "minimum" sent
-        // before it), so only one of them runs at a time; requests take any free thread.
-        queue_ready.wait(lock, [this] { return delivery_ready(); });
-        --sleeping_workers;
-      }
+      // Events keep their order (a "maximum fan rate" must not overtake the "minimum" sent before
+      // it), so only one of them runs at a time; requests take any free thread.
+      queue_ready.wait(lock, [this] {
+        return delivery_stopping || (!ordered_running && !ordered_queue.empty()) || !parallel_queue.empty();
+      });
       if (delivery_stopping) {
         return;
       }
       if (!ordered_running && !ordered_queue.empty()) {
-        event.emplace(std::move(ordered_queue.front()));
+        task = std::move(ordered_queue.front());
         ordered_queue.pop_front();
         ordered_running = true;
+        in_order = true;
       } else {
-        request.emplace(std::move(parallel_queue.front()));
+        task = std::move(parallel_queue.front());
         parallel_queue.pop_front();
       }
     }
-    if (event) {
-      deliver_event(*event);
-      std::lock_guard lock(queue_mutex);
-      // This thread looks at the queue again straight away and takes the next event itself.
-      ordered_running = false;
-    } else {
-      deliver_request(*request);
+    task();
+    if (in_order) {
+      {
+        std::lock_guard lock(queue_mutex);
+        ordered_running = false;
+      }
+      queue_ready.notify_one();
     }
   }
 }
@@ -878,21 +834,14 @@ Result<Response> ZmqIpc::request(Address address, Request request, std::chrono::
     sent = core::ErrorPayload(core::Error::CommonError,
                               fmt::format("Cannot connect to 0x{:08x}: {}", address, error.what()));
   }
+  std::unique_lock lock(impl.pending_mutex);
   if (sent.has_error()) {
-    std::lock_guard lock(impl.pending_mutex);
     impl.pending.erase(tag);
     return sent.error();
   }
-  {
-    std::unique_lock lock(waiting->mutex);
-    waiting->ready.wait_for(lock, timeout, [&] { return waiting->response.has_value() || impl.stopping.load(); });
-    // From here on an answer that still arrives is late and is dropped.
-    waiting->abandoned = !waiting->response.has_value();
-  }
-  {
-    std::lock_guard lock(impl.pending_mutex);
-    impl.pending.erase(tag);
-  }
+  waiting->ready.wait_for(lock, timeout, [&] { return waiting->response.has_value() || impl.stopping.load(); });
+  // Once the tag leaves the map, an answer that still arrives is late and is dropped.
+  impl.pending.erase(tag);
   if (!waiting->response) {
     return core::ErrorPayload(core::Error::InvalidState,
                               fmt::format("No response from 0x{:08x} to request {}:{} within {} ms", address,
