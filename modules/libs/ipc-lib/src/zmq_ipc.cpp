@@ -227,7 +227,7 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     const int error = errno;
     ::close(lock_fd);
     if (error == EWOULDBLOCK) {
-      throw std::runtime_error(
+      throw AddressInUse(
           fmt::format("IPC endpoint {}: address 0x{:08x} is already owned by another endpoint", name, address));
     }
     throw std::runtime_error(
@@ -878,6 +878,19 @@ IpcStats ZmqIpc::stats() const {
 
 std::shared_ptr<ZmqIpc> make_zmq_endpoint(Address address, std::string_view name, const ZmqIpcOptions& options) {
   return std::make_shared<ZmqIpc>(address, name, options);
+}
+
+std::shared_ptr<ZmqIpc> make_zmq_endpoint_in_range(std::uint16_t first, std::uint16_t last, std::string_view name,
+                                                   const ZmqIpcOptions& options) {
+  for (unsigned application = first; application <= last; ++application) {
+    try {
+      return make_zmq_endpoint(make_address(static_cast<std::uint16_t>(application)), name, options);
+    } catch (const AddressInUse&) {
+      // Taken by another client: try the next one.
+    }
+  }
+  throw std::runtime_error(fmt::format("IPC endpoint {}: every address from 0x{:08x} to 0x{:08x} is in use", name,
+                                       make_address(first), make_address(last)));
 }
 
 std::shared_ptr<IIpc> make_zmq_ipc(Address address, std::string_view name, const ZmqIpcOptions& options) {

@@ -324,11 +324,25 @@ TEST_F(ZmqIpcTest, SecondOwnerOfAnAddressIsRefused) {
   try {
     endpoint(kServer);
     FAIL() << "a second endpoint took the address";
-  } catch (const std::runtime_error& error) {
+  } catch (const AddressInUse& error) {
     EXPECT_STREQ(error.what(), "IPC endpoint test: address 0x0015fffe is already owned by another endpoint");
   }
   first.reset();
   EXPECT_NO_THROW(endpoint(kServer));
+}
+
+TEST_F(ZmqIpcTest, EndpointInARangeTakesTheFirstFreeAddress) {
+  auto taken = make_zmq_endpoint(make_address(0xFE00), "test");
+  auto next = make_zmq_endpoint_in_range(0xFE00, 0xFE01, "test");
+  EXPECT_EQ(next->address(), 0xFE01FFFEU);
+  try {
+    (void)make_zmq_endpoint_in_range(0xFE00, 0xFE01, "test");
+    FAIL() << "an endpoint was made although every address of the range is taken";
+  } catch (const AddressInUse&) {
+    FAIL() << "a full range must be reported as such, not as one address in use";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "IPC endpoint test: every address from 0xfe00fffe to 0xfe01fffe is in use");
+  }
 }
 
 TEST_F(ZmqIpcTest, LeftoversOfACrashedOwnerDoNotBlockTheAddress) {

@@ -147,16 +147,7 @@ int run_watch(bool json, const std::optional<std::string>& count_text, const std
 }
 
 std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
-  for (unsigned application = kFirstClientApplication; application <= kLastClientApplication; ++application) {
-    try {
-      return ipc::make_zmq_endpoint(ipc::make_address(static_cast<std::uint16_t>(application)), "system-mgr-ctl");
-    } catch (const std::runtime_error& error) {
-      if (std::string_view(error.what()).find("already owned") == std::string_view::npos) {
-        throw;
-      }
-    }
-  }
-  throw std::runtime_error("every client address from 0xfe00fffe to 0xfefffffe is in use");
+  return ipc::make_zmq_endpoint_in_range(kFirstClientApplication, kLastClientApplication, "system-mgr-ctl");
 }
 
 int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const std::string& timeout_text) {

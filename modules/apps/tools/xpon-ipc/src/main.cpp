@@ -44,16 +44,7 @@ std::shared_ptr<ZmqIpc> open_endpoint(const std::optional<std::string>& from, st
   if (from) {
     return make_zmq_endpoint(parse_address(*from, "--from"), "xpon-ipc", options);
   }
-  for (unsigned application = kFirstToolApplication; application <= 0xFFFF; ++application) {
-    try {
-      return make_zmq_endpoint(make_address(static_cast<std::uint16_t>(application)), "xpon-ipc", options);
-    } catch (const std::runtime_error& error) {
-      if (std::string_view(error.what()).find("already owned") == std::string_view::npos) {
-        throw;
-      }
-    }
-  }
-  throw std::runtime_error("every address from 0xff00fffe to 0xfffffffe is in use; give one with --from");
+  return make_zmq_endpoint_in_range(kFirstToolApplication, 0xFFFF, "xpon-ipc", options);
 }
 
 struct Common {

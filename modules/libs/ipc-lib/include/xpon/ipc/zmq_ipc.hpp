@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 
 namespace xpon::ipc {
@@ -60,8 +61,21 @@ class ZmqIpc final : public IIpc {
   std::unique_ptr<Impl> impl_;
 };
 
-/// Makes the ZeroMQ endpoint as make_zmq_ipc does, keeping access to its counters.
+/// Thrown when an endpoint's address is owned by another live endpoint.
+class AddressInUse : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Makes the ZeroMQ endpoint as make_zmq_ipc does, keeping access to its counters; throws
+/// AddressInUse when another endpoint owns the address, std::runtime_error for other failures.
 std::shared_ptr<ZmqIpc> make_zmq_endpoint(Address address, std::string_view name, const ZmqIpcOptions& options = {});
+
+/// Makes an endpoint at the first address of this board whose application id, from `first` to
+/// `last`, no other endpoint owns (for short-lived clients such as the tools); throws
+/// std::runtime_error naming the range when every one is taken.
+std::shared_ptr<ZmqIpc> make_zmq_endpoint_in_range(std::uint16_t first, std::uint16_t last, std::string_view name,
+                                                   const ZmqIpcOptions& options = {});
 
 /// The slot this board's endpoints report in their events: $XPON_SLOT when it holds a number
 /// from 0 to 0xFFFE, the slot of the address otherwise.
