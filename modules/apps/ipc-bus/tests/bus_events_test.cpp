@@ -229,6 +229,51 @@ TEST_F(BusEventsTest, EventsAreHandledOneAtATimeInTheOrderSent) {
   EXPECT_EQ(overlapped.load(), 0);
 }
 
+TEST_F(BusEventsTest, EventsReachTheOnlyDeliveryThreadWhileItReadsTheInbox) {
+  constexpr Address kServer = 0x0015FFFE;
+  constexpr Key kQuery{14500, 14504};
+  auto publisher = endpoint(0x0042FFFE);
+  auto client = endpoint(0x0019FFFE);
+  ZmqIpcOptions options;
+  options.logger = log;
+  options.delivery_threads = 1;
+  auto server = make_zmq_endpoint(kServer, "test", options);
+  ZmqIpc* raw_server = server.get();
+  ASSERT_TRUE(server
+                  ->subscribe_request(kQuery,
+                                      [raw_server](const Request& request) -> Result<void> {
+                                        Response response;
+                                        response.payload = request.payload;
+                                        response.reply_tag = request.reply_to.value().tag;
+                                        response.result = 1;
+                                        return raw_server->send_response(request.reply_to.value().address, response);
+                                      })
+                  .has_value());
+  EventLog events;
+  const Key key{15500, 15537};
+  ASSERT_TRUE(server->subscribe_event(key, events.handler()).has_value());
+  ASSERT_TRUE(wait_for_subscription(*publisher, events, key));
+  Request request;
+  request.group = kQuery.group;
+  request.id = kQuery.id;
+  // Once its thread is idle after a request, the server reads its inbox on that thread; the
+  // requests go on until one of them was read that way.
+  ASSERT_TRUE(wait_until([&] {
+    EXPECT_TRUE(client->request(kServer, request, milliseconds(2000)).has_value());
+    return server->stats().requests_read_by_delivery_threads > 0;
+  }));
+  // Now the only delivery thread waits on the inbox, not on the queue: events must still wake it.
+  for (std::uint8_t i = 0; i < 20; ++i) {
+    ASSERT_TRUE(publisher->send_event(make_event(key, {i})).has_value());
+    ASSERT_TRUE(wait_until([&] { return events.count(key) == static_cast<std::size_t>(i) + 1; }))
+        << "event " << int{i} << " was not handled";
+    request.payload = {i};
+    const auto answer = client->request(kServer, request, milliseconds(2000));
+    ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
+    EXPECT_EQ(answer.value().payload, Payload{i});
+  }
+}
+
 TEST_F(BusEventsTest, UnsubscribedEventsStopArriving) {
   auto publisher = endpoint(0x0042FFFE);
   auto subscriber = endpoint(0x0019FFFE);

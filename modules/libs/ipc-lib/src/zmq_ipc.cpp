@@ -5,6 +5,8 @@
 #include "xpon/ipc/wire.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -81,6 +83,23 @@ using EventEntry = HandlerEntry<EventHandler>;
 /// The handler entry the current delivery thread is running, so that a handler may unsubscribe itself.
 thread_local const void* current_entry = nullptr;
 
+/// Set while the current thread reads the inbox in place of the I/O thread (see InboxReader).
+thread_local bool reading_inbox = false;
+
+/// Who reads the inbox. The I/O thread does unless a thread that would otherwise only wait takes
+/// it over: an idle delivery thread (which then runs the first request it reads itself) or a
+/// caller of request() (which then reads its own answer). Either saves the thread hand-over that
+/// the I/O thread would add to every request and every response.
+enum class InboxReader : std::uint8_t {
+  Io,         ///< the I/O thread, waiting for the inbox among its other descriptors
+  IoReading,  ///< the I/O thread, reading a batch
+  Worker,     ///< an idle delivery thread
+  Requester,  ///< a caller of request() waiting for its answer
+};
+
+/// Tags of the I/O thread's epoll descriptors.
+enum : std::uint32_t { kInboxTag = 0, kSubscriberTag = 1, kWakeTag = 2 };
+
 struct PendingRequest {
   std::condition_variable ready;
   std::optional<Response> response;
@@ -132,9 +151,13 @@ struct ZmqIpc::Impl {
   // --- I/O thread ---
   void io_loop();
   void apply_commands();
-  void drain_inbox();
-  void drain_subscriber();
-  void on_inbox_message(std::vector<zmq::message_t>& frames);
+  /// Reads a batch from the inbox if the I/O thread is its reader; true if the batch was full.
+  bool read_inbox_as_io();
+  /// Reads up to a batch from the inbox; true if the batch was full (more may be waiting). With
+  /// `keep`, the first request read is stored there instead of queued for delivery.
+  bool drain_inbox(std::optional<Request>* keep);
+  bool drain_subscriber();
+  void on_inbox_message(std::vector<zmq::message_t>& frames, std::optional<Request>* keep);
   void on_bus_message(std::vector<zmq::message_t>& frames);
   std::optional<wire::Header> checked_header(const zmq::message_t& frame, const zmq::message_t& payload);
   void count_drop(std::atomic<std::uint64_t>& counter, std::string_view what);
@@ -143,6 +166,16 @@ struct ZmqIpc::Impl {
   /// Queues a delivery; `in_order` deliveries (events) run one at a time in arrival order.
   void enqueue(std::function<void()> task, bool in_order);
   void delivery_loop();
+  /// True if a delivery thread has work it may start now; with queue_mutex held.
+  [[nodiscard]] bool task_runnable() const {
+    return (!ordered_running && !ordered_queue.empty()) || !parallel_queue.empty();
+  }
+  /// Takes the inbox over from the I/O thread if it is free; with queue_mutex held.
+  bool take_inbox(InboxReader reader);
+  /// Reads the inbox as `reader` until `done()` (asked with queue_mutex held) or the endpoint stops,
+  /// then gives it back to the I/O thread. A delivery thread gets the first request it read.
+  std::optional<Request> read_inbox_until(InboxReader reader, const std::function<bool()>& done,
+                                          std::optional<Clock::time_point> deadline);
   void deliver_request(const Request& request);
   void deliver_event(const Event& event);
 
@@ -160,7 +193,10 @@ struct ZmqIpc::Impl {
   std::shared_ptr<logger::ILogger> log;
 
   int lock_fd = -1;
-  int wake_fd = -1;
+  int wake_fd = -1;         // wakes the I/O thread: commands queued, inbox given back with more to read
+  int reader_wake_fd = -1;  // wakes a thread other than the I/O thread reading the inbox
+  int epoll_fd = -1;        // the I/O thread's descriptors
+  int inbox_fd = -1;        // ZeroMQ's notification descriptor of the inbox
   zmq::context_t context;
   zmq::socket_t inbox;       // owned by the I/O thread once it runs
   zmq::socket_t subscriber;  // owned by the I/O thread once it runs
@@ -187,6 +223,9 @@ struct ZmqIpc::Impl {
   std::deque<std::function<void()>> parallel_queue;  // requests: any free delivery thread
   bool ordered_running = false;
   bool delivery_stopping = false;
+  InboxReader inbox_reader = InboxReader::Io;  // guarded by queue_mutex
+  unsigned sleeping_workers = 0;               // delivery threads waiting on queue_ready
+  std::atomic<unsigned> request_handler_count{0};
 
   std::mutex drop_log_mutex;
   std::map<std::string_view, Clock::time_point> last_drop_log;
@@ -199,7 +238,7 @@ struct ZmqIpc::Impl {
   struct Counters {
     std::atomic<std::uint64_t> short_headers{0}, long_headers{0}, bad_versions{0}, bad_kinds{0}, oversized{0},
         malformed{0}, queue_overflows{0}, unrouted{0}, late_responses{0}, handler_failures{0}, requests_received{0},
-        events_received{0};
+        events_received{0}, requests_read_by_delivery_threads{0}, responses_read_by_callers{0};
   } counters;
 };
 
@@ -233,10 +272,22 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     throw std::runtime_error(
         fmt::format("IPC endpoint {}: cannot lock address 0x{:08x}: {}", name, address, std::strerror(error)));
   }
+  const auto close_descriptors = [this] {
+    for (const int fd : {lock_fd, wake_fd, reader_wake_fd, epoll_fd}) {
+      if (fd >= 0) {
+        ::close(fd);
+      }
+    }
+  };
   try {
     wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake_fd < 0) {
+    reader_wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_fd < 0 || reader_wake_fd < 0) {
       throw std::runtime_error(fmt::format("IPC endpoint {}: eventfd failed: {}", name, std::strerror(errno)));
+    }
+    epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll_fd < 0) {
+      throw std::runtime_error(fmt::format("IPC endpoint {}: epoll_create1 failed: {}", name, std::strerror(errno)));
     }
     inbox = zmq::socket_t(context, zmq::socket_type::router);
     set_common_options(inbox, options.linger);
@@ -254,21 +305,30 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     set_common_options(bus.socket, options.linger);
     bus.socket.set(zmq::sockopt::sndhwm, options.send_high_water_mark);
     bus.socket.connect(bus_in_endpoint());
+
+    inbox_fd = inbox.get(zmq::sockopt::fd);
+    for (const auto& [fd, tag] :
+         {std::pair{inbox_fd, kInboxTag}, std::pair{subscriber.get(zmq::sockopt::fd), kSubscriberTag},
+          std::pair{wake_fd, kWakeTag}}) {
+      epoll_event event{};
+      event.events = EPOLLIN;
+      event.data.u32 = tag;
+      if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        throw std::runtime_error(fmt::format("IPC endpoint {}: epoll_ctl failed: {}", name, std::strerror(errno)));
+      }
+    }
   } catch (const zmq::error_t& error) {
     inbox.close();
     subscriber.close();
     bus.socket.close();
-    ::close(lock_fd);
-    if (wake_fd >= 0) {
-      ::close(wake_fd);
-    }
+    close_descriptors();
     throw std::runtime_error(
         fmt::format("IPC endpoint {}: cannot open the inbox of address 0x{:08x}: {}", name, address, error.what()));
   } catch (...) {
-    ::close(lock_fd);
-    if (wake_fd >= 0) {
-      ::close(wake_fd);
-    }
+    inbox.close();
+    subscriber.close();
+    bus.socket.close();
+    close_descriptors();
     throw;
   }
   try {
@@ -288,6 +348,8 @@ void ZmqIpc::Impl::stop_threads() {
   stopping.store(true);
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+  // A delivery thread or a caller reading the inbox gives it up and returns.
+  [[maybe_unused]] const auto also_written = ::write(reader_wake_fd, &one, sizeof one);
   if (io_thread.joinable()) {
     io_thread.join();
   }
@@ -320,6 +382,8 @@ void ZmqIpc::Impl::close_all() {
     outlets.clear();
   }
   context.close();
+  ::close(epoll_fd);
+  ::close(reader_wake_fd);
   ::close(wake_fd);
   ::close(lock_fd);
 }
@@ -333,25 +397,55 @@ ZmqIpc::Impl::~Impl() {
 // I/O thread
 
 void ZmqIpc::Impl::io_loop() {
-  std::array<zmq::pollitem_t, 3> items{{
-      {inbox.handle(), 0, ZMQ_POLLIN, 0},
-      {subscriber.handle(), 0, ZMQ_POLLIN, 0},
-      {nullptr, wake_fd, ZMQ_POLLIN, 0},
-  }};
+  // A ZeroMQ socket's descriptor only tells that the socket's state may have changed, and only
+  // once: a socket is read until it has nothing more (or a batch is done) before the thread
+  // sleeps on it again; after a full batch the next round reads every socket without sleeping.
+  std::array<epoll_event, 3> events{};
+  bool read_all = true;
   while (!stopping.load()) {
     try {
-      zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
-      if ((items[2].revents & ZMQ_POLLIN) != 0) {
+      const int count = ::epoll_wait(epoll_fd, events.data(), static_cast<int>(events.size()), read_all ? 0 : -1);
+      if (count < 0) {
+        if (errno != EINTR) {
+          log->error("IPC endpoint {}: epoll_wait failed: {}", name, std::strerror(errno));
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));  // no busy loop on a lasting failure
+        }
+        continue;
+      }
+      bool woken = read_all;
+      bool inbox_due = read_all;
+      bool subscriber_due = read_all;
+      read_all = true;  // stays so if anything below throws
+      for (int i = 0; i < count; ++i) {
+        switch (events[static_cast<std::size_t>(i)].data.u32) {
+          case kInboxTag:
+            inbox_due = true;
+            break;
+          case kSubscriberTag:
+            subscriber_due = true;
+            break;
+          default:
+            woken = true;
+            break;
+        }
+      }
+      if (woken) {
         std::uint64_t value = 0;
         [[maybe_unused]] const auto got = ::read(wake_fd, &value, sizeof value);
         apply_commands();
+        // Changing subscriptions may have taken the subscriber's notice, and an inbox given back
+        // in the middle of a batch has no notice left: both are read now.
+        inbox_due = true;
+        subscriber_due = true;
       }
-      if ((items[0].revents & ZMQ_POLLIN) != 0) {
-        drain_inbox();
+      bool more = false;
+      if (inbox_due) {
+        more = read_inbox_as_io() || more;
       }
-      if ((items[1].revents & ZMQ_POLLIN) != 0) {
-        drain_subscriber();
+      if (subscriber_due) {
+        more = drain_subscriber() || more;
       }
+      read_all = more;
     } catch (const zmq::error_t& error) {
       if (error.num() == ETERM) {
         return;
@@ -382,26 +476,49 @@ void ZmqIpc::Impl::apply_commands() {
   }
 }
 
-void ZmqIpc::Impl::drain_inbox() {
+bool ZmqIpc::Impl::read_inbox_as_io() {
+  {
+    std::lock_guard lock(queue_mutex);
+    if (inbox_reader != InboxReader::Io) {
+      return false;  // another thread reads it now
+    }
+    inbox_reader = InboxReader::IoReading;
+  }
+  bool more = false;
+  try {
+    more = drain_inbox(nullptr);
+  } catch (...) {
+    std::lock_guard lock(queue_mutex);
+    inbox_reader = InboxReader::Io;
+    throw;
+  }
+  std::lock_guard lock(queue_mutex);
+  inbox_reader = InboxReader::Io;
+  return more;
+}
+
+bool ZmqIpc::Impl::drain_inbox(std::optional<Request>* keep) {
   std::vector<zmq::message_t> frames;
   for (int i = 0; i < kReceiveBatch; ++i) {
     frames.clear();
     if (!zmq::recv_multipart(inbox, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
-      return;
+      return false;
     }
-    on_inbox_message(frames);
+    on_inbox_message(frames, keep);
   }
+  return true;
 }
 
-void ZmqIpc::Impl::drain_subscriber() {
+bool ZmqIpc::Impl::drain_subscriber() {
   std::vector<zmq::message_t> frames;
   for (int i = 0; i < kReceiveBatch; ++i) {
     frames.clear();
     if (!zmq::recv_multipart(subscriber, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
-      return;
+      return false;
     }
     on_bus_message(frames);
   }
+  return true;
 }
 
 void ZmqIpc::Impl::count_drop(std::atomic<std::uint64_t>& counter, std::string_view what) {
@@ -452,7 +569,7 @@ std::optional<wire::Header> ZmqIpc::Impl::checked_header(const zmq::message_t& f
   return decoded.header;
 }
 
-void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames) {
+void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames, std::optional<Request>* keep) {
   // A ROUTER hands up the peer's identity first, then the two frames of the message.
   if (frames.size() != 3) {
     count_drop(counters.malformed, "wrong number of frames");
@@ -465,6 +582,11 @@ void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames) {
   const std::span<const std::uint8_t> payload{frames[2].data<std::uint8_t>(), frames[2].size()};
   if (header->kind == wire::Kind::Request) {
     counters.requests_received.fetch_add(1);
+    if (keep != nullptr && !keep->has_value()) {
+      counters.requests_read_by_delivery_threads.fetch_add(1);
+      keep->emplace(wire::to_request(*header, payload));
+      return;
+    }
     auto request = std::make_shared<Request>(wire::to_request(*header, payload));
     enqueue([this, request] { deliver_request(*request); }, false);
   } else if (header->kind == wire::Kind::Response) {
@@ -480,6 +602,9 @@ void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames) {
     const std::shared_ptr<PendingRequest> request = waiting->second;
     request->response = wire::to_response(*header, payload);
     lock.unlock();
+    if (reading_inbox && keep == nullptr) {  // read by a caller of request(), not a delivery thread
+      counters.responses_read_by_callers.fetch_add(1);
+    }
     request->ready.notify_one();
   } else {
     count_drop(counters.bad_kinds, "event sent to an inbox");
@@ -518,20 +643,101 @@ void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames) {
 
 void ZmqIpc::Impl::enqueue(std::function<void()> task, bool in_order) {
   bool queued = false;
+  bool wake_worker = false;
+  bool wake_reader = false;
   {
     std::lock_guard lock(queue_mutex);
     if (ordered_queue.size() + parallel_queue.size() < options.delivery_queue_capacity) {
       (in_order ? ordered_queue : parallel_queue).push_back(std::move(task));
       queued = true;
+      // A delivery thread reading the inbox waits in poll(), not on queue_ready: it is woken only
+      // when no other delivery thread sleeps (and not at all when it is the one queueing).
+      wake_worker = sleeping_workers > 0;
+      wake_reader = !wake_worker && inbox_reader == InboxReader::Worker && !reading_inbox;
     }
   }
   if (queued) {
-    queue_ready.notify_one();
+    if (wake_worker) {
+      queue_ready.notify_one();
+    } else if (wake_reader) {
+      const std::uint64_t one = 1;
+      [[maybe_unused]] const auto written = ::write(reader_wake_fd, &one, sizeof one);
+    }
     return;
   }
   // Dropping the newest keeps the I/O thread free to match responses; blocking it here could
   // deadlock a handler that waits for an answer of its own.
   count_drop(counters.queue_overflows, "delivery queue full");
+}
+
+bool ZmqIpc::Impl::take_inbox(InboxReader reader) {
+  if (inbox_reader != InboxReader::Io || delivery_stopping || stopping.load()) {
+    return false;
+  }
+  // A delivery thread of an endpoint that serves no request would only be woken for others'
+  // answers and for every event: it leaves the inbox to the I/O thread and to the callers.
+  if (reader == InboxReader::Worker && request_handler_count.load() == 0) {
+    return false;
+  }
+  // Removing the descriptor from the I/O thread's set takes effect at once, even while that thread
+  // waits on it, so the I/O thread is not woken for the change.
+  if (::epoll_ctl(epoll_fd, EPOLL_CTL_DEL, inbox_fd, nullptr) != 0) {
+    return false;
+  }
+  inbox_reader = reader;
+  reading_inbox = true;
+  return true;
+}
+
+std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const std::function<bool()>& done,
+                                                      std::optional<Clock::time_point> deadline) {
+  std::optional<Request> kept;
+  std::optional<Request>* const keep = reader == InboxReader::Worker ? &kept : nullptr;
+  std::array<pollfd, 2> fds{{{inbox_fd, POLLIN, 0}, {reader_wake_fd, POLLIN, 0}}};
+  for (;;) {
+    bool more = false;
+    try {
+      more = drain_inbox(keep);
+    } catch (const std::exception& error) {
+      log->error("IPC endpoint {}: receiving failed: {}", name, error.what());
+    }
+    bool finished = false;
+    {
+      std::lock_guard lock(queue_mutex);
+      finished =
+          stopping.load() || delivery_stopping || kept.has_value() || done() || (deadline && Clock::now() >= *deadline);
+      if (finished) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u32 = kInboxTag;
+        if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, inbox_fd, &event) != 0) {
+          log->error("IPC endpoint {}: cannot give the inbox back to the I/O thread: {}", name, std::strerror(errno));
+        }
+        inbox_reader = InboxReader::Io;
+      }
+    }
+    if (finished) {
+      reading_inbox = false;
+      if (more) {
+        // The inbox's notice was used up by this thread; the I/O thread reads the rest.
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+      }
+      return kept;
+    }
+    if (more) {
+      continue;
+    }
+    int timeout_ms = -1;
+    if (deadline) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+      timeout_ms = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+    }
+    if (::poll(fds.data(), fds.size(), timeout_ms) > 0 && (fds[1].revents & POLLIN) != 0) {
+      std::uint64_t value = 0;
+      [[maybe_unused]] const auto got = ::read(reader_wake_fd, &value, sizeof value);
+    }
+  }
 }
 
 void ZmqIpc::Impl::delivery_loop() {
@@ -540,14 +746,31 @@ void ZmqIpc::Impl::delivery_loop() {
     bool in_order = false;
     {
       std::unique_lock lock(queue_mutex);
+      for (;;) {
+        if (delivery_stopping) {
+          return;
+        }
+        if (task_runnable()) {
+          break;
+        }
+        if (take_inbox(InboxReader::Worker)) {
+          // While idle, this thread reads the inbox itself and runs the first request it reads,
+          // instead of waiting for the I/O thread to hand it over.
+          lock.unlock();
+          const auto request = read_inbox_until(
+              InboxReader::Worker, [this] { return task_runnable(); }, std::nullopt);
+          if (request) {
+            deliver_request(*request);
+          }
+          lock.lock();
+          continue;
+        }
+        ++sleeping_workers;
+        queue_ready.wait(lock);
+        --sleeping_workers;
+      }
       // Events keep their order (a "maximum fan rate" must not overtake the "minimum" sent before
       // it), so only one of them runs at a time; requests take any free thread.
-      queue_ready.wait(lock, [this] {
-        return delivery_stopping || (!ordered_running && !ordered_queue.empty()) || !parallel_queue.empty();
-      });
-      if (delivery_stopping) {
-        return;
-      }
       if (!ordered_running && !ordered_queue.empty()) {
         task = std::move(ordered_queue.front());
         ordered_queue.pop_front();
@@ -714,6 +937,7 @@ Result<void> ZmqIpc::subscribe_request(Key key, RequestHandler handler) {
     return core::ErrorPayload(core::Error::Already, "Request " + key_text(key) + " already has a handler");
   }
   where->second = std::make_shared<RequestEntry>(std::move(handler));
+  impl_->request_handler_count.fetch_add(1);
   return core::success();
 }
 
@@ -739,7 +963,11 @@ Result<void> remove_entry(std::mutex& mutex, std::condition_variable& done, std:
 }  // namespace
 
 Result<void> ZmqIpc::unsubscribe_request(Key key) {
-  return remove_entry(impl_->handlers_mutex, impl_->handler_done, impl_->request_handlers, key, "request");
+  auto removed = remove_entry(impl_->handlers_mutex, impl_->handler_done, impl_->request_handlers, key, "request");
+  if (removed.has_value()) {
+    impl_->request_handler_count.fetch_sub(1);
+  }
+  return removed;
 }
 
 Result<void> ZmqIpc::subscribe_event(Key key, EventHandler handler) {
@@ -834,12 +1062,30 @@ Result<Response> ZmqIpc::request(Address address, Request request, std::chrono::
     sent = core::ErrorPayload(core::Error::CommonError,
                               fmt::format("Cannot connect to 0x{:08x}: {}", address, error.what()));
   }
-  std::unique_lock lock(impl.pending_mutex);
   if (sent.has_error()) {
+    std::lock_guard lock(impl.pending_mutex);
     impl.pending.erase(tag);
     return sent.error();
   }
-  waiting->ready.wait_for(lock, timeout, [&] { return waiting->response.has_value() || impl.stopping.load(); });
+  const auto deadline = Clock::now() + timeout;
+  bool reading = false;
+  {
+    std::lock_guard lock(impl.queue_mutex);
+    reading = impl.take_inbox(InboxReader::Requester);
+  }
+  if (reading) {
+    // The caller reads its answer itself (and passes on whatever else it reads) while the inbox
+    // is free, rather than being woken by the I/O thread.
+    impl.read_inbox_until(
+        InboxReader::Requester,
+        [&] {
+          std::lock_guard lock(impl.pending_mutex);
+          return waiting->response.has_value();
+        },
+        deadline);
+  }
+  std::unique_lock lock(impl.pending_mutex);
+  waiting->ready.wait_until(lock, deadline, [&] { return waiting->response.has_value() || impl.stopping.load(); });
   // Once the tag leaves the map, an answer that still arrives is late and is dropped.
   impl.pending.erase(tag);
   if (!waiting->response) {
@@ -873,6 +1119,8 @@ IpcStats ZmqIpc::stats() const {
   stats.handler_failures = c.handler_failures.load();
   stats.requests_received = c.requests_received.load();
   stats.events_received = c.events_received.load();
+  stats.requests_read_by_delivery_threads = c.requests_read_by_delivery_threads.load();
+  stats.responses_read_by_callers = c.responses_read_by_callers.load();
   return stats;
 }
 

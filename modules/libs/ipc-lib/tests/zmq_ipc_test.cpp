@@ -138,6 +138,76 @@ TEST_F(ZmqIpcTest, EightThreadsOfAThousandRequestsAreAllMatchedByTag) {
   EXPECT_EQ(server->stats().requests_received, static_cast<std::uint64_t>(kThreads * kPerThread));
 }
 
+TEST_F(ZmqIpcTest, IdleDeliveryThreadRunsTheRequestItReadsAndTheCallerReadsItsAnswer) {
+  auto server = endpoint(kServer, 1);
+  auto client = endpoint(kClient);
+  serve_echo(*server, kQuery);
+  constexpr int kRequests = 100;
+  for (int i = 0; i < kRequests; ++i) {
+    Request request;
+    request.group = kQuery.group;
+    request.id = kQuery.id;
+    request.payload = {static_cast<std::uint8_t>(i)};
+    const auto answer = client->request(kServer, request, milliseconds(5000));
+    ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
+    ASSERT_EQ(answer.value().payload, request.payload);
+  }
+  // Whoever reads them, every request is handled once and every answer reaches its caller.
+  const IpcStats served = server->stats();
+  EXPECT_EQ(served.requests_received, static_cast<std::uint64_t>(kRequests));
+  EXPECT_GT(served.requests_read_by_delivery_threads, 0U);
+  EXPECT_LE(served.requests_read_by_delivery_threads, served.requests_received);
+  EXPECT_EQ(served.responses_read_by_callers, 0U);
+  const IpcStats asked = client->stats();
+  EXPECT_GT(asked.responses_read_by_callers, 0U);
+  EXPECT_LE(asked.responses_read_by_callers, static_cast<std::uint64_t>(kRequests));
+  // An endpoint that serves no request leaves its inbox to the I/O thread and to its callers.
+  EXPECT_EQ(asked.requests_read_by_delivery_threads, 0U);
+  EXPECT_EQ(asked.late_responses, 0U);
+}
+
+TEST_F(ZmqIpcTest, HandlerOfTheOnlyDeliveryThreadMayAskAnotherEndpoint) {
+  constexpr Address kBackend = 0x0033FFFE;
+  auto backend = endpoint(kBackend);
+  auto server = endpoint(kServer, 1);
+  auto client = endpoint(kClient);
+  serve_echo(*backend, kQuery);
+  ZmqIpc* raw_server = server.get();
+  // The handler asks the backend, on the thread that may have read its own request from the
+  // inbox, and answers with what the backend sent back, one byte added.
+  ASSERT_TRUE(server
+                  ->subscribe_request(kQuery,
+                                      [raw_server](const Request& request) -> Result<void> {
+                                        Request onward;
+                                        onward.group = kQuery.group;
+                                        onward.id = kQuery.id;
+                                        onward.payload = request.payload;
+                                        auto backend_answer = raw_server->request(kBackend, onward, milliseconds(5000));
+                                        if (!backend_answer) {
+                                          return backend_answer.error();
+                                        }
+                                        Response response;
+                                        response.payload = backend_answer.value().payload;
+                                        response.payload.push_back(0xEE);
+                                        response.reply_tag = request.reply_to.value().tag;
+                                        response.result = 1;
+                                        return raw_server->send_response(request.reply_to.value().address, response);
+                                      })
+                  .has_value());
+  for (int i = 0; i < 50; ++i) {
+    Request request;
+    request.group = kQuery.group;
+    request.id = kQuery.id;
+    request.payload = {static_cast<std::uint8_t>(i), 0x01};
+    const auto answer = client->request(kServer, request, milliseconds(5000));
+    ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
+    EXPECT_EQ(answer.value().payload, (Payload{static_cast<std::uint8_t>(i), 0x01, 0xEE}));
+  }
+  EXPECT_EQ(server->stats().handler_failures, 0U);
+  EXPECT_EQ(server->stats().late_responses, 0U);
+  EXPECT_EQ(backend->stats().requests_received, 50U);
+}
+
 TEST_F(ZmqIpcTest, RequestWithoutAnswerTimesOut) {
   auto server = endpoint(kServer);
   auto client = endpoint(kClient);

@@ -23,6 +23,11 @@ struct IpcStats {
   std::uint64_t handler_failures = 0;   ///< a handler threw or returned an error
   std::uint64_t requests_received = 0;  ///< well-formed requests taken from the inbox
   std::uint64_t events_received = 0;    ///< well-formed events taken from the bus
+  /// Requests an idle delivery thread read from the inbox itself and ran at once (the rest went
+  /// through the I/O thread and the delivery queue).
+  std::uint64_t requests_read_by_delivery_threads = 0;
+  /// Responses read from the inbox by a caller of request() waiting for one, not by the I/O thread.
+  std::uint64_t responses_read_by_callers = 0;
 
   /// Messages dropped because of what a peer sent (every counter of bad input together).
   [[nodiscard]] std::uint64_t dropped_input() const {
