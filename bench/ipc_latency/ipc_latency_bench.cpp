@@ -189,6 +189,83 @@ void BM_LibraryRequestsFromFourThreads(benchmark::State& state) {
 }
 BENCHMARK(BM_LibraryRequestsFromFourThreads)->Threads(4)->UseRealTime();
 
+/// The bare floor of the four-thread figure: four threads, each with a DEALER of its own in one
+/// client context, ping-ponging empty requests with one echoing ROUTER thread in a context of its
+/// own (as the library's server endpoint has).
+class BareEcho {
+ public:
+  BareEcho() : where_("ipc://" + ipc_directory() + "/bare-echo-threads"), router_(context_, zmq::socket_type::router) {
+    router_.set(zmq::sockopt::linger, 0);
+    router_.set(zmq::sockopt::rcvtimeo, 100);
+    router_.bind(where_);
+    thread_ = std::thread([this] {
+      std::vector<zmq::message_t> frames;
+      while (!stop_.load()) {
+        frames.clear();
+        if (zmq::recv_multipart(router_, std::back_inserter(frames))) {
+          zmq::send_multipart(router_, frames);
+        }
+      }
+    });
+  }
+  ~BareEcho() {
+    stop_ = true;
+    thread_.join();
+  }
+  BareEcho(const BareEcho&) = delete;
+  BareEcho& operator=(const BareEcho&) = delete;
+
+  const std::string& where() const { return where_; }
+  zmq::context_t& client_context() { return client_context_; }
+
+ private:
+  std::string where_;
+  zmq::context_t context_{1};
+  zmq::context_t client_context_{1};
+  zmq::socket_t router_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+std::unique_ptr<BareEcho> g_bare_echo;
+
+void BM_BareZmqRequestsFromFourThreads(benchmark::State& state) {
+  zmq::socket_t dealer(g_bare_echo->client_context(), zmq::socket_type::dealer);
+  dealer.set(zmq::sockopt::linger, 0);
+  dealer.connect(g_bare_echo->where());
+  const std::vector<std::uint8_t> header(24, 1);
+  std::vector<zmq::message_t> reply;
+  const auto round_trip = [&] {
+    dealer.send(zmq::buffer(header), zmq::send_flags::sndmore);
+    dealer.send(zmq::const_buffer(nullptr, 0), zmq::send_flags::none);
+    reply.clear();
+    return zmq::recv_multipart(dealer, std::back_inserter(reply));
+  };
+  for (int i = 0; i < kWarmUpRoundTrips; ++i) {
+    (void)round_trip();
+  }
+  double cpu_before = 0;
+  if (state.thread_index() == 0) {
+    cpu_before = process_cpu_us();
+  }
+  for (auto _ : state) {
+    if (!round_trip() || reply.size() != 2) {
+      state.SkipWithError("bare round trip failed");
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+  if (state.thread_index() == 0) {
+    state.counters["process_cpu_us_per_op"] =
+        benchmark::Counter((process_cpu_us() - cpu_before) / static_cast<double>(state.iterations() * state.threads()));
+  }
+}
+BENCHMARK(BM_BareZmqRequestsFromFourThreads)
+    ->Threads(4)
+    ->UseRealTime()
+    ->Setup([](const benchmark::State&) { g_bare_echo = std::make_unique<BareEcho>(); })
+    ->Teardown([](const benchmark::State&) { g_bare_echo.reset(); });
+
 void BM_EventsThroughBus(benchmark::State& state) {
   ZmqIpcOptions options;
   options.delivery_threads = 1;
