@@ -681,7 +681,9 @@ bool ZmqIpc::Impl::take_inbox(InboxReader reader) {
   }
   // Removing the descriptor from the I/O thread's set takes effect at once, even while that thread
   // waits on it, so the I/O thread is not woken for the change.
-  if (::epoll_ctl(epoll_fd, EPOLL_CTL_DEL, inbox_fd, nullptr) != 0) {
+  // (ENOENT: an earlier hand-back could not add it again; it was logged then, and the inbox
+  // is still read by whoever takes it.)
+  if (::epoll_ctl(epoll_fd, EPOLL_CTL_DEL, inbox_fd, nullptr) != 0 && errno != ENOENT) {
     return false;
   }
   inbox_reader = reader;
