@@ -18,6 +18,21 @@ else()
   message(FATAL_ERROR "XPON_SANITIZER must be none, address, thread or fuzzer, not '${XPON_SANITIZER}'")
 endif()
 
+# A slim link (XPON_SLIM_LINK) lets the linker drop every function and object nobody uses.
+if(XPON_SLIM_LINK)
+  add_compile_options(-ffunction-sections -fdata-sections)
+endif()
+
+# xpon_slim_program(<target>): with XPON_SLIM_LINK, the program links libstdc++ and libgcc
+# statically and keeps only the sections it uses, so that it maps fewer and smaller files.
+# Only for programs that link no C++ shared library: a second libstdc++ would come with one.
+function(xpon_slim_program target)
+  if(XPON_SLIM_LINK)
+    target_link_options(${target} PRIVATE -static-libstdc++ -static-libgcc LINKER:--gc-sections LINKER:--as-needed
+                        LINKER:-O1)
+  endif()
+endfunction()
+
 # Warnings are ours to fix, so they apply to our own targets only.
 function(xpon_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
