@@ -242,11 +242,8 @@ TEST_F(BusEventsTest, EventsReachTheOnlyDeliveryThreadWhileItReadsTheInbox) {
   ASSERT_TRUE(server
                   ->subscribe_request(kQuery,
                                       [raw_server](const Request& request) -> Result<void> {
-                                        Response response;
-                                        response.payload = request.payload;
-                                        response.reply_tag = request.reply_to.value().tag;
-                                        response.result = 1;
-                                        return raw_server->send_response(request.reply_to.value().address, response);
+                                        return raw_server->send_response(request.reply_to.value().address,
+                                                                         test::echo_response(request));
                                       })
                   .has_value());
   EventLog events;

@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "xpon/ipc/ipc.hpp"
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -20,6 +22,15 @@
 extern char** environ;
 
 namespace xpon::ipc::test {
+
+/// The answer of an echoing handler: the request's own payload, result 1, the request's tag.
+inline Response echo_response(const Request& request) {
+  Response response;
+  response.payload = request.payload;
+  response.reply_tag = request.reply_to.value().tag;
+  response.result = 1;
+  return response;
+}
 
 /// A fresh directory used as $XPON_ROOT for as long as the object lives.
 class TempRoot {

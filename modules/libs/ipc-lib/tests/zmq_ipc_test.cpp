@@ -43,11 +43,8 @@ class ZmqIpcTest : public ::testing::Test {
     ASSERT_TRUE(server
                     .subscribe_request(key,
                                        [&server](const Request& request) -> Result<void> {
-                                         Response response;
-                                         response.payload = request.payload;
-                                         response.reply_tag = request.reply_to.value().tag;
-                                         response.result = 1;
-                                         return server.send_response(request.reply_to.value().address, response);
+                                         return server.send_response(request.reply_to.value().address,
+                                                                     test::echo_response(request));
                                        })
                     .has_value());
   }
@@ -237,11 +234,8 @@ TEST_F(ZmqIpcTest, LateAnswerIsDroppedAndCounted) {
                                         if (request.payload == Payload{1}) {
                                           std::this_thread::sleep_for(milliseconds(300));
                                         }
-                                        Response response;
-                                        response.payload = request.payload;
-                                        response.reply_tag = request.reply_to.value().tag;
-                                        response.result = 1;
-                                        return server->send_response(request.reply_to.value().address, response);
+                                        return server->send_response(request.reply_to.value().address,
+                                                                     test::echo_response(request));
                                       })
                   .has_value());
   Request slow;
