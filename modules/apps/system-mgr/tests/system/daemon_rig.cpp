@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 namespace xpon::system_mgr::test {
 
@@ -166,8 +168,18 @@ void DaemonRig::install_example_log_config() {
 }
 
 void DaemonRig::start_daemon() {
-  daemon_.emplace(std::vector<std::string>{XPON_SYSTEM_MGR_PROGRAM},
-                  std::vector<std::string>{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()},
+  // XPON_DAEMON_WRAPPER runs the daemon under another program, for example
+  // "/usr/bin/valgrind --leak-check=full --log-file=/var/tmp/vg-%p.log": words separated by
+  // spaces, no quoting, the program by its full path.
+  std::vector<std::string> command;
+  if (const char* wrapper = std::getenv("XPON_DAEMON_WRAPPER"); wrapper != nullptr) {
+    std::istringstream words(wrapper);
+    for (std::string word; words >> word;) {
+      command.push_back(word);
+    }
+  }
+  command.emplace_back(XPON_SYSTEM_MGR_PROGRAM);
+  daemon_.emplace(command, std::vector<std::string>{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()},
                   path("/daemon.out"), path("/daemon.log"));
 }
 
