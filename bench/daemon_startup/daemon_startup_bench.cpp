@@ -132,6 +132,9 @@ void BM_SighupRestart(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_SighupRestart)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30);
+// Many restarts in one process: whether the memory kept across cycles levels off.
+BENCHMARK(BM_SighupRestart)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(300);
+BENCHMARK(BM_SighupRestart)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1000);
 
 }  // namespace
 
