@@ -60,6 +60,21 @@ void set_cpu_per_iteration(benchmark::State& state, double cpu_before) {
   }
 }
 
+/// For benchmarks run by several threads: the process CPU time when thread 0 starts.
+double threads_cpu_start(const benchmark::State& state) {
+  return state.thread_index() == 0 ? process_cpu_us() : 0.0;
+}
+
+/// Counts each thread's requests; thread 0 sets the process's CPU per request over all threads
+/// (its share of the iterations times the number of threads).
+void set_threads_cpu_per_request(benchmark::State& state, double cpu_before) {
+  state.SetItemsProcessed(state.iterations());
+  if (state.thread_index() == 0 && state.iterations() > 0) {
+    state.counters["process_cpu_us_per_op"] =
+        benchmark::Counter((process_cpu_us() - cpu_before) / static_cast<double>(state.iterations() * state.threads()));
+  }
+}
+
 void set_percentiles(benchmark::State& state, std::vector<double>& micros) {
   if (micros.empty()) {
     return;
@@ -169,10 +184,7 @@ void BM_LibraryRequestsFromFourThreads(benchmark::State& state) {
   Request request;
   request.group = kEcho.group;
   request.id = kEcho.id;
-  double cpu_before = 0;
-  if (state.thread_index() == 0) {
-    cpu_before = process_cpu_us();
-  }
+  const double cpu_before = threads_cpu_start(state);
   for (auto _ : state) {
     auto answer = g_client->request(kServer, request, std::chrono::milliseconds(5000));
     if (!answer) {
@@ -180,12 +192,7 @@ void BM_LibraryRequestsFromFourThreads(benchmark::State& state) {
       break;
     }
   }
-  state.SetItemsProcessed(state.iterations());
-  if (state.thread_index() == 0) {
-    // Thread 0's share of the iterations: the counter is the process's CPU per request overall.
-    state.counters["process_cpu_us_per_op"] =
-        benchmark::Counter((process_cpu_us() - cpu_before) / static_cast<double>(state.iterations() * state.threads()));
-  }
+  set_threads_cpu_per_request(state, cpu_before);
 }
 BENCHMARK(BM_LibraryRequestsFromFourThreads)->Threads(4)->UseRealTime();
 
@@ -244,21 +251,14 @@ void BM_BareZmqRequestsFromFourThreads(benchmark::State& state) {
   for (int i = 0; i < kWarmUpRoundTrips; ++i) {
     (void)round_trip();
   }
-  double cpu_before = 0;
-  if (state.thread_index() == 0) {
-    cpu_before = process_cpu_us();
-  }
+  const double cpu_before = threads_cpu_start(state);
   for (auto _ : state) {
     if (!round_trip() || reply.size() != 2) {
       state.SkipWithError("bare round trip failed");
       break;
     }
   }
-  state.SetItemsProcessed(state.iterations());
-  if (state.thread_index() == 0) {
-    state.counters["process_cpu_us_per_op"] =
-        benchmark::Counter((process_cpu_us() - cpu_before) / static_cast<double>(state.iterations() * state.threads()));
-  }
+  set_threads_cpu_per_request(state, cpu_before);
 }
 BENCHMARK(BM_BareZmqRequestsFromFourThreads)
     ->Threads(4)
