@@ -4,6 +4,7 @@
 #include "emulator_process.hpp"
 
 #include "xpon/board/driver_abi.h"
+#include "xpon/test/sandbox.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -153,13 +154,13 @@ TEST_F(EmulatorFiles, TimelinePatchArrivesAfterItsTime) {
 
 TEST_F(EmulatorFiles, SigtermUnmountsCleanly) {
   EXPECT_EQ(emulator_->stop(SIGTERM), 0);
-  EXPECT_FALSE(is_mounted(emulator_->dev_dir()));
+  EXPECT_FALSE(xpon::test::is_mount_point(emulator_->dev_dir()));
   EXPECT_NE(emulator_->log().find("unmounted " + emulator_->dev_dir()), std::string::npos) << emulator_->log();
 }
 
 TEST_F(EmulatorFiles, SigintUnmountsCleanly) {
   EXPECT_EQ(emulator_->stop(SIGINT), 0);
-  EXPECT_FALSE(is_mounted(emulator_->dev_dir()));
+  EXPECT_FALSE(xpon::test::is_mount_point(emulator_->dev_dir()));
 }
 
 TEST(EmulatorProgram, HelpDescribesTheOptions) {

@@ -1,5 +1,7 @@
 #include "emulator_process.hpp"
 
+#include "xpon/test/sandbox.hpp"
+
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -130,22 +132,6 @@ std::string fuse_unavailable_reason() {
   return {};
 }
 
-bool is_mounted(const std::string& directory) {
-  std::ifstream mounts("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(mounts, line)) {
-    // Field 5 is the mount point.
-    std::istringstream fields(line);
-    std::string field;
-    for (int i = 0; i < 5 && fields >> field; ++i) {
-    }
-    if (field == directory) {
-      return true;
-    }
-  }
-  return false;
-}
-
 std::unique_ptr<EmulatorProcess> EmulatorProcess::start(const std::string& scenario, std::string& skip,
                                                         std::string& failure) {
   skip = fuse_unavailable_reason();
@@ -176,7 +162,7 @@ std::unique_ptr<EmulatorProcess> EmulatorProcess::start(const std::string& scena
       }
       return nullptr;
     }
-    if (is_mounted(process->dev_dir()) && std::filesystem::exists(process->dev_file("board"))) {
+    if (xpon::test::is_mount_point(process->dev_dir()) && std::filesystem::exists(process->dev_file("board"))) {
       return process;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -208,14 +194,14 @@ std::string EmulatorProcess::log() const {
 EmulatorProcess::~EmulatorProcess() {
   stop(SIGTERM);
   // A killed emulator leaves its mount behind; a lazy unmount clears it even while busy.
-  if (is_mounted(dev_dir())) {
+  if (xpon::test::is_mount_point(dev_dir())) {
     run_program({"/bin/fusermount3", "-u", "-z", dev_dir()});
   }
-  if (is_mounted(dev_dir())) {
+  if (xpon::test::is_mount_point(dev_dir())) {
     run_program({"/bin/umount", "-l", dev_dir()});
   }
   std::error_code ignored;
-  if (!is_mounted(dev_dir())) {
+  if (!xpon::test::is_mount_point(dev_dir())) {
     std::filesystem::remove_all(root_, ignored);
   }
 }

@@ -26,9 +26,6 @@ ProgramRun run_program(const std::vector<std::string>& argv, const std::vector<s
 /// Why FUSE cannot be used here, or an empty text when it can.
 std::string fuse_unavailable_reason();
 
-/// Whether a directory is a mount point now.
-bool is_mounted(const std::string& directory);
-
 /// One running emulator in its own temporary sandbox root.
 class EmulatorProcess {
  public:
