@@ -36,7 +36,7 @@ TEST_F(SysFunctionDeathTest, SecondRunWithoutStopEndsTheProcess) {
         (void)function->run();
         (void)function->run();
       },
-      "");
+      "SysFunction run called again without stop");
 }
 
 TEST_F(SysFunctionDeathTest, DestructionWithoutStopEndsTheProcess) {
@@ -47,11 +47,12 @@ TEST_F(SysFunctionDeathTest, DestructionWithoutStopEndsTheProcess) {
         (void)function->run();
         function.reset();
       },
-      "");
+      "SysFunction destroyed while its polling thread runs: stop was not called");
 }
 
 TEST_F(SysFunctionDeathTest, LoggingWithoutLoggerEndsTheProcess) {
-  EXPECT_DEATH({ PollingFunction function(nullptr, std::make_shared<test::RecordingIpc>()); }, "");
+  EXPECT_DEATH({ PollingFunction function(nullptr, std::make_shared<test::RecordingIpc>()); },
+               "SysFunction has no logger to log to");
 }
 
 }  // namespace

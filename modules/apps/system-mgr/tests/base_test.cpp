@@ -61,8 +61,11 @@ class ScriptedFunction : public SysFunction {
     return unsubscribe_result;
   }
 
+  using SysFunction::apply_config_changes;
   using SysFunction::create_alarm_and_send_trap;
+  using SysFunction::mutex;
   using SysFunction::send_error_response;
+  using SysFunction::set_thread_starter;
   using SysFunction::wake_polling_thread;
 
   // Called with the 1-based number of the poll; the first is the one run() makes itself.
@@ -447,6 +450,145 @@ TEST_F(SysFunctionTest, MissingAlarmRecordIsRefused) {
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::InvalidInputArg);
   EXPECT_TRUE(ipc->events().empty());
+}
+
+TEST_F(SysFunctionTest, EarlyWakeUpThatIsNotAStopEndsTheThread) {
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 50ms);
+  ASSERT_TRUE(function->run());
+  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  // Deliberately no stop flag: any wake-up before the deadline ends the polling thread, so after
+  // it no further poll comes although the function was never stopped.
+  ASSERT_TRUE(eventually([&] {
+    function->wake_polling_thread();
+    std::this_thread::sleep_for(5ms);
+    return function->polls.load() == 1;
+  }));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(function->polls.load(), 1);
+  EXPECT_TRUE(function->is_running());
+  EXPECT_TRUE(function->stop());
+  EXPECT_FALSE(function->is_running());
+}
+
+TEST_F(SysFunctionTest, ThreadThatCannotStartIsAnExceptionNamingTheFunction) {
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
+  function->set_thread_starter([](std::function<void()>) -> std::thread { throw std::runtime_error("no thread"); });
+  const auto result = function->run();
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Exception);
+  ASSERT_TRUE(result.error().info && result.error().info->message);
+  EXPECT_EQ(*result.error().info->message, "Exception on run System function: ScriptedFunction | no thread");
+  EXPECT_TRUE(logger->contains("Exception on run System function: ScriptedFunction | no thread", 4));
+  // The subscription of step one is undone.
+  EXPECT_EQ(function->subscribes.load(), 1);
+  EXPECT_EQ(function->unsubscribes.load(), 1);
+  EXPECT_FALSE(function->is_running());
+  EXPECT_TRUE(function->stop());
+}
+
+TEST_F(SysFunctionTest, ThreadStartThrowingSomethingElseIsAnUnknownException) {
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
+  function->set_thread_starter([](std::function<void()>) -> std::thread { throw 42; });
+  const auto result = function->run();
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Exception);
+  ASSERT_TRUE(result.error().info && result.error().info->message);
+  EXPECT_EQ(*result.error().info->message, "Unknown exception on run System function: ScriptedFunction");
+  EXPECT_TRUE(logger->contains("Unknown exception on run System function: ScriptedFunction", 4));
+  EXPECT_EQ(function->unsubscribes.load(), 1);
+  EXPECT_FALSE(function->is_running());
+}
+
+TEST_F(SysFunctionTest, FailedUndoOfTheSubscriptionIsOnlyLogged) {
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
+  function->unsubscribe_result = core::ErrorPayload(Error::Empty, "nothing to undo");
+  function->set_thread_starter([](std::function<void()>) -> std::thread { throw std::runtime_error("no thread"); });
+  const auto result = function->run();
+  ASSERT_TRUE(result.has_error());
+  ASSERT_TRUE(result.error().info && result.error().info->message);
+  EXPECT_EQ(*result.error().info->message, "Exception on run System function: ScriptedFunction | no thread");
+  EXPECT_TRUE(logger->contains("Error: Empty. Message: nothing to undo.", 4));
+}
+
+TEST_F(SysFunctionTest, PeriodIsKept) {
+  EXPECT_EQ(ScriptedFunction(logger, ipc, 1234ms).period(), 1234ms);
+}
+
+TEST_F(SysFunctionTest, DerivedFunctionHoldsThePollingMutex) {
+  // A request or configuration path that takes the base's mutex keeps the poll out.
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 20ms);
+  ASSERT_TRUE(function->run());
+  ASSERT_TRUE(eventually([&] { return function->polls.load() >= 2; }));
+  int polls_while_held = 0;
+  {
+    std::lock_guard lock(function->mutex());
+    const int before = function->polls.load();
+    std::this_thread::sleep_for(100ms);
+    polls_while_held = function->polls.load() - before;
+  }
+  EXPECT_EQ(polls_while_held, 0);
+  auto stopped = std::async(std::launch::async, [&] { return function->stop(); });
+  while (stopped.wait_for(5ms) != std::future_status::ready) {
+    function->wake_polling_thread();
+  }
+  EXPECT_TRUE(stopped.get());
+}
+
+TEST_F(SysFunctionTest, ConfigChangesReReadEachNamedSectionInOrderAndLogTheirNames) {
+  ScriptedFunction function(logger, ipc, 10s);
+  std::vector<std::string> reads;
+  const auto result = function.apply_config_changes(
+      {Config_change{81, 1, 0}, Config_change{80, 1, 0}, Config_change{77, 1, 0}, Config_change{81, 1, 0}},
+      {{cfgdb::kAlarmSystemLoadAverage,
+        [&] {
+          reads.emplace_back("80");
+          return Result<void>(core::success());
+        }},
+       {cfgdb::kAlarmSystemTemperature, [&] {
+          reads.emplace_back("81");
+          return Result<void>(core::success());
+        }}});
+  EXPECT_TRUE(result);
+  EXPECT_EQ(reads, (std::vector<std::string>{"81", "80", "81"}));
+  EXPECT_EQ(logger->texts(),
+            (std::vector<std::string>{
+                "SysFunction create successfully", "Change config event [ALARM_SYSTEM_TEMPERATURE]",
+                "Change config event [ALARM_SYSTEM_LOAD_AVERAGE]", "Change config event [ALARM_SYSTEM_TEMPERATURE]"}));
+}
+
+TEST_F(SysFunctionTest, EmptyConfigChangeListReadsNothing) {
+  ScriptedFunction function(logger, ipc, 10s);
+  int reads = 0;
+  EXPECT_TRUE(function.apply_config_changes({}, {{cfgdb::kAlarmSystemLoadAverage, [&] {
+                                                    ++reads;
+                                                    return Result<void>(core::success());
+                                                  }}}));
+  EXPECT_EQ(reads, 0);
+}
+
+TEST_F(SysFunctionTest, FirstFailedConfigReadEndsTheWalk) {
+  ScriptedFunction function(logger, ipc, 10s);
+  int reads = 0;
+  const auto result = function.apply_config_changes({Config_change{80, 1, 0}, Config_change{80, 1, 0}},
+                                                    {{cfgdb::kAlarmSystemLoadAverage, [&]() -> Result<void> {
+                                                        ++reads;
+                                                        return core::ErrorPayload(Error::ErrorCApi);
+                                                      }}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::ErrorCApi);
+  EXPECT_EQ(reads, 1);
+  EXPECT_FALSE(logger->contains("Change config event [ALARM_SYSTEM_LOAD_AVERAGE]"));
+  EXPECT_TRUE(logger->contains("Error: ErrorCApi", 4));
+}
+
+TEST_F(SysFunctionTest, ConfigReadThatThrowsIsAnException) {
+  ScriptedFunction function(logger, ipc, 10s);
+  const auto result = function.apply_config_changes(
+      {Config_change{80, 1, 0}},
+      {{cfgdb::kAlarmSystemLoadAverage, []() -> Result<void> { throw std::runtime_error("bad record"); }}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Exception);
+  EXPECT_TRUE(logger->contains("An std::exception was thrown: bad record ", 4));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "xpon/service/service.hpp"
 #include "xpon/service/service_launcher.hpp"
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+#include "xpon/test/fake_host.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gtest/gtest.h>
@@ -111,15 +112,9 @@ TEST(CpuLoadComponent, ThresholdSetWithXponCfgReachesTheFunctionAndRaisesItsNext
   // The database is created with its defaults (threshold 400) under the temporary root.
   auto cfgdb = std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB");
   // Fixed load averages so that the alarm's bytes are known; everything else is real.
-  CpuLoadSystemCalls calls = CpuLoadSystemCalls::system();
-  calls.getloadavg = [](double* averages, int count) {
-    const std::array<double, 3> loads{0.05, 0.04, 0.03};
-    for (int i = 0; i < count && i < 3; ++i) {
-      averages[i] = loads[static_cast<std::size_t>(i)];
-    }
-    return 3;
-  };
-  auto function = std::make_shared<WakeableCpuLoadMonitoring>(logger, daemon_ipc, cfgdb, 200ms, calls);
+  auto host = std::make_shared<test::FakeHost>();
+  host->set_load_averages(0.05, 0.04, 0.03);
+  auto function = std::make_shared<WakeableCpuLoadMonitoring>(logger, daemon_ipc, cfgdb, 200ms, host);
   ASSERT_EQ(function->threshold(), 400);
   service::ServiceLauncher launcher(std::make_unique<OneFunctionService>(function), logger, daemon_ipc, false);
   auto running = std::async(std::launch::async, [&] { return launcher.run(); });

@@ -143,45 +143,5 @@ TEST_F(FactoryImage, UnknownNameThrowsWithTheName) {
   EXPECT_EQ(construction_failure(), "Unknown device type (QD7R-F)");
 }
 
-class FixedFactory : public IFactory {
- public:
-  explicit FixedFactory(std::uint32_t code) : type_(static_cast<DeviceType>(code)) {}
-  [[nodiscard]] DeviceType device_type() const override { return type_; }
-
- private:
-  DeviceType type_;
-};
-
-TEST(CreateService, TypeOutsideTheFamiliesIsUnknownDeviceType) {
-  auto logger = std::make_shared<test::RecordingLogger>();
-  auto ipc = std::make_shared<test::RecordingIpc>();
-  const auto result = create_service(logger, ipc, nullptr, std::make_shared<FixedFactory>(3), nullptr);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, core::Error::CommonError);
-  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unknown device type.");
-}
-
-TEST(CreateService, ConstructorExceptionBecomesExceptionErrorNamingTheService) {
-  auto logger = std::make_shared<test::RecordingLogger>();
-  auto ipc = std::make_shared<test::RecordingIpc>();
-  ipc->fail_next_connect();
-  const auto result = create_service(logger, ipc, nullptr, std::make_shared<FixedFactory>(1), nullptr);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, core::Error::Exception);
-  ASSERT_TRUE(result.error().info.has_value());
-  EXPECT_EQ(result.error().info->message,
-            "Exception on create LcService: Unable to connect Election Manager IPC client [LcService].");
-}
-
-TEST(CreateService, FcServiceConnectFailureNamesFcService) {
-  auto logger = std::make_shared<test::RecordingLogger>();
-  auto ipc = std::make_shared<test::RecordingIpc>();
-  ipc->fail_next_connect();
-  const auto result = create_service(logger, ipc, nullptr, std::make_shared<FixedFactory>(2), nullptr);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().info->message,
-            "Exception on create FcService: Unable to connect Election Manager IPC client [FcService].");
-}
-
 }  // namespace
 }  // namespace xpon::system_mgr

@@ -1,3 +1,4 @@
+#include "xpon/system_mgr/services/create_service.hpp"
 #include "xpon/system_mgr/services/fc_service.hpp"
 #include "xpon/system_mgr/services/lc_service.hpp"
 #include "xpon/system_mgr/services/lt_service.hpp"
@@ -5,13 +6,16 @@
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/vtable_slot.hpp"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace xpon::system_mgr {
@@ -21,6 +25,7 @@ namespace fs = std::filesystem;
 using core::Error;
 using core::ErrorPayload;
 using core::Result;
+using namespace std::chrono_literals;
 
 // A system function that records which operations reached it, in a journal shared by all.
 class ProbeFunction : public ISysFunction {
@@ -70,7 +75,7 @@ template <typename Base>
 class ProbeService : public FamilyService<Base> {
  public:
   ProbeService(const std::shared_ptr<logger::ILogger>& logger, std::size_t count, std::vector<std::string>& journal)
-      : FamilyService<Base>(logger, nullptr, nullptr) {
+      : FamilyService<Base>(logger, nullptr, nullptr, nullptr) {
     for (std::size_t index = 1; index <= count; ++index) {
       auto probe = std::make_shared<ProbeFunction>("f" + std::to_string(index), journal);
       probes.push_back(probe.get());
@@ -243,6 +248,201 @@ TEST_F(RealServices, LtMasterChangeReachesNoFunction) {
   EXPECT_TRUE(journal.empty());
   ASSERT_TRUE(service.config_change({}, {{80, 1, 0}}).has_value());
   EXPECT_EQ(journal, (std::vector<std::string>{"probe.config_change(1)"}));
+}
+
+class FixedFactory : public IFactory {
+ public:
+  explicit FixedFactory(std::uint32_t code) : type_(static_cast<DeviceType>(code)) {}
+  [[nodiscard]] DeviceType device_type() const override { return type_; }
+
+ private:
+  DeviceType type_;
+};
+
+TEST(CreateService, TypeOutsideTheFamiliesIsUnknownDeviceType) {
+  auto logger = std::make_shared<test::RecordingLogger>();
+  auto ipc = std::make_shared<test::RecordingIpc>();
+  const auto result = create_service(logger, ipc, nullptr, std::make_shared<FixedFactory>(3), nullptr);
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, core::Error::CommonError);
+  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unknown device type.");
+}
+
+TEST(CreateService, ConstructorExceptionBecomesExceptionErrorNamingTheService) {
+  auto logger = std::make_shared<test::RecordingLogger>();
+  auto ipc = std::make_shared<test::RecordingIpc>();
+  ipc->fail_next_connect();
+  const auto result = create_service(logger, ipc, nullptr, std::make_shared<FixedFactory>(1), nullptr);
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, core::Error::Exception);
+  ASSERT_TRUE(result.error().info.has_value());
+  EXPECT_EQ(result.error().info->message,
+            "Exception on create LcService: Unable to connect Election Manager IPC client [LcService].");
+}
+
+TEST(CreateService, FcServiceConnectFailureNamesFcService) {
+  auto logger = std::make_shared<test::RecordingLogger>();
+  auto ipc = std::make_shared<test::RecordingIpc>();
+  ipc->fail_next_connect();
+  const auto result = create_service(logger, ipc, nullptr, std::make_shared<FixedFactory>(2), nullptr);
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().info->message,
+            "Exception on create FcService: Unable to connect Election Manager IPC client [FcService].");
+}
+
+// A logger that throws something that is not a std::exception, as a broken component might.
+class ThrowingLogger : public logger::ILogger {
+ public:
+  void log(int /*level*/, std::string_view /*text*/, const std::source_location& /*location*/) override { throw 7; }
+};
+
+TEST(CreateService, NonStandardExceptionIsAnUnknownExceptionNamingTheService) {
+  const std::vector<std::pair<std::uint32_t, std::string>> families{{0, "Unknown exception on create LtService"},
+                                                                    {1, "Unknown exception on create LcService"},
+                                                                    {2, "Unknown exception on create FcService"}};
+  for (const auto& [code, text] : families) {
+    const auto result = create_service(std::make_shared<ThrowingLogger>(), std::make_shared<test::RecordingIpc>(),
+                                       nullptr, std::make_shared<FixedFactory>(code), nullptr);
+    ASSERT_TRUE(result.has_error()) << text;
+    EXPECT_EQ(result.error().error, core::Error::Exception);
+    ASSERT_TRUE(result.error().info.has_value());
+    EXPECT_EQ(result.error().info->message, text);
+  }
+}
+
+TEST(CreateService, FunctionConstructorThatThrowsAbortsTheServicesCreation) {
+  const std::vector<std::pair<std::uint32_t, std::string>> families{
+      {0, "LtService"}, {1, "LcService"}, {2, "FcService"}};
+  for (const auto& [code, service] : families) {
+    auto logger = std::make_shared<test::RecordingLogger>();
+    // No configuration database: CpuLoadMonitoring, the first function, cannot read its section.
+    const auto result = create_service(logger, std::make_shared<test::RecordingIpc>(), nullptr,
+                                       std::make_shared<FixedFactory>(code), nullptr);
+    ASSERT_TRUE(result.has_error()) << service;
+    EXPECT_EQ(result.error().error, core::Error::Exception);
+    ASSERT_TRUE(result.error().info.has_value());
+    EXPECT_EQ(result.error().info->message,
+              "Exception on create " + service +
+                  ": Config update for CpuLoadMonitoring failed (Error: InvalidInputArg. Message: no configuration "
+                  "database.) .");
+    EXPECT_FALSE(logger->contains(service + " create successfully"));
+  }
+}
+
+TEST(FanOut, FailingConfigChangeEndsTheWalk) {
+  auto logger = std::make_shared<test::RecordingLogger>();
+  std::vector<std::string> journal;
+  FcProbeService service(logger, 3, journal);
+  service.probes[1]->fail_on = "config_change";
+  const auto result = service.config_change({}, {{80, 1, 0}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::InvalidState);
+  EXPECT_EQ(journal, (std::vector<std::string>{"f1.config_change(1)", "f2.config_change(1)"}));
+  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: f2 failed.", 4));
+}
+
+TEST(FanOut, ThrowingConfigChangeEndsTheWalkAsAnException) {
+  auto logger = std::make_shared<test::RecordingLogger>();
+  std::vector<std::string> journal;
+  FcProbeService service(logger, 3, journal);
+  service.probes[0]->throw_on = "config_change";
+  const auto result = service.config_change({}, {{80, 1, 0}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Exception);
+  EXPECT_EQ(journal, (std::vector<std::string>{"f1.config_change(1)"}));
+  EXPECT_TRUE(logger->contains("An std::exception was thrown: f1 threw ", 4));
+}
+
+// Name and period of every function of a service, in creation order.
+std::vector<std::pair<std::string, std::chrono::milliseconds>> lineup(
+    const std::vector<std::shared_ptr<ISysFunction>>& functions) {
+  std::vector<std::pair<std::string, std::chrono::milliseconds>> names;
+  for (const auto& function : functions) {
+    const auto* base = dynamic_cast<const SysFunction*>(function.get());
+    EXPECT_NE(base, nullptr);
+    if (base != nullptr) {
+      names.emplace_back(std::string(base->name()), base->period());
+    }
+  }
+  return names;
+}
+
+TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
+  const FcService fc(logger_, ipc_, cfgdb_, nullptr);
+  const LcService lc(logger_, ipc_, cfgdb_, nullptr);
+  const LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
+  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}}));
+}
+
+TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {
+  FcService fc(logger_, ipc_, cfgdb_, nullptr);
+  LcService lc(logger_, ipc_, cfgdb_, nullptr);
+  LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  EXPECT_TRUE(fc.health_check({}));
+  EXPECT_TRUE(lc.health_check({}));
+  EXPECT_TRUE(lt.health_check({}));
+}
+
+TEST(SlotOrder, SystemFunctionInterface) {
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::config_change), 2);
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::master_change), 3);
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::run), 4);
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::stop), 5);
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::polling), 6);
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::ipc_subscribe), 7);
+  EXPECT_EQ(test::vtable_slot(&ISysFunction::ipc_unsubscribe), 8);
+  // The base adds no slot of its own in front of them.
+  EXPECT_EQ(test::vtable_slot(&SysFunction::ipc_unsubscribe), 8);
+}
+
+TEST(SlotOrder, ServiceInterface) {
+  EXPECT_EQ(test::vtable_slot(&service::IService::run), 2);
+  EXPECT_EQ(test::vtable_slot(&service::IService::stop), 3);
+  EXPECT_EQ(test::vtable_slot(&service::IService::config_change), 4);
+  EXPECT_EQ(test::vtable_slot(&service::IService::master_change), 5);
+  EXPECT_EQ(test::vtable_slot(&service::IService::health_check), 6);
+}
+
+TEST(SlotOrder, FactoryInterface) {
+  EXPECT_EQ(test::vtable_slot(&IFactory::device_type), 2);
+}
+
+TEST(SlotOrder, BoardInterface) {
+  using board::IBoard;
+  // The operations this system calls, in the interface's order, with the operations no caller
+  // here uses between them.
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_fpga_config_version), 2);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_cpld_config_version), 3);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_temp_count), 6);
+  EXPECT_EQ(test::vtable_slot(&IBoard::f_btn__is_pressed), 9);
+  EXPECT_EQ(test::vtable_slot(&IBoard::f_btn__is_pooling_enabled), 10);
+  EXPECT_EQ(test::vtable_slot(&IBoard::f_btn__is_hard_reset_enabled), 11);
+  EXPECT_EQ(test::vtable_slot(&IBoard::set_fan_speed), 12);
+  EXPECT_EQ(test::vtable_slot(&IBoard::cntrl_led_panel), 13);
+  EXPECT_EQ(test::vtable_slot(&IBoard::p_port__set_led_state), 14);
+  EXPECT_EQ(test::vtable_slot(&IBoard::cntrl_p_port_sfp_trx), 16);
+  EXPECT_EQ(test::vtable_slot(&IBoard::cntrl_f_port_sfp_trx), 17);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_fan_info), 19);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_ps_info), 20);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_temp_info), 21);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_f_port_sfp_state), 22);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_p_port_sfp_state), 23);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_f_port_sfp_data), 24);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_p_port_sfp_data), 25);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_f_port_sfp_eddi_data), 26);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_p_port_sfp_eddi_data), 27);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_p_port_sfp_rx_power), 28);
+  EXPECT_EQ(test::vtable_slot(&IBoard::set_fan_module_speed), 29);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_fan_module_factory), 30);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_fan_module_state), 31);
+  EXPECT_EQ(test::vtable_slot(&IBoard::get_pwr_module_state), 32);
+}
+
+TEST(SlotOrder, ANonVirtualMemberHasNoSlot) {
+  EXPECT_EQ(test::vtable_slot(&SysFunction::period), -1);
 }
 
 }  // namespace

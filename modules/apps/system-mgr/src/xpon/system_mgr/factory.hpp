@@ -1,12 +1,7 @@
 #pragma once
 
-#include "xpon/board/board.hpp"
-#include "xpon/cfgdb/cfgdb_wrapper.hpp"
-#include "xpon/core/result.hpp"
 #include "xpon/factory/factory.h"
-#include "xpon/ipc/ipc.hpp"
 #include "xpon/logger/ilogger.hpp"
-#include "xpon/service/service.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -56,12 +51,5 @@ class Factory : public IFactory {
   Factory__data record_;
   DeviceType device_type_;
 };
-
-/// Makes the service of the board's device family: LtService, LcService or FcService.
-core::Result<std::unique_ptr<service::IService>> create_service(const std::shared_ptr<logger::ILogger>& logger,
-                                                                const std::shared_ptr<ipc::IIpc>& ipc,
-                                                                const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
-                                                                const std::shared_ptr<IFactory>& factory,
-                                                                const std::shared_ptr<board::IBoard>& board);
 
 }  // namespace xpon::system_mgr

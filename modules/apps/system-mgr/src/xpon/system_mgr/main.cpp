@@ -11,6 +11,7 @@
 #include "xpon/logger/logger.hpp"
 #include "xpon/service/service_launcher.hpp"
 #include "xpon/system_mgr/factory.hpp"
+#include "xpon/system_mgr/services/create_service.hpp"
 
 #include <fmt/format.h>
 #include <malloc.h>

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -51,18 +52,28 @@ bool before(const timespec& a, const timespec& b) noexcept {
 
 SysFunction::SysFunction(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                          const std::string_view& name, std::chrono::milliseconds period)
-    : logger_(logger), ipc_(ipc), name_(name), period_(period), running_(false) {
+    : logger_(logger),
+      ipc_(ipc),
+      name_(name),
+      period_(period),
+      running_(false),
+      thread_starter_([](std::function<void()> body) { return std::thread(std::move(body)); }) {
   log().progress("SysFunction create successfully");
 }
 
 SysFunction::~SysFunction() {
   log().progress("SysFunction destroy successfully");
-  // A thread still joinable here makes std::thread's destructor end the process: stop()
-  // must have been called.
+  if (thread_.joinable()) {
+    // The thread still uses this object: stop() must have been called. Ending the process is
+    // what std::thread's destructor would do anyway; this says why first.
+    std::fputs("SysFunction destroyed while its polling thread runs: stop was not called\n", stderr);
+    std::terminate();
+  }
 }
 
 ILogger& SysFunction::log() const noexcept {
   if (!logger_) {
+    std::fputs("SysFunction has no logger to log to\n", stderr);
     std::abort();
   }
   return *logger_;
@@ -105,9 +116,10 @@ Result<void> SysFunction::run() {
   try {
     if (thread_.joinable()) {
       // A second run without stop is a programming error.
+      std::fputs("SysFunction run called again without stop\n", stderr);
       std::terminate();
     }
-    thread_ = std::thread(&SysFunction::thread_fn, this);
+    thread_ = thread_starter_([this] { thread_fn(); });
     running_.store(true);
     return core::success();
   } catch (const std::exception& caught) {
@@ -156,6 +168,24 @@ Result<void> SysFunction::stop() {
     return core::propagate(log(), std::move(unsubscribed));
   }
   return unsubscribed;
+}
+
+Result<void> SysFunction::apply_config_changes(const std::vector<Config_change>& changes,
+                                               std::initializer_list<ConfigSection> sections,
+                                               const std::source_location& caller) {
+  for (const auto& change : changes) {
+    for (const auto& section : sections) {
+      if (change.section_id != section.section.id) {
+        continue;
+      }
+      auto updated = core::guarded_call(log(), section.update, caller);
+      if (!updated) {
+        return core::propagate(log(), std::move(updated), caller);
+      }
+      log().log(logger::kProgress, fmt::format("Change config event [{}]", section.section.name), caller);
+    }
+  }
+  return core::success();
 }
 
 Result<void> SysFunction::send_error_response(const ipc::Request& req) {

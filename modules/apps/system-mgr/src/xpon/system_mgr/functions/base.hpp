@@ -1,5 +1,6 @@
 #pragma once
 
+#include "xpon/cfgdb/sections.hpp"
 #include "xpon/core/result.hpp"
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/logger/ilogger.hpp"
@@ -11,8 +12,11 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <source_location>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -110,6 +114,9 @@ class SysFunction : public ISysFunction {
   /// Whether the polling thread is running (from its start in run until stop has joined it).
   [[nodiscard]] bool is_running() const noexcept { return running_.load(); }
 
+  /// The polling period.
+  [[nodiscard]] std::chrono::milliseconds period() const noexcept { return period_; }
+
  protected:
   /// Answers a request with an empty error response (result word 0). Returns
   /// Error::CommonError after a successful send, so that a request handler can return it
@@ -126,6 +133,29 @@ class SysFunction : public ISysFunction {
   /// comes while it polls is lost, exactly as for stop.
   void wake_polling_thread() noexcept { cv_.notify_one(); }
 
+  /// The mutex the polling thread holds for each poll and its wait; a function whose request,
+  /// event or configuration paths share state with its poll takes it there.
+  [[nodiscard]] std::mutex& mutex() noexcept { return mutex_; }
+
+  /// One configuration section a function reads, with the call that re-reads it.
+  struct ConfigSection {
+    cfgdb::SectionRef section;
+    std::function<Result<void>()> update;
+  };
+
+  /// The shape every function's config_change has: for each change record, in order, naming
+  /// one of `sections`, re-read that section (guarded) and log "Change config event [<name>]";
+  /// the first failure is logged and returned at once, so later records are not looked at.
+  Result<void> apply_config_changes(const std::vector<Config_change>& changes,
+                                    std::initializer_list<ConfigSection> sections,
+                                    const std::source_location& caller = std::source_location::current());
+
+  /// Starts a thread running `body`; what std::thread's constructor does unless replaced.
+  using ThreadStarter = std::function<std::thread(std::function<void()> body)>;
+
+  /// Replaces how run starts the polling thread, so that a failing start can be exercised.
+  void set_thread_starter(ThreadStarter starter) { thread_starter_ = std::move(starter); }
+
  private:
   void thread_fn();
 
@@ -137,6 +167,7 @@ class SysFunction : public ISysFunction {
   std::condition_variable cv_;
   std::mutex mutex_;
   std::atomic<bool> running_;
+  ThreadStarter thread_starter_;
 };
 
 }  // namespace xpon::system_mgr

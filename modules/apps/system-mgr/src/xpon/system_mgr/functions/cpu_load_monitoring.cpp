@@ -21,7 +21,6 @@ namespace {
 using core::Error;
 using core::ErrorPayload;
 
-constexpr const char* kTextFormat = "CPU load average (1m, 5m, 15m): %.2f, %.2f, %.2f%s";
 constexpr const char* kBackToNormal = " is back to normal";
 
 // Load average x 100, truncated toward zero. The kernel never reports a negative or
@@ -40,47 +39,32 @@ std::uint32_t hundredths(double average) {
 
 }  // namespace
 
-CpuLoadSystemCalls CpuLoadSystemCalls::system() {
-  CpuLoadSystemCalls calls;
-  calls.getloadavg = [](double* averages, int count) { return ::getloadavg(averages, count); };
-  calls.format_text = [](char* out, std::size_t size, const char* format, double one_minute, double five_minutes,
-                         double fifteen_minutes, const char* suffix) {
-    return std::snprintf(out, size, format, one_minute, five_minutes, fifteen_minutes, suffix);
-  };
-  calls.read_config = [](CfgDb__handle* db, CfgDb__alarm_system_load_average* cfg, const CfgDb__key* key) {
-    return getRunDb_CommonGCfg_system_alarm_system_load_average(db, cfg, key);
-  };
-  return calls;
-}
-
 CpuLoadMonitoring::CpuLoadMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                                      const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
-                                     std::chrono::milliseconds period, CpuLoadSystemCalls calls)
-    : SysFunction(logger, ipc, kName, period), logger_(logger), ipc_(ipc), cfgdb_(cfgdb), calls_(std::move(calls)) {
+                                     std::chrono::milliseconds period, const std::shared_ptr<host::IHost>& host)
+    : SysFunction(logger, ipc, kName, period), logger_(logger), ipc_(ipc), cfgdb_(cfgdb), host_(host) {
   std::memset(&cfg_, 0, sizeof cfg_);
-  auto updated = core::guarded_call(log(), [this] { return cfg_update(); });
+  auto updated = core::guarded_call(*logger_, [this] { return cfg_update(); });
   if (!updated) {
     // The trailing blank is part of the system's text.
     throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", kName, updated.error().to_string()));
   }
-  log().progress("{} create successfully", kName);
+  logger_->progress("{} create successfully", kName);
 }
 
 CpuLoadMonitoring::~CpuLoadMonitoring() {
-  log().progress("{} destroy successfully", kName);
+  logger_->progress("{} destroy successfully", kName);
 }
 
 Result<void> CpuLoadMonitoring::cfg_update() {
   if (!cfgdb_) {
-    return core::propagate(log(), Result<void>(ErrorPayload(Error::InvalidInputArg, "no configuration database")));
-  }
-  if (!calls_.read_config) {
-    return core::propagate(log(), Result<void>(ErrorPayload(Error::InvalidInputArg, "no configuration getter")));
+    return core::propagate(*logger_, Result<void>(ErrorPayload(Error::InvalidInputArg, "no configuration database")));
   }
   // The section has one instance per board, addressed by the all-zero key.
   const CfgDb__key key{};
   CfgDb__alarm_system_load_average fresh = cfg_;
-  auto read = core::check_c_api(log(), calls_.read_config(cfgdb_->handle(), &fresh, &key));
+  auto read =
+      core::check_c_api(*logger_, getRunDb_CommonGCfg_system_alarm_system_load_average(cfgdb_->handle(), &fresh, &key));
   if (!read) {
     // The previous configuration stays in force.
     return read;
@@ -91,17 +75,7 @@ Result<void> CpuLoadMonitoring::cfg_update() {
 }
 
 Result<void> CpuLoadMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
-  for (const auto& change : changes) {
-    if (change.section_id != kConfigSection) {
-      continue;
-    }
-    auto updated = core::guarded_call(log(), [this] { return cfg_update(); });
-    if (!updated) {
-      return core::propagate(log(), std::move(updated));
-    }
-    log().progress("Change config event [ALARM_SYSTEM_LOAD_AVERAGE]");
-  }
-  return core::success();
+  return apply_config_changes(changes, {{kConfigSection, [this] { return cfg_update(); }}});
 }
 
 Result<void> CpuLoadMonitoring::ipc_subscribe() {
@@ -114,8 +88,8 @@ Result<void> CpuLoadMonitoring::ipc_unsubscribe() {
 
 Result<void> CpuLoadMonitoring::polling() {
   double averages[3] = {0.0, 0.0, 0.0};
-  if (!calls_.getloadavg || calls_.getloadavg(averages, 3) != 3) {
-    log().error("getloadavg() call failed ({})", errno);
+  if (host_->getloadavg(averages, 3) != 3) {
+    logger_->error("getloadavg() call failed ({})", errno);
     return ErrorPayload(Error::ErrorCApi);
   }
 
@@ -138,12 +112,11 @@ Result<void> CpuLoadMonitoring::polling() {
   alarm.value[1] = five_minutes;
   alarm.value[2] = fifteen_minutes;
 
-  const int written = calls_.format_text ? calls_.format_text(alarm.text, sizeof alarm.text, kTextFormat, averages[0],
-                                                              averages[1], averages[2], raised ? "" : kBackToNormal)
-                                         : -1;
+  const int written = host_->format(alarm.text, sizeof alarm.text, "CPU load average (1m, 5m, 15m): %.2f, %.2f, %.2f%s",
+                                    averages[0], averages[1], averages[2], raised ? "" : kBackToNormal);
   // 0 or a truncated text (more than 255 characters) is a failure; so is a negative return.
   if (written <= 0 || written > static_cast<int>(sizeof alarm.text) - 1) {
-    log().error("snprintf() call failed ({})", written);
+    logger_->error("snprintf() call failed ({})", written);
     return ErrorPayload(Error::ErrorCApi);
   }
 

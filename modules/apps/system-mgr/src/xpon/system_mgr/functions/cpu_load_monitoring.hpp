@@ -2,34 +2,19 @@
 
 #include "xpon/cfgdb/cfgdb.h"
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
+#include "xpon/cfgdb/sections.hpp"
+#include "xpon/host/host.hpp"
+#include "xpon/system_mgr/api.h"
 #include "xpon/system_mgr/functions/base.hpp"
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string_view>
 #include <vector>
 
 namespace xpon::system_mgr {
-
-/// The C library and configuration calls CPU load monitoring makes; the defaults are the
-/// real ones, and tests replace them to reach their failure paths.
-struct CpuLoadSystemCalls {
-  /// getloadavg(3): fills up to `count` averages and returns how many it filled, or -1.
-  std::function<int(double* averages, int count)> getloadavg;
-  /// snprintf(3) with the alarm text's arguments: the three averages and the suffix.
-  std::function<int(char* out, std::size_t size, const char* format, double one_minute, double five_minutes,
-                    double fifteen_minutes, const char* suffix)>
-      format_text;
-  /// The configuration getter of the load-average alarm section.
-  std::function<int(CfgDb__handle* db, CfgDb__alarm_system_load_average* cfg, const CfgDb__key* key)> read_config;
-
-  /// The real calls.
-  static CpuLoadSystemCalls system();
-};
 
 /// Watches the system load average and publishes its alarm record on every poll, raised
 /// when the largest of the three averages reaches the configured threshold.
@@ -38,14 +23,15 @@ class CpuLoadMonitoring : public SysFunction {
   /// The function's name, as logged and as it appears in messages.
   static constexpr std::string_view kName = "CpuLoadMonitoring";
   /// Alarm identifier of the system load average.
-  static constexpr std::uint32_t kAlarmId = 3;
-  /// The configuration section read: ALARM_SYSTEM_LOAD_AVERAGE.
-  static constexpr std::uint32_t kConfigSection = 80;
+  static constexpr std::uint32_t kAlarmId = SYSTEM_MGR_ALARM_LOAD_AVERAGE;
+  /// The configuration section read, whose name is also that of its change event.
+  static constexpr cfgdb::SectionRef kConfigSection = cfgdb::kAlarmSystemLoadAverage;
 
-  /// Reads the configuration once; throws std::runtime_error when it cannot.
+  /// Reads the configuration once; throws std::runtime_error when it cannot. The host is where
+  /// the load averages are read and the alarm text is formatted.
   CpuLoadMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, std::chrono::milliseconds period,
-                    CpuLoadSystemCalls calls = CpuLoadSystemCalls::system());
+                    const std::shared_ptr<host::IHost>& host = host::system_host());
   ~CpuLoadMonitoring() override;
   CpuLoadMonitoring(const CpuLoadMonitoring&) = delete;
   CpuLoadMonitoring& operator=(const CpuLoadMonitoring&) = delete;
@@ -70,6 +56,7 @@ class CpuLoadMonitoring : public SysFunction {
  private:
   Result<void> cfg_update();
 
+  // The function's own copies of the shared objects; the base keeps its own as well.
   std::shared_ptr<ILogger> logger_;
   std::shared_ptr<IIpc> ipc_;
   std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_;
@@ -78,7 +65,7 @@ class CpuLoadMonitoring : public SysFunction {
   // The polling thread reads the threshold through this copy, so the record itself is never
   // shared between threads and no lock is needed.
   std::atomic<std::uint16_t> threshold_{0};
-  CpuLoadSystemCalls calls_;
+  std::shared_ptr<host::IHost> host_;
 };
 
 }  // namespace xpon::system_mgr

@@ -1,12 +1,13 @@
 #pragma once
 
-#include "xpon/board/board.hpp"
+#include "xpon/board/iboard.hpp"
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/core/guard.hpp"
 #include "xpon/core/result.hpp"
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/logger/ilogger.hpp"
 #include "xpon/service/service.hpp"
+#include "xpon/system_mgr/api.h"
 #include "xpon/system_mgr/functions/base.hpp"
 
 #include <memory>
@@ -15,9 +16,6 @@
 #include <vector>
 
 namespace xpon::system_mgr {
-
-/// Address of the Election Manager, which FC and LC services connect to as clients.
-inline constexpr ipc::Address kElectionManagerAddress = 0x0015FFFE;
 
 /// What the three device-family services share: the family's system functions, in creation
 /// order, and the fan-out of the launcher's calls to them.
@@ -57,13 +55,16 @@ class FamilyService : public FamilyBase {
     return fan_out([&](ISysFunction& function) { return function.master_change(ctx); });
   }
 
+  /// The board the family's functions are handed.
+  [[nodiscard]] const std::shared_ptr<board::IBoard>& board() const noexcept { return board_; }
+
   /// The family's functions, in creation order.
   [[nodiscard]] const std::vector<std::shared_ptr<ISysFunction>>& functions() const noexcept { return functions_; }
 
  protected:
   FamilyService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
-                const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb)
-      : logger_(logger), ipc_(ipc), cfgdb_(cfgdb) {}
+                const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, const std::shared_ptr<board::IBoard>& board)
+      : logger_(logger), ipc_(ipc), cfgdb_(cfgdb), board_(board) {}
 
   /// Calls `call` on each function in creation order, guarded; the first error is logged and
   /// returned, and the functions after it are not called.
@@ -81,7 +82,7 @@ class FamilyService : public FamilyBase {
 
   /// Connects the Election Manager client; throws std::runtime_error with `failure_text` when it cannot.
   void connect_election_manager(const char* failure_text) {
-    if (ipc_->connect(kElectionManagerAddress).has_error()) {
+    if (ipc_->connect(ELECTION_MGR_IPC_ADDRESS).has_error()) {
       throw std::runtime_error(failure_text);
     }
   }
@@ -89,6 +90,8 @@ class FamilyService : public FamilyBase {
   std::shared_ptr<logger::ILogger> logger_;
   std::shared_ptr<ipc::IIpc> ipc_;
   std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_;
+  // Kept for the functions that drive the hardware; shared with every one of them.
+  std::shared_ptr<board::IBoard> board_;
   std::vector<std::shared_ptr<ISysFunction>> functions_;
 };
 

@@ -9,9 +9,8 @@ namespace xpon::system_mgr {
 using std::chrono::milliseconds;
 
 LtService::LtService(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
-                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
-                     [[maybe_unused]] const std::shared_ptr<board::IBoard>& board)
-    : FamilyService(logger, ipc, cfgdb) {
+                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, const std::shared_ptr<board::IBoard>& board)
+    : FamilyService(logger, ipc, cfgdb, board) {
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   logger_->progress("LtService create successfully");
 }
