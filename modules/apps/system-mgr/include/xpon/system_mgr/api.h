@@ -140,6 +140,47 @@ SYSTEM_MGR_API_STATIC_ASSERT(sizeof(SfpModuleRecord) == 64, "SfpModuleRecord is 
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(SfpModuleRecord, state) == 4, "SfpModuleRecord state at byte 4");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(SfpModuleRecord, data) == 5, "SfpModuleRecord data at byte 5");
 
+/* The answer to IPC_SYSTEM_MGR__GET_RAM_DATA: packed, little-endian, 8 bytes. */
+typedef struct SYSTEM_MGR_API_PACKED System_mgr__ram_data {
+  float total; /* "MemTotal" of /proc/meminfo, kB */
+  float free;  /* "MemFree" of /proc/meminfo, kB */
+} System_mgr__ram_data;
+
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__ram_data) == 8, "System_mgr__ram_data is 8 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ram_data, total) == 0, "RAM total at byte 0");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ram_data, free) == 4, "RAM free at byte 4");
+
+/* The answer to IPC_SYSTEM_MGR__GET_HDD_DATA: packed, little-endian, 8 bytes. */
+typedef struct SYSTEM_MGR_API_PACKED System_mgr__hdd_data {
+  float total; /* size of the five flash partitions together, GiB, as measured at start-up */
+  float free;  /* space available in the five partitions together, GiB, at the time of the request */
+} System_mgr__hdd_data;
+
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__hdd_data) == 8, "System_mgr__hdd_data is 8 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__hdd_data, total) == 0, "disk total at byte 0");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__hdd_data, free) == 4, "disk free at byte 4");
+
+/* The answer to IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA and IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
+ * an SFP module's digital diagnostics in engineering units. Packed, little-endian, 133 bytes. */
+typedef struct SYSTEM_MGR_API_PACKED System_mgr__sfp_eddi_data {
+  uint32_t port;         /* port number in its group */
+  uint8_t valid;         /* 1: the values below were read from the module */
+  double temperature;    /* degrees Celsius */
+  double voltage;        /* supply voltage, microvolts */
+  double bias_current;   /* laser bias current, milliamperes */
+  double optical_power;  /* transmitted optical power, milliwatts */
+  uint8_t reserved[96];  /* zero */
+} System_mgr__sfp_eddi_data;
+
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(double) == 8, "double is IEEE 754 binary64");
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__sfp_eddi_data) == 133, "System_mgr__sfp_eddi_data is 133 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__sfp_eddi_data, valid) == 4, "diagnostics flag at byte 4");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__sfp_eddi_data, temperature) == 5, "temperature at byte 5");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__sfp_eddi_data, voltage) == 13, "voltage at byte 13");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__sfp_eddi_data, bias_current) == 21, "bias current at byte 21");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__sfp_eddi_data, optical_power) == 29, "optical power at byte 29");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__sfp_eddi_data, reserved) == 37, "reserved from byte 37");
+
 #ifdef __cplusplus
 }  // namespace xpon::system_mgr
 #endif
