@@ -64,8 +64,12 @@ class ScriptedFunction : public SysFunction {
   using SysFunction::apply_config_changes;
   using SysFunction::create_alarm_and_send_trap;
   using SysFunction::mutex;
+  using SysFunction::route_request;
+  using SysFunction::send_answer;
   using SysFunction::send_error_response;
   using SysFunction::set_thread_starter;
+  using SysFunction::subscribe_requests;
+  using SysFunction::unsubscribe_requests;
   using SysFunction::wake_polling_thread;
 
   // Called with the 1-based number of the poll; the first is the one run() makes itself.
@@ -589,6 +593,115 @@ TEST_F(SysFunctionTest, ConfigReadThatThrowsIsAnException) {
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Exception);
   EXPECT_TRUE(logger->contains("An std::exception was thrown: bad record ", 4));
+}
+
+ipc::Request request_with(std::uint16_t id, std::optional<ipc::ReplyTo> reply_to = ipc::ReplyTo{0x0042FFFE, 7}) {
+  ipc::Request request;
+  request.group = 15500;
+  request.id = id;
+  request.reply_to = reply_to;
+  return request;
+}
+
+TEST_F(SysFunctionTest, RequestsAreRoutedByIdAndLoggedByIdentifier) {
+  ScriptedFunction function(logger, ipc, 10s);
+  std::vector<std::uint16_t> handled;
+  const auto routes = [&](const ipc::Request& request) {
+    return function.route_request(request,
+                                  {{15501, "IPC_SYSTEM_MGR__GET_RAM_DATA",
+                                    [&](const ipc::Request& r) {
+                                      handled.push_back(r.id);
+                                      return Result<void>(core::success());
+                                    }},
+                                   {15502, "IPC_SYSTEM_MGR__GET_HDD_DATA", [&](const ipc::Request& r) -> Result<void> {
+                                      handled.push_back(r.id);
+                                      return core::ErrorPayload(Error::InvalidState);
+                                    }}});
+  };
+  logger->clear();
+  EXPECT_TRUE(routes(request_with(15501)));
+  EXPECT_EQ(routes(request_with(15502)).error().error, Error::InvalidState);
+  EXPECT_EQ(handled, (std::vector<std::uint16_t>{15501, 15502}));
+  EXPECT_EQ(logger->texts(), (std::vector<std::string>{"Handle IPC request [IPC_SYSTEM_MGR__GET_RAM_DATA]",
+                                                       "Handle IPC request [IPC_SYSTEM_MGR__GET_HDD_DATA]"}));
+  EXPECT_TRUE(logger->contains("Handle IPC request [IPC_SYSTEM_MGR__GET_RAM_DATA]", 0));
+}
+
+TEST_F(SysFunctionTest, UnknownRequestIsAnErrorNamingBothWordsAndIsNotLoggedOnTheSpot) {
+  ScriptedFunction function(logger, ipc, 10s);
+  logger->clear();
+  ipc::Request request = request_with(15599);
+  request.group = 15500;
+  const auto result = function.route_request(
+      request,
+      {{15501, "IPC_SYSTEM_MGR__GET_RAM_DATA", [](const ipc::Request&) { return Result<void>(core::success()); }}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unexpected IPC request: 15500|15599.");
+  EXPECT_TRUE(logger->texts().empty());
+  EXPECT_TRUE(ipc->responses().empty());
+}
+
+TEST_F(SysFunctionTest, RequestsAreSubscribedAndUnsubscribedInOrder) {
+  ScriptedFunction function(logger, ipc, 10s);
+  int calls = 0;
+  ASSERT_TRUE(function.subscribe_requests({15527, 15528}, [&](const ipc::Request&) {
+    ++calls;
+    return Result<void>(core::success());
+  }));
+  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15527}, {15500, 15528}}));
+  ASSERT_TRUE(ipc->inject_request(request_with(15528)));
+  EXPECT_EQ(calls, 1);
+  ASSERT_TRUE(function.unsubscribe_requests({15527, 15528}));
+  EXPECT_TRUE(ipc->request_subscriptions().empty());
+  EXPECT_EQ(ipc->unsubscribe_calls(), 2U);
+}
+
+TEST_F(SysFunctionTest, FirstFailedSubscriptionEndsTheWalkWithoutUndoingTheEarlierOnes) {
+  ScriptedFunction function(logger, ipc, 10s);
+  const auto handler = [](const ipc::Request&) { return Result<void>(core::success()); };
+  ASSERT_TRUE(function.subscribe_requests({15528}, handler));
+  // 15528 is taken already: the second subscription fails, the third is never tried.
+  const auto result = function.subscribe_requests({15527, 15528, 15529}, handler);
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Already);
+  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15527}, {15500, 15528}}));
+  EXPECT_TRUE(logger->contains("Error: Already. Message: request key already subscribed.", 4));
+}
+
+TEST_F(SysFunctionTest, FirstFailedUnsubscriptionEndsTheWalk) {
+  ScriptedFunction function(logger, ipc, 10s);
+  ASSERT_TRUE(
+      function.subscribe_requests({15530, 15532}, [](const ipc::Request&) { return Result<void>(core::success()); }));
+  const auto result = function.unsubscribe_requests({15530, 15531, 15532});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Empty);
+  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15532}}));
+}
+
+TEST_F(SysFunctionTest, AnswerCarriesThePayloadTheReplyTagAndResultOne) {
+  ScriptedFunction function(logger, ipc, 10s);
+  ASSERT_TRUE(function.send_answer(request_with(15501, ipc::ReplyTo{0x0042FFFE, 9}), ipc::Payload{1, 2, 3}));
+  const auto responses = ipc->responses();
+  ASSERT_EQ(responses.size(), 1U);
+  EXPECT_EQ(responses[0].address, 0x0042FFFEU);
+  EXPECT_EQ(responses[0].response.address, 0x0000FFFEU);
+  EXPECT_EQ(responses[0].response.reply_tag, 9);
+  EXPECT_EQ(responses[0].response.result, 1U);
+  EXPECT_EQ(responses[0].response.payload, (ipc::Payload{1, 2, 3}));
+}
+
+TEST_F(SysFunctionTest, AnswerToARequestWithoutReplyInformationThrows) {
+  ScriptedFunction function(logger, ipc, 10s);
+  EXPECT_THROW((void)function.send_answer(request_with(15501, std::nullopt), {}), std::bad_optional_access);
+  EXPECT_TRUE(ipc->responses().empty());
+}
+
+TEST_F(SysFunctionTest, FailedAnswerIsReturned) {
+  ScriptedFunction function(logger, ipc, 10s);
+  ipc->fail_next_send(Error::InvalidState);
+  const auto result = function.send_answer(request_with(15501), {});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::InvalidState);
 }
 
 }  // namespace

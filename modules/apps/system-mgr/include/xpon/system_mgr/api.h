@@ -163,13 +163,13 @@ SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__hdd_data, free) == 4, "disk fr
 /* The answer to IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA and IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
  * an SFP module's digital diagnostics in engineering units. Packed, little-endian, 133 bytes. */
 typedef struct SYSTEM_MGR_API_PACKED System_mgr__sfp_eddi_data {
-  uint32_t port;         /* port number in its group */
-  uint8_t valid;         /* 1: the values below were read from the module */
-  double temperature;    /* degrees Celsius */
-  double voltage;        /* supply voltage, microvolts */
-  double bias_current;   /* laser bias current, milliamperes */
-  double optical_power;  /* transmitted optical power, milliwatts */
-  uint8_t reserved[96];  /* zero */
+  uint32_t port;        /* port number in its group */
+  uint8_t valid;        /* 1: the values below were read from the module */
+  double temperature;   /* degrees Celsius */
+  double voltage;       /* supply voltage, microvolts */
+  double bias_current;  /* laser bias current, milliamperes */
+  double optical_power; /* transmitted optical power, milliwatts */
+  uint8_t reserved[96]; /* zero */
 } System_mgr__sfp_eddi_data;
 
 SYSTEM_MGR_API_STATIC_ASSERT(sizeof(double) == 8, "double is IEEE 754 binary64");

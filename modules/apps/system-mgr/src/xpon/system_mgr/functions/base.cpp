@@ -188,6 +188,60 @@ Result<void> SysFunction::apply_config_changes(const std::vector<Config_change>&
   return core::success();
 }
 
+Result<void> SysFunction::route_request(const ipc::Request& request, std::initializer_list<RequestRoute> routes,
+                                        const std::source_location& caller) {
+  for (const auto& route : routes) {
+    if (route.id == request.id) {
+      log().log(logger::kProgress, fmt::format("Handle IPC request [{}]", route.identifier), caller);
+      return route.handler(request);
+    }
+  }
+  return ErrorPayload(Error::CommonError, fmt::format("Unexpected IPC request: {}|{}", request.group, request.id),
+                      caller);
+}
+
+Result<void> SysFunction::subscribe_requests(std::initializer_list<std::uint16_t> ids,
+                                             const ipc::RequestHandler& handler, const std::source_location& caller) {
+  for (const std::uint16_t id : ids) {
+    auto subscribed = core::guarded_call(
+        log(),
+        [&] {
+          return ipc_->subscribe_request(ipc::Key{IPC_SYSTEM_MGR, id}, handler);
+        },
+        caller);
+    if (!subscribed) {
+      return core::propagate(log(), std::move(subscribed), caller);
+    }
+  }
+  return core::success();
+}
+
+Result<void> SysFunction::unsubscribe_requests(std::initializer_list<std::uint16_t> ids,
+                                               const std::source_location& caller) {
+  for (const std::uint16_t id : ids) {
+    auto unsubscribed = core::guarded_call(
+        log(),
+        [&] {
+          return ipc_->unsubscribe_request(ipc::Key{IPC_SYSTEM_MGR, id});
+        },
+        caller);
+    if (!unsubscribed) {
+      return core::propagate(log(), std::move(unsubscribed), caller);
+    }
+  }
+  return core::success();
+}
+
+Result<void> SysFunction::send_answer(const ipc::Request& request, ipc::Payload payload) {
+  const ipc::ReplyTo& reply_to = request.reply_to.value();
+  ipc::Response response;
+  response.payload = std::move(payload);
+  response.address = kReplyAddressWord;
+  response.reply_tag = reply_to.tag;
+  response.result = SYSTEM_MGR_RESULT_ANSWERED;
+  return ipc_->send_response(reply_to.address, response);
+}
+
 Result<void> SysFunction::send_error_response(const ipc::Request& req) {
   // Reading reply information that is not there throws; the guard turns it into Error::Exception.
   auto reply_to = core::guarded_call(log(), [&req]() -> Result<ipc::ReplyTo> { return req.reply_to.value(); });

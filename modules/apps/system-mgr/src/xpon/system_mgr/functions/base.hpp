@@ -150,6 +150,37 @@ class SysFunction : public ISysFunction {
                                     std::initializer_list<ConfigSection> sections,
                                     const std::source_location& caller = std::source_location::current());
 
+  /// One request a function answers: its message id (module word IPC_SYSTEM_MGR), the
+  /// identifier logged when it arrives, and its handler.
+  struct RequestRoute {
+    std::uint16_t id;
+    std::string_view identifier;
+    std::function<Result<void>(const ipc::Request&)> handler;
+  };
+
+  /// The shape every function's handle_request has: logs "Handle IPC request [<identifier>]" at
+  /// level 0 and runs the handler of the request's message id; an unknown id is neither
+  /// answered nor logged here but returned as Error::CommonError "Unexpected IPC request:
+  /// <group>|<id>". Exceptions of a handler are left to the caller.
+  Result<void> route_request(const ipc::Request& request, std::initializer_list<RequestRoute> routes,
+                             const std::source_location& caller = std::source_location::current());
+
+  /// Subscribes the requests (IPC_SYSTEM_MGR, id) in the order given, each to `handler`, each
+  /// call guarded; the first failure is logged and returned, the later ids are not touched and
+  /// the earlier subscriptions are not undone.
+  Result<void> subscribe_requests(std::initializer_list<std::uint16_t> ids, const ipc::RequestHandler& handler,
+                                  const std::source_location& caller = std::source_location::current());
+
+  /// Unsubscribes the requests in the order given, as subscribe_requests subscribes them.
+  Result<void> unsubscribe_requests(std::initializer_list<std::uint16_t> ids,
+                                    const std::source_location& caller = std::source_location::current());
+
+  /// Answers a request: a response with the payload, the address word 0x0000FFFE, the request's
+  /// reply tag and the result word 1, sent to the request's sender. A request without reply
+  /// information throws std::bad_optional_access, which is left to the caller on purpose: the
+  /// functions decide whether that ends their handler or becomes Error::Exception.
+  Result<void> send_answer(const ipc::Request& request, ipc::Payload payload);
+
   /// Starts a thread running `body`; what std::thread's constructor does unless replaced.
   using ThreadStarter = std::function<std::thread(std::function<void()> body)>;
 
