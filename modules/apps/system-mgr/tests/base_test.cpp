@@ -457,17 +457,21 @@ TEST_F(SysFunctionTest, MissingAlarmRecordIsRefused) {
 }
 
 TEST_F(SysFunctionTest, EarlyWakeUpThatIsNotAStopEndsTheThread) {
-  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 50ms);
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
+  std::atomic<bool> thread_ended{false};
+  function->set_thread_starter([&thread_ended](std::function<void()> body) {
+    return std::thread([body = std::move(body), &thread_ended] {
+      body();
+      thread_ended = true;
+    });
+  });
   ASSERT_TRUE(function->run());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
-  // Deliberately no stop flag: any wake-up before the deadline ends the polling thread, so after
-  // it no further poll comes although the function was never stopped.
+  // Deliberately no stop flag: any wake-up before the deadline ends the polling thread, although
+  // the function was never stopped. A wake-up before the thread's first wait is lost, so repeat it.
   ASSERT_TRUE(eventually([&] {
     function->wake_polling_thread();
-    std::this_thread::sleep_for(5ms);
-    return function->polls.load() == 1;
+    return thread_ended.load();
   }));
-  std::this_thread::sleep_for(300ms);
   EXPECT_EQ(function->polls.load(), 1);
   EXPECT_TRUE(function->is_running());
   EXPECT_TRUE(function->stop());
