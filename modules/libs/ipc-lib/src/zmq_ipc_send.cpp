@@ -113,7 +113,7 @@ Result<Response> ZmqIpc::request(Address address, Request request, std::chrono::
     impl.pending.emplace(tag, waiting);
   }
   request.reply_to = ReplyTo{impl.address, tag};
-  const auto header = wire::encode_header(wire::request_header(impl.address, address, request));
+  const auto header = wire::encode_header(wire::request_header(impl.address, request));
   const std::array<std::span<const std::uint8_t>, 2> frames{std::span<const std::uint8_t>(header),
                                                             std::span<const std::uint8_t>(request.payload)};
   Result<void> sent = core::success();
