@@ -52,8 +52,32 @@ class ZmqIpcTest : public ::testing::Test {
                     .has_value());
   }
 
+  /// Like serve_echo, and keeps a copy of the last request served (see last_served()).
+  void serve_echo_keeping_requests(ZmqIpc& server, Key key) {
+    ASSERT_TRUE(server
+                    .subscribe_request(key,
+                                       [this, &server](const Request& request) -> Result<void> {
+                                         {
+                                           std::lock_guard lock(served_mutex_);
+                                           served_ = request;
+                                         }
+                                         return server.send_response(request.reply_to.value().address,
+                                                                     test::echo_response(request));
+                                       })
+                    .has_value());
+  }
+
+  std::optional<Request> last_served() {
+    std::lock_guard lock(served_mutex_);
+    return served_;
+  }
+
   test::TempRoot root;
   std::shared_ptr<xpon::test::RecordingLogger> log = std::make_shared<xpon::test::RecordingLogger>();
+
+ private:
+  std::mutex served_mutex_;
+  std::optional<Request> served_;
 };
 
 TEST_F(ZmqIpcTest, InboxSocketAndLockFileAreNamedByTheAddress) {
@@ -107,30 +131,17 @@ TEST_F(ZmqIpcTest, RequestIsAnsweredWithPayloadResultAndItsTag) {
 TEST_F(ZmqIpcTest, RequestArrivesWithItsAddressWordWhateverItsDestination) {
   auto server = endpoint(kServer);
   auto client = endpoint(kClient);
-  std::optional<std::uint32_t> seen;
-  std::mutex seen_mutex;
-  ASSERT_TRUE(server
-                  ->subscribe_request(kQuery,
-                                      [&](const Request& request) -> Result<void> {
-                                        {
-                                          std::lock_guard lock(seen_mutex);
-                                          seen = request.address;
-                                        }
-                                        return server->send_response(request.reply_to.value().address,
-                                                                     test::echo_response(request));
-                                      })
-                  .has_value());
+  serve_echo_keeping_requests(*server, kQuery);
   Request request;
   request.group = kQuery.group;
   request.id = kQuery.id;
   request.address = 0x0A0B0C0D;
   const auto answer = client->request(kServer, request, milliseconds(2000));
   ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
-  {
-    std::lock_guard lock(seen_mutex);
-    ASSERT_TRUE(seen.has_value());
-    EXPECT_EQ(*seen, 0x0A0B0C0DU);
-  }
+  const auto served = last_served();
+  ASSERT_TRUE(served.has_value());
+  EXPECT_EQ(served->address, 0x0A0B0C0DU);
+  EXPECT_EQ(served->reply_to.value().address, kClient);
 
   // On the wire: the word sits at offset 8 of the header that reaches the destination's inbox.
   constexpr Address kRawServer = 0x0077FFFE;
