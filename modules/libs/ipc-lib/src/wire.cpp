@@ -105,12 +105,12 @@ std::optional<Key> decode_topic(std::span<const std::uint8_t> frame) noexcept {
              static_cast<std::uint16_t>((frame[2] << 8U) | frame[3])};
 }
 
-Header request_header(Address source, Address destination, const Request& request) noexcept {
+Header request_header(Address source, const Request& request) noexcept {
   Header header;
   header.kind = Kind::Request;
   header.flags = request.reply_to ? kFlagReplyWanted : 0;
   header.source = request.reply_to ? request.reply_to->address : source;
-  header.address = destination;
+  header.address = request.address;
   header.group = request.group;
   header.id = request.id;
   header.reply_tag = request.reply_to ? request.reply_to->tag : 0;
@@ -142,6 +142,7 @@ Request to_request(const Header& header, std::span<const std::uint8_t> payload) 
   request.payload.assign(payload.begin(), payload.end());
   request.group = header.group;
   request.id = header.id;
+  request.address = header.address;
   if ((header.flags & kFlagReplyWanted) != 0) {
     request.reply_to = ReplyTo{header.source, header.reply_tag};
   }

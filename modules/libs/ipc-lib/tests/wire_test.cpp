@@ -37,9 +37,45 @@ TEST(IpcWire, MastershipQueryEncodesToTheDocumentedBytes) {
   request.group = 14500;
   request.id = 14504;
   request.reply_to = ReplyTo{0x0019FFFE, 7};
-  const Bytes expected{0x01, 0x01, 0x01, 0x00, 0xFE, 0xFF, 0x19, 0x00, 0xFE, 0xFF, 0x15, 0x00,
+  // Sent to 0x0015FFFE, which is the inbox it goes to, not a header word: the address word is 0x0000FFFE.
+  const Bytes expected{0x01, 0x01, 0x01, 0x00, 0xFE, 0xFF, 0x19, 0x00, 0xFE, 0xFF, 0x00, 0x00,
                        0xA4, 0x38, 0xA8, 0x38, 0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
-  EXPECT_EQ(as_vector(encode_header(request_header(0x0019FFFE, 0x0015FFFE, request))), expected);
+  EXPECT_EQ(request.address, 0x0000FFFEU);
+  EXPECT_EQ(as_vector(encode_header(request_header(0x0019FFFE, request))), expected);
+}
+
+TEST(IpcWire, RequestAddressWordIsWrittenAtOffsetEightAndReadBack) {
+  Request request;
+  request.group = 14500;
+  request.id = 14504;
+  request.reply_to = ReplyTo{0x0019FFFE, 7};
+  request.address = 0x0A0B0C0D;
+  const Bytes expected{0x01, 0x01, 0x01, 0x00, 0xFE, 0xFF, 0x19, 0x00, 0x0D, 0x0C, 0x0B, 0x0A,
+                       0xA4, 0x38, 0xA8, 0x38, 0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+  const auto bytes = encode_header(request_header(0x0019FFFE, request));
+  EXPECT_EQ(as_vector(bytes), expected);
+  const Decoded decoded = decode_header(bytes);
+  ASSERT_TRUE(decoded.header.has_value());
+  EXPECT_EQ(decoded.header->address, 0x0A0B0C0DU);
+  const Request back = to_request(*decoded.header, {});
+  EXPECT_EQ(back.address, 0x0A0B0C0DU);
+  EXPECT_EQ(back.group, 14500);
+  EXPECT_EQ(back.id, 14504);
+  ASSERT_TRUE(back.reply_to.has_value());
+  EXPECT_EQ(*back.reply_to, (ReplyTo{0x0019FFFE, 7}));
+}
+
+TEST(IpcWire, RequestFromAPeerThatWritesItsDestinationThereKeepsThatWord) {
+  // The bytes of a sender that still puts the destination (0x0015FFFE) into the address word.
+  const Bytes frame{0x01, 0x01, 0x01, 0x00, 0xFE, 0xFF, 0x19, 0x00, 0xFE, 0xFF, 0x15, 0x00,
+                    0xA4, 0x38, 0xA8, 0x38, 0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+  const Decoded decoded = decode_header(frame);
+  ASSERT_TRUE(decoded.header.has_value());
+  const Request request = to_request(*decoded.header, {});
+  EXPECT_EQ(request.address, 0x0015FFFEU);
+  ASSERT_TRUE(request.reply_to.has_value());
+  EXPECT_EQ(request.reply_to->address, 0x0019FFFEU);
+  EXPECT_EQ(as_vector(encode_header(request_header(0x0019FFFE, request))), frame);
 }
 
 TEST(IpcWire, MastershipAnswerEncodesToTheDocumentedBytes) {
@@ -67,11 +103,11 @@ TEST(IpcWire, RequestWithoutReplyInformationHasNoFlagAndNoTag) {
   Request request;
   request.group = 15500;
   request.id = 15515;
-  const Header header = request_header(0x0042FFFE, 0x0019FFFE, request);
+  const Header header = request_header(0x0042FFFE, request);
   EXPECT_EQ(header.kind, Kind::Request);
   EXPECT_EQ(header.flags, 0);
   EXPECT_EQ(header.source, 0x0042FFFEU);
-  EXPECT_EQ(header.address, 0x0019FFFEU);
+  EXPECT_EQ(header.address, 0x0000FFFEU);
   EXPECT_EQ(header.reply_tag, 0);
   const Request back = to_request(header, {});
   EXPECT_FALSE(back.reply_to.has_value());
@@ -100,13 +136,14 @@ TEST(IpcWire, RequestRoundTripKeepsPayloadKeyAndReplyInformation) {
   request.group = 15500;
   request.id = 15515;
   request.reply_to = ReplyTo{0x0015FFFE, 0x1234};
-  const Header header = request_header(0, 0x0019FFFE, request);
+  const Header header = request_header(0, request);
   const auto decoded = decode_header(encode_header(header));
   ASSERT_TRUE(decoded.header.has_value());
   const Request back = to_request(*decoded.header, request.payload);
   EXPECT_EQ(back.payload, request.payload);
   EXPECT_EQ(back.group, 15500);
   EXPECT_EQ(back.id, 15515);
+  EXPECT_EQ(back.address, 0x0000FFFEU);
   ASSERT_TRUE(back.reply_to.has_value());
   EXPECT_EQ(*back.reply_to, (ReplyTo{0x0015FFFE, 0x1234}));
 }

@@ -7,12 +7,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zmq.hpp>
+#include <zmq_addon.hpp>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -49,8 +52,32 @@ class ZmqIpcTest : public ::testing::Test {
                     .has_value());
   }
 
+  /// Like serve_echo, and keeps a copy of the last request served (see last_served()).
+  void serve_echo_keeping_requests(ZmqIpc& server, Key key) {
+    ASSERT_TRUE(server
+                    .subscribe_request(key,
+                                       [this, &server](const Request& request) -> Result<void> {
+                                         {
+                                           std::lock_guard lock(served_mutex_);
+                                           served_ = request;
+                                         }
+                                         return server.send_response(request.reply_to.value().address,
+                                                                     test::echo_response(request));
+                                       })
+                    .has_value());
+  }
+
+  std::optional<Request> last_served() {
+    std::lock_guard lock(served_mutex_);
+    return served_;
+  }
+
   test::TempRoot root;
   std::shared_ptr<xpon::test::RecordingLogger> log = std::make_shared<xpon::test::RecordingLogger>();
+
+ private:
+  std::mutex served_mutex_;
+  std::optional<Request> served_;
 };
 
 TEST_F(ZmqIpcTest, InboxSocketAndLockFileAreNamedByTheAddress) {
@@ -98,6 +125,40 @@ TEST_F(ZmqIpcTest, RequestIsAnsweredWithPayloadResultAndItsTag) {
   ASSERT_TRUE(seen->reply_to.has_value());
   EXPECT_EQ(seen->reply_to->address, kClient);
   EXPECT_EQ(seen->reply_to->tag, answer.value().reply_tag);
+  EXPECT_EQ(seen->address, 0x0000FFFEU);  // the default address word, not the destination
+}
+
+TEST_F(ZmqIpcTest, RequestArrivesWithItsAddressWordWhateverItsDestination) {
+  auto server = endpoint(kServer);
+  auto client = endpoint(kClient);
+  serve_echo_keeping_requests(*server, kQuery);
+  Request request;
+  request.group = kQuery.group;
+  request.id = kQuery.id;
+  request.address = 0x0A0B0C0D;
+  const auto answer = client->request(kServer, request, milliseconds(2000));
+  ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
+  const auto served = last_served();
+  ASSERT_TRUE(served.has_value());
+  EXPECT_EQ(served->address, 0x0A0B0C0DU);
+  EXPECT_EQ(served->reply_to.value().address, kClient);
+
+  // On the wire: the word sits at offset 8 of the header that reaches the destination's inbox.
+  constexpr Address kRawServer = 0x0077FFFE;
+  zmq::context_t context;
+  zmq::socket_t raw_inbox(context, zmq::socket_type::router);
+  raw_inbox.set(zmq::sockopt::linger, 0);
+  raw_inbox.set(zmq::sockopt::rcvtimeo, 5000);
+  raw_inbox.bind(inbox_endpoint(kRawServer));
+  const auto unanswered = client->request(kRawServer, request, milliseconds(100));
+  EXPECT_FALSE(unanswered.has_value());
+  std::vector<zmq::message_t> frames;
+  ASSERT_TRUE(zmq::recv_multipart(raw_inbox, std::back_inserter(frames)));
+  ASSERT_EQ(frames.size(), 3U);  // identity, header, payload
+  ASSERT_EQ(frames[1].size(), wire::kHeaderSize);
+  const auto* header = frames[1].data<std::uint8_t>();
+  EXPECT_EQ(std::vector<std::uint8_t>(header + 8, header + 12), (std::vector<std::uint8_t>{0x0D, 0x0C, 0x0B, 0x0A}));
+  EXPECT_EQ(std::vector<std::uint8_t>(header + 4, header + 8), (std::vector<std::uint8_t>{0xFE, 0xFF, 0x19, 0x00}));
 }
 
 TEST_F(ZmqIpcTest, EightThreadsOfAThousandRequestsAreAllMatchedByTag) {

@@ -46,13 +46,16 @@ struct ReplyTo {
   friend constexpr bool operator==(const ReplyTo&, const ReplyTo&) = default;
 };
 
-/// A request: payload, the two identifier words (group, then message id) and, when the
-/// sender waits for an answer, its reply information.
+/// A request: payload, the two identifier words (group, then message id), when the sender waits
+/// for an answer its reply information, and the header's address word.
 struct Request {
   Payload payload;
   std::uint16_t group = 0;
   std::uint16_t id = 0;
   std::optional<ReplyTo> reply_to;
+  /// The address word the sender gives (0x0000FFFE); not the destination, which is the address
+  /// the request is sent to. Last, so that positional initialisers of the other fields keep their meaning.
+  std::uint32_t address = make_address(0);
 };
 
 /// The answer to a request.

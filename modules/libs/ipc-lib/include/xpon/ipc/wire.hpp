@@ -71,8 +71,8 @@ std::array<std::uint8_t, kTopicSize> subscription_prefix(Key key, std::size_t& l
 /// Reads a 4-byte topic frame; nullopt for any other length.
 std::optional<Key> decode_topic(std::span<const std::uint8_t> frame) noexcept;
 
-/// The header of a request sent from `source` to `destination`; the tag is used only with reply information.
-Header request_header(Address source, Address destination, const Request& request) noexcept;
+/// The header of a request sent by `source` (whatever its destination); the tag is used only with reply information.
+Header request_header(Address source, const Request& request) noexcept;
 
 /// The header of a response sent by `source`.
 Header response_header(Address source, const Response& response) noexcept;
