@@ -26,8 +26,6 @@ namespace xpon::system_mgr {
 namespace {
 
 namespace fs = std::filesystem;
-using core::Error;
-using core::ErrorPayload;
 using core::Result;
 
 class LtFactory final : public IFactory {
@@ -249,7 +247,7 @@ TEST_F(ProcessEntryTest, AServiceThatCannotBeMadeIsReportedWithTheErrorsTextAndE
   parts_.make_service = [](const CycleParts::LoggerPtr&, const CycleParts::IpcPtr&, const CycleParts::CfgDbPtr&,
                            const CycleParts::FactoryPtr&,
                            const CycleParts::BoardPtr&) -> Result<std::unique_ptr<service::IService>> {
-    return ErrorPayload(Error::CommonError, "Unknown device type");
+    return core::ErrorPayload(core::Error::CommonError, "Unknown device type");
   };
   EXPECT_EQ(run_daemon(parts_), 1);
   EXPECT_EQ(notifications_,
@@ -271,7 +269,7 @@ TEST_F(ProcessEntryTest, ALauncherThatCannotBeMadeIsReportedWithTheExceptionsTex
 }
 
 TEST_F(ProcessEntryTest, ARunThatEndsWithAnErrorEndsTheProcessWithOneAfterTheShutdownNotification) {
-  on_run_ = [] { return Result<void>(ErrorPayload(Error::CommonError, "the service gave up")); };
+  on_run_ = [] { return Result<void>(core::ErrorPayload(core::Error::CommonError, "the service gave up")); };
   EXPECT_EQ(run_daemon(parts_), 1);
   EXPECT_EQ(notifications_, (std::vector<std::string>{kStartup, kReady, kShutdown}));
   EXPECT_THAT(logger_->texts(), testing::Contains(testing::HasSubstr("the service gave up")));
