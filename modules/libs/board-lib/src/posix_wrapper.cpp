@@ -24,7 +24,7 @@ PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : log
   if (fd_ < 0) {
     const int error_number = errno;
     // The trailing blank is part of the system's text; the process entry reports it, so nothing is logged here.
-    throw std::runtime_error(fmt::format("Can't open {} file ({}) ", BOARD_DEVICE_PATH, errno_text(error_number)));
+    throw DeviceOpenError(fmt::format("Can't open {} file ({}) ", BOARD_DEVICE_PATH, errno_text(error_number)));
   }
   logger_->progress("PosixWrapper create successfully");
 }

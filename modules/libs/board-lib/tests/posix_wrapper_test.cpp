@@ -50,10 +50,11 @@ class PosixWrapperTest : public ::testing::Test {
     device << content;
   }
 
+  // The text of the DeviceOpenError thrown by construction; any other exception escapes.
   std::string construction_error() {
     try {
       PosixWrapper wrapper(logger_);
-    } catch (const std::runtime_error& error) {
+    } catch (const DeviceOpenError& error) {
       return error.what();
     }
     return "(no exception)";
@@ -72,6 +73,18 @@ TEST_F(PosixWrapperTest, MissingDeviceThrowsWithTheLogicalPathAndTheSystemsText)
 TEST_F(PosixWrapperTest, DeviceThatCannotBeOpenedReadWriteThrowsWithTheReason) {
   fs::create_directories(root_ / "dev" / "board");
   EXPECT_EQ(construction_error(), "Can't open /dev/board file (Is a directory) ");
+}
+
+TEST_F(PosixWrapperTest, MissingLoggerThrowsAnErrorThatIsNotAnOpenFailure) {
+  make_device("");
+  try {
+    PosixWrapper wrapper(nullptr);
+    FAIL() << "no exception";
+  } catch (const DeviceOpenError& error) {
+    FAIL() << "reported as an open failure: " << error.what();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "PosixWrapper needs a logger");
+  }
 }
 
 TEST_F(PosixWrapperTest, OpenDeviceLogsCreationAtProgressLevel) {

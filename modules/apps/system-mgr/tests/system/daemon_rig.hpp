@@ -52,6 +52,9 @@ class DaemonRig {
   /// sets `skip` instead when FUSE is unusable here (no /dev/fuse, or the mount refused).
   std::string start_emulator(const std::string& example_scenario, std::string& skip);
 
+  /// The running emulator (to pause it, say); throws std::bad_optional_access before start_emulator().
+  [[nodiscard]] xpon::test::Process& emulator() { return emulator_.value(); }
+
   /// Writes the device factory image with `xpon-factory make --product NAME`; an error text or empty.
   std::string make_factory_image(const std::string& product);
 

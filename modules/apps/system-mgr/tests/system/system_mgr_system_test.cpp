@@ -4,7 +4,11 @@
 #include "daemon_rig.hpp"
 #include "xpon/system_mgr/api.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -14,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <ostream>
@@ -27,6 +32,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using xpon::test::ProgramRun;
+namespace fs = std::filesystem;
 
 constexpr auto kStepTimeout = 10s;
 
@@ -340,6 +346,123 @@ TEST_F(SystemMgrTest, AMissingFactoryImageReportsTheFactoryFailureAndExitsWithOn
 TEST_F(SystemMgrTest, AMissingLoggingConfigurationReportsItAndExitsWithOne) {
   ASSERT_EQ(rig_.make_factory_image(kLtProduct), "");
   expect_start_up_failure("STATUS=Unable to create logging context.");
+}
+
+TEST_F(SystemMgrTest, AnIpcAddressOwnedByAnotherEndpointReportsTheIpcFailureAndExitsWithOne) {
+  ASSERT_EQ(rig_.make_factory_image(kLtProduct), "");
+  rig_.install_example_log_config();
+  // An endpoint owns its address by holding the lock of the address file: take it first.
+  fs::create_directories(rig_.path("/run/xpon/ipc"));
+  const int lock = ::open(rig_.path("/run/xpon/ipc/0019fffe.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  ASSERT_GE(lock, 0) << std::strerror(errno);
+  ASSERT_EQ(::flock(lock, LOCK_EX | LOCK_NB), 0) << std::strerror(errno);
+  expect_start_up_failure(
+      "STATUS=Exception on create IPC subsystem: IPC endpoint SYSTEM-MGR_IPC: address 0x0019fffe is already owned "
+      "by another endpoint.");
+  ::close(lock);
+}
+
+TEST_F(SystemMgrTest, AConfigurationDatabaseThatCannotBeOpenedReportsTheCfgdbFailureAndExitsWithOne) {
+  ASSERT_EQ(rig_.make_factory_image(kLtProduct), "");
+  rig_.install_example_log_config();
+  // A directory where the database file belongs: SQLite cannot open it.
+  fs::create_directories(rig_.path("/var/lib/xpon/cfgdb.sqlite3"));
+  expect_start_up_failure("STATUS=Error on create CFGDB subsystem.");
+}
+
+/// Runs one SQL statement on the sandbox's configuration database; an error text or empty.
+std::string run_sql(const std::string& database, const std::string& statement) {
+  sqlite3* db = nullptr;
+  std::string failure;
+  if (::sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    failure = "cannot open " + database + ": " + ::sqlite3_errmsg(db);
+  } else if (char* message = nullptr; ::sqlite3_exec(db, statement.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+    failure = "\"" + statement + "\" failed: " + message;
+    ::sqlite3_free(message);
+  } else if (::sqlite3_changes(db) != 1) {
+    failure = "\"" + statement + "\" changed " + std::to_string(::sqlite3_changes(db)) + " rows, not 1";
+  }
+  ::sqlite3_close(db);
+  return failure;
+}
+
+TEST_F(SystemMgrTest, AFunctionWhoseConfigurationCannotBeReadReportsTheServiceFailureAndExitsWithOne) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  // The database is made with its defaults, then the load-average threshold is spoilt behind
+  // the tools' back: CpuLoadMonitoring, the first function of every family, cannot read it.
+  const ProgramRun set = rig_.run_cfg({"set", "ALARM_SYSTEM_LOAD_AVERAGE", "threshold=400"});
+  ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
+  ASSERT_EQ(run_sql(rig_.path("/var/lib/xpon/cfgdb.sqlite3"),
+                    "UPDATE field SET value = 'high' WHERE section_id = 80 AND name = 'threshold'"),
+            "");
+
+  rig_.start_daemon();
+  const auto end = rig_.daemon().wait(kStepTimeout);
+  ASSERT_TRUE(end.has_value()) << "the daemon did not end; notifications:\n" << rig_.notifications_text();
+  EXPECT_TRUE(end->exited_with(1)) << end->describe() << "\n" << rig_.daemon_log();
+  EXPECT_EQ(rig_.notifications().messages(),
+            (std::vector<std::string>{kStartupText,
+                                      "STATUS=Error: Exception. Message: Exception on create LtService: "
+                                      "Config update for CpuLoadMonitoring failed (Error: ErrorCApi) ..."}))
+      << rig_.daemon_log();
+}
+
+TEST_F(SystemMgrTest, StopSignalsDuringStartUpAreIgnored) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  // With the emulator paused, opening /dev/board waits for it, so the daemon's start-up is
+  // held at the creation of the board for as long as the test needs.
+  ASSERT_TRUE(rig_.emulator().signal(SIGSTOP));
+  struct Resume {
+    DaemonRig& rig;
+    ~Resume() { (void)rig.emulator().signal(SIGCONT); }
+  } resume{rig_};
+
+  rig_.start_daemon();
+  ASSERT_TRUE(rig_.wait_for_log("Factory create successfully", kStepTimeout)) << rig_.daemon_log();
+  ASSERT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText}));
+  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP}) {
+    ASSERT_TRUE(rig_.daemon().signal(signal_number));
+  }
+  ASSERT_TRUE(rig_.emulator().signal(SIGCONT));
+
+  ASSERT_TRUE(rig_.wait_for_notification(kReadyText, 1, kStepTimeout))
+      << rig_.notifications_text() << rig_.daemon_log();
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  EXPECT_TRUE(rig_.daemon().running());
+  EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, kReadyText}));
+
+  // Had the early SIGTERM cleared the keep-running flag, this SIGHUP would end the process.
+  ASSERT_TRUE(rig_.daemon().signal(SIGHUP));
+  ASSERT_TRUE(rig_.wait_for_notification(kReadyText, 2, kStepTimeout)) << rig_.notifications_text();
+  ASSERT_NO_FATAL_FAILURE(settle(2));
+  ASSERT_TRUE(rig_.daemon().signal(SIGTERM));
+  const auto end = rig_.daemon().wait(kStepTimeout);
+  ASSERT_TRUE(end.has_value()) << rig_.notifications_text();
+  EXPECT_TRUE(end->exited_with(0)) << end->describe();
+  EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, kReadyText, kShutdownText,
+                                                                       kStartupText, kReadyText, kShutdownText}));
+}
+
+TEST_F(SystemMgrTest, TheIpcEndpointLogsToTheDaemonsLogFile) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  const std::string log_file = rig_.path("/var/log/system-mgr.log");
+  rig_.write_log_config(kDebugToStderr + "\n[[sink]]\ntype = \"file\"\npath = \"" + log_file + "\"\n");
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+
+  // A message whose header is one byte long: the endpoint drops it and says so in its log.
+  zmq::context_t context;
+  zmq::socket_t sender(context, zmq::socket_type::dealer);
+  sender.set(zmq::sockopt::linger, 0);
+  sender.connect("ipc://" + rig_.path("/run/xpon/ipc/0019fffe"));
+  sender.send(zmq::str_buffer("x"), zmq::send_flags::sndmore);
+  sender.send(zmq::message_t(), zmq::send_flags::none);
+
+  const std::string line = "IPC endpoint SYSTEM-MGR_IPC: dropped a message (short header)";
+  EXPECT_TRUE(xpon::test::wait_until(
+      [&] { return xpon::test::read_text_file(log_file).find(line) != std::string::npos; }, kStepTimeout))
+      << "log file:\n"
+      << xpon::test::read_text_file(log_file) << "stderr:\n"
+      << rig_.daemon_log();
 }
 
 struct Family {

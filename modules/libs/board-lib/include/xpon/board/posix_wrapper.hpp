@@ -3,6 +3,7 @@
 #include "xpon/logger/ilogger.hpp"
 
 #include <memory>
+#include <stdexcept>
 
 namespace xpon::board {
 
@@ -20,10 +21,18 @@ class IPosixWrapper {
   IPosixWrapper& operator=(const IPosixWrapper&) = default;
 };
 
+/// The board device could not be opened. Kept apart from the wrapper's other failures
+/// because callers report it as the board being unusable, not as a fault of the wrapper.
+class DeviceOpenError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 /// Owns the open descriptor of "/dev/board"; the only place that calls open, close and ioctl.
 class PosixWrapper : public IPosixWrapper {
  public:
-  /// Opens "/dev/board" (under $XPON_ROOT when set) read-write; throws std::runtime_error when it cannot.
+  /// Opens "/dev/board" (under $XPON_ROOT when set) read-write; throws DeviceOpenError when
+  /// it cannot, std::runtime_error for a missing logger.
   explicit PosixWrapper(const std::shared_ptr<logger::ILogger>& logger);
 
   /// Closes the device; a failing close is logged, never thrown.
