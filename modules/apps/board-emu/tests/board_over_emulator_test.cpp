@@ -2,6 +2,7 @@
 // $XPON_ROOT/dev/board as the daemon does, and every operation goes through FUSE.
 
 #include "emulator_process.hpp"
+#include "xpon/test/ci_skip.hpp"
 
 #include "xpon/board/board.hpp"
 #include "xpon/board/posix_wrapper.hpp"
@@ -47,9 +48,7 @@ class BoardOverEmulator : public ::testing::Test {
     std::string skip;
     std::string failure;
     emulator_ = EmulatorProcess::start(kScenario, skip, failure);
-    if (!skip.empty()) {
-      GTEST_SKIP() << skip;
-    }
+    XPON_SKIP_OR_FAIL_IN_CI(skip);
     ASSERT_TRUE(emulator_) << failure;
     // PosixWrapper finds the device through the sandbox root, exactly as the daemon does.
     ASSERT_EQ(::setenv("XPON_ROOT", emulator_->root().c_str(), 1), 0);
@@ -274,9 +273,7 @@ TEST(BoardOverEmulatorStart, InventoryFaultMakesTheBoardConstructorThrow) {
   std::string skip;
   std::string failure;
   auto emulator = EmulatorProcess::start(R"({"faults": {"BOARD_GET_PS_COUNT": {"errno": "EIO"}}})", skip, failure);
-  if (!skip.empty()) {
-    GTEST_SKIP() << skip;
-  }
+  XPON_SKIP_OR_FAIL_IN_CI(skip);
   ASSERT_TRUE(emulator) << failure;
   ASSERT_EQ(::setenv("XPON_ROOT", emulator->root().c_str(), 1), 0);
   auto logger = std::make_shared<xpon::test::RecordingLogger>();
@@ -298,9 +295,7 @@ TEST(C_Client, ReadsTheInventoryAndSeesAPatch) {
     "inventory": {"cpld_version": 7, "fan_count": 4, "ps_count": 2, "temp_count": 5, "pon_port_count": 16,
                   "front_port_count": 8}})",
                                          skip, failure);
-  if (!skip.empty()) {
-    GTEST_SKIP() << skip;
-  }
+  XPON_SKIP_OR_FAIL_IN_CI(skip);
   ASSERT_TRUE(emulator) << failure;
   const auto run = run_program({XPON_INVENTORY_PROBE_PROGRAM, emulator->dev_dir()});
   EXPECT_EQ(run.exit_status, 0) << run.errors;

@@ -2,6 +2,7 @@
 // exit statuses. Every test runs the real xpon-board-emu in its own sandbox root.
 
 #include "emulator_process.hpp"
+#include "xpon/test/ci_skip.hpp"
 
 #include "xpon/board/driver_abi.h"
 #include "xpon/test/sandbox.hpp"
@@ -38,9 +39,7 @@ class EmulatorFiles : public ::testing::Test {
     std::string skip;
     std::string failure;
     emulator_ = EmulatorProcess::start(kScenario, skip, failure);
-    if (!skip.empty()) {
-      GTEST_SKIP() << skip;
-    }
+    XPON_SKIP_OR_FAIL_IN_CI(skip);
     ASSERT_TRUE(emulator_) << failure;
   }
 

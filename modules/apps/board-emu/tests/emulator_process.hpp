@@ -3,10 +3,13 @@
 // Runs the real xpon-board-emu program for component tests: a fresh sandbox root per test,
 // the emulator mounted at <root>/dev, and an unmount in every teardown.
 
-#include <sys/types.h>
+#include "xpon/test/process.hpp"
+#include "xpon/test/temp_dir.hpp"
+
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,9 +26,6 @@ struct ProgramRun {
 ProgramRun run_program(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {},
                        std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-/// Why FUSE cannot be used here, or an empty text when it can.
-std::string fuse_unavailable_reason();
-
 /// One running emulator in its own temporary sandbox root.
 class EmulatorProcess {
  public:
@@ -39,8 +39,8 @@ class EmulatorProcess {
   EmulatorProcess(const EmulatorProcess&) = delete;
   EmulatorProcess& operator=(const EmulatorProcess&) = delete;
 
-  [[nodiscard]] const std::string& root() const { return root_; }
-  [[nodiscard]] std::string dev_dir() const { return root_ + "/dev"; }
+  [[nodiscard]] const std::string& root() const { return dir_.path(); }
+  [[nodiscard]] std::string dev_dir() const { return root() + "/dev"; }
   [[nodiscard]] std::string dev_file(const std::string& name) const { return dev_dir() + "/" + name; }
 
   /// Sends the signal and waits for the end; returns the exit status, or -1 when it did not end cleanly.
@@ -50,10 +50,10 @@ class EmulatorProcess {
   [[nodiscard]] std::string log() const;
 
  private:
-  EmulatorProcess(std::string root, pid_t pid) : root_(std::move(root)), pid_(pid) {}
+  EmulatorProcess() = default;
 
-  std::string root_;
-  pid_t pid_;
+  xpon::test::TempDir dir_{"xpon-emu"};
+  std::optional<xpon::test::Process> process_;
 };
 
 /// Reads a whole file (the state file, board-control) with one open.

@@ -1,7 +1,7 @@
-#include "ipc_test_env.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gtest/gtest.h>
@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <iterator>
 #include <mutex>
 #include <string>
@@ -166,7 +167,7 @@ TEST_F(BusEventsTest, EventsQueuedWhileTheBusIsDownFlowWhenItReturns) {
   ASSERT_TRUE(subscriber->subscribe_event(Key{15500, kAnyId}, events.handler()).has_value());
   ASSERT_TRUE(wait_for_subscription(*publisher, events, Key{15500, 1}));
 
-  bus->kill(SIGKILL);
+  bus->stop(SIGKILL, std::chrono::seconds(10));
   for (std::uint8_t i = 0; i < 5; ++i) {
     ASSERT_TRUE(publisher->send_event(make_event(Key{15500, 15539}, {i})).has_value());
   }
@@ -339,7 +340,7 @@ TEST_F(BusEventsTest, BusStopsCleanlyOnSigterm) {
   // Its signals are taken over before it binds; earlier, SIGTERM simply ends it by default.
   ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(ipc_directory() + "/bus.sub"); }));
   const auto start = std::chrono::steady_clock::now();
-  const int status = bus->kill(SIGTERM);
+  const int status = bus->stop(SIGTERM, std::chrono::seconds(10)).wait_status;
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
@@ -349,7 +350,7 @@ TEST_F(BusEventsTest, SecondBusIsRefused) {
   // The first bus holds its lock as soon as it runs; give it the moment to start.
   ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(ipc_directory() + "/bus.sub"); }));
   test::Process second({XPON_IPC_BUS_PATH});
-  const int status = second.wait();
+  const int status = second.wait().wait_status;
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 1);
 }

@@ -2,6 +2,7 @@
 
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/wait.hpp"
 
 #include <gtest/gtest.h>
 
@@ -22,18 +23,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using core::Error;
-
-template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 5s) {
-  const auto until = std::chrono::steady_clock::now() + timeout;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() >= until) {
-      return false;
-    }
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using xpon::test::wait_until;
 
 // A function with no overrides at all: every default of the base.
 class BareFunction : public SysFunction {
@@ -179,7 +169,7 @@ TEST_F(SysFunctionTest, FirstPollRunsOnTheCallersThreadBeforeTheThreadStarts) {
   EXPECT_EQ(function.polls.load(), 1);
   EXPECT_EQ(first_poll_thread, std::this_thread::get_id());
   EXPECT_TRUE(function.is_running());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
   std::this_thread::sleep_for(100ms);  // let the thread reach its wait
   ASSERT_TRUE(function.stop());
 }
@@ -195,7 +185,7 @@ TEST_F(SysFunctionTest, FirstPollThatThrowsStillStartsTheThread) {
   ASSERT_TRUE(function.run());
   EXPECT_TRUE(logger->contains("An std::exception was thrown: sensor unreadable ", 4));
   EXPECT_TRUE(function.is_running());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
   std::this_thread::sleep_for(100ms);
   ASSERT_TRUE(function.stop());
 }
@@ -211,7 +201,7 @@ TEST_F(SysFunctionTest, FirstPollThatThrowsSomethingElseStillStartsTheThread) {
   ASSERT_TRUE(function.run());
   EXPECT_TRUE(logger->contains("An exception was thrown. ", 4));
   EXPECT_TRUE(function.is_running());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
   std::this_thread::sleep_for(100ms);
   ASSERT_TRUE(function.stop());
 }
@@ -226,7 +216,7 @@ TEST_F(SysFunctionTest, FirstPollErrorStillStartsTheThread) {
   };
   ASSERT_TRUE(function.run());
   EXPECT_TRUE(function.is_running());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
   std::this_thread::sleep_for(100ms);
   ASSERT_TRUE(function.stop());
 }
@@ -243,7 +233,7 @@ TEST_F(SysFunctionTest, ThreadPollsOncePerPeriodAndKeepsPollingAfterErrorsAndExc
     return core::success();
   };
   ASSERT_TRUE(function.run());
-  ASSERT_TRUE(eventually([&] { return function.polls.load() >= 5; }));
+  ASSERT_TRUE(wait_until([&] { return function.polls.load() >= 5; }));
   EXPECT_TRUE(logger->contains("An std::exception was thrown: transient ", 4));
   // Stopping a thread with a short period may need a few periods (a wake-up during a poll is
   // lost); keep waking it until it has ended.
@@ -265,7 +255,7 @@ TEST_F(SysFunctionTest, PeriodIsMeasuredFromTheStartOfEachWait) {
     return Result<void>(core::success());
   };
   ASSERT_TRUE(function.run());
-  ASSERT_TRUE(eventually([&] { return function.polls.load() >= 3; }));
+  ASSERT_TRUE(wait_until([&] { return function.polls.load() >= 3; }));
   auto stopped = std::async(std::launch::async, [&] { return function.stop(); });
   while (stopped.wait_for(5ms) != std::future_status::ready) {
     function.wake_polling_thread();
@@ -281,7 +271,7 @@ TEST_F(SysFunctionTest, PeriodIsMeasuredFromTheStartOfEachWait) {
 TEST_F(SysFunctionTest, StopWhileTheThreadWaitsReturnsAtOnce) {
   ScriptedFunction function(logger, ipc, 10s);
   ASSERT_TRUE(function.run());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
   std::this_thread::sleep_for(100ms);  // the thread is now in its 10-second wait
   const auto before = std::chrono::steady_clock::now();
   ASSERT_TRUE(function.stop());
@@ -312,7 +302,7 @@ TEST_F(SysFunctionTest, StopDuringAPollDoesNotEndTheThread) {
     ASSERT_TRUE(changed.wait_for(lock, 5s, [&] { return in_second_poll; }));
   }
   auto stopped = std::async(std::launch::async, [&] { return function.stop(); });
-  ASSERT_TRUE(eventually([&] { return function.unsubscribes.load() == 1; }));
+  ASSERT_TRUE(wait_until([&] { return function.unsubscribes.load() == 1; }));
   std::this_thread::sleep_for(200ms);  // stop's wake-up is issued (and lost) while the poll runs
   {
     std::lock_guard lock(mutex);
@@ -320,7 +310,7 @@ TEST_F(SysFunctionTest, StopDuringAPollDoesNotEndTheThread) {
   }
   changed.notify_all();
   // The thread goes on: it waits a full period and polls again, while stop stays in the join.
-  ASSERT_TRUE(eventually([&] { return function.polls.load() >= 3; }));
+  ASSERT_TRUE(wait_until([&] { return function.polls.load() >= 3; }));
   EXPECT_EQ(stopped.wait_for(0ms), std::future_status::timeout);
   EXPECT_TRUE(function.is_running());
   while (stopped.wait_for(5ms) != std::future_status::ready) {
@@ -334,7 +324,7 @@ TEST_F(SysFunctionTest, StopReturnsTheUnsubscribeErrorButStillEndsTheThread) {
   ScriptedFunction function(logger, ipc, 10s);
   function.unsubscribe_result = core::ErrorPayload(Error::Empty);
   ASSERT_TRUE(function.run());
-  ASSERT_TRUE(eventually([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
   std::this_thread::sleep_for(100ms);
   const auto result = function.stop();
   ASSERT_TRUE(result.has_error());
@@ -468,7 +458,7 @@ TEST_F(SysFunctionTest, EarlyWakeUpThatIsNotAStopEndsTheThread) {
   ASSERT_TRUE(function->run());
   // Deliberately no stop flag: any wake-up before the deadline ends the polling thread, although
   // the function was never stopped. A wake-up before the thread's first wait is lost, so repeat it.
-  ASSERT_TRUE(eventually([&] {
+  ASSERT_TRUE(wait_until([&] {
     function->wake_polling_thread();
     return thread_ended.load();
   }));
@@ -526,7 +516,7 @@ TEST_F(SysFunctionTest, DerivedFunctionHoldsThePollingMutex) {
   // A request or configuration path that takes the base's mutex keeps the poll out.
   auto function = std::make_unique<ScriptedFunction>(logger, ipc, 20ms);
   ASSERT_TRUE(function->run());
-  ASSERT_TRUE(eventually([&] { return function->polls.load() >= 2; }));
+  ASSERT_TRUE(wait_until([&] { return function->polls.load() >= 2; }));
   int polls_while_held = 0;
   {
     std::lock_guard lock(function->mutex());

@@ -3,13 +3,13 @@
 // function re-reads its section, and its next alarm, read back from the bus by another
 // endpoint, is raised.
 
-#include "ipc_test_env.hpp"
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/service/service.hpp"
 #include "xpon/service/service_launcher.hpp"
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
 #include "xpon/test/fake_host.hpp"
+#include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gtest/gtest.h>
@@ -29,9 +29,9 @@ namespace xpon::system_mgr {
 namespace {
 
 using namespace std::chrono_literals;
-using ipc::test::Process;
-using ipc::test::TempRoot;
-using ipc::test::wait_until;
+using xpon::test::Process;
+using xpon::test::TempRoot;
+using xpon::test::wait_until;
 
 // Lets the test end the polling thread even when stop's own wake-up falls into a poll.
 class WakeableCpuLoadMonitoring : public CpuLoadMonitoring {
@@ -128,7 +128,7 @@ TEST(CpuLoadComponent, ThresholdSetWithXponCfgReachesTheFunctionAndRaisesItsNext
   std::this_thread::sleep_for(300ms);
 
   Process cfg({XPON_CFG_PATH, "set", "ALARM_SYSTEM_LOAD_AVERAGE", "threshold=1"});
-  const int status = cfg.wait();
+  const int status = cfg.wait().wait_status;
   const auto written = std::chrono::steady_clock::now();
   ASSERT_TRUE(WIFEXITED(status));
   ASSERT_EQ(WEXITSTATUS(status), 0);

@@ -4,6 +4,7 @@
 #include "xpon/factory/tlvinfo.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -65,19 +66,7 @@ TEST(FactoryClassify, ShortAndEmptyNamesThrow) {
 // A sandbox root holding the device's factory image, as the factory-data library reads it.
 class FactoryImage : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "factory-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    ::setenv("XPON_ROOT", root_.c_str(), 1);
-    image_path_ = root_ / "sys/bus/nvmem/devices/device-eeprom0/nvmem";
-    fs::create_directories(image_path_.parent_path());
-  }
-
-  void TearDown() override {
-    ::unsetenv("XPON_ROOT");
-    fs::remove_all(root_);
-  }
+  void SetUp() override { fs::create_directories(image_path_.parent_path()); }
 
   void write_image(const std::string& product_name, bool corrupt_crc = false) {
     factory::FactoryFields fields;
@@ -104,8 +93,8 @@ class FactoryImage : public ::testing::Test {
   }
 
   std::shared_ptr<test::RecordingLogger> logger_ = std::make_shared<test::RecordingLogger>();
-  fs::path root_;
-  fs::path image_path_;
+  test::TempRoot root_{"factory"};
+  fs::path image_path_ = root_.file("sys/bus/nvmem/devices/device-eeprom0/nvmem");
 };
 
 TEST_F(FactoryImage, LcImageGivesLcAndLogsCreationAndDestruction) {

@@ -4,15 +4,16 @@
 #include "xpon/system_mgr/services/lt_service.hpp"
 
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
+#include "xpon/test/fake_board.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/temp_dir.hpp"
 #include "xpon/test/vtable_slot.hpp"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,7 +22,6 @@
 namespace xpon::system_mgr {
 namespace {
 
-namespace fs = std::filesystem;
 using core::Error;
 using core::ErrorPayload;
 using core::Result;
@@ -174,21 +174,11 @@ TEST(FanOut, MasterChangeFailureIsReturned) {
 // The real services over a configuration database in a temporary file.
 class RealServices : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "services-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    cfgdb_ = std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB", (root_ / "cfgdb.sqlite3").string());
-  }
-  void TearDown() override {
-    cfgdb_.reset();
-    fs::remove_all(root_);
-  }
-
   std::shared_ptr<test::RecordingLogger> logger_ = std::make_shared<test::RecordingLogger>();
   std::shared_ptr<test::RecordingIpc> ipc_ = std::make_shared<test::RecordingIpc>();
-  fs::path root_;
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_;
+  test::TempDir root_{"services"};
+  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_ =
+      std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB", root_.file("cfgdb.sqlite3"));
 };
 
 TEST_F(RealServices, FcServiceConnectsTheElectionManagerAndLogsItsLife) {
@@ -384,6 +374,19 @@ TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {
   EXPECT_TRUE(fc.health_check({}));
   EXPECT_TRUE(lc.health_check({}));
   EXPECT_TRUE(lt.health_check({}));
+}
+
+TEST_F(RealServices, EveryServiceKeepsTheBoardItIsGiven) {
+  auto board = std::make_shared<test::FakeBoard>();
+  const FcService fc(logger_, ipc_, cfgdb_, board);
+  const LcService lc(logger_, ipc_, cfgdb_, board);
+  const LtService lt(logger_, ipc_, cfgdb_, board);
+  EXPECT_EQ(fc.board().get(), board.get());
+  EXPECT_EQ(lc.board().get(), board.get());
+  EXPECT_EQ(lt.board().get(), board.get());
+  EXPECT_EQ(board.use_count(), 4);
+  // Making a service asks nothing of the board yet.
+  EXPECT_TRUE(board->calls().empty());
 }
 
 TEST(SlotOrder, SystemFunctionInterface) {

@@ -1,6 +1,6 @@
 #include "xpon/board/board.hpp"
 
-#include "fake_driver.hpp"
+#include "xpon/test/fake_driver.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
 #include "xpon/board/posix_wrapper.hpp"
 
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/temp_dir.hpp"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -24,26 +25,7 @@ namespace fs = std::filesystem;
 // Each test gets its own sandbox root holding (or not) dev/board.
 class PosixWrapperTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    if (const char* previous = std::getenv("XPON_ROOT")) {
-      saved_root_ = previous;
-    }
-    char pattern[] = "/tmp/xpon-board-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root_ = pattern;
-    fs::create_directories(root_ / "dev");
-    ::setenv("XPON_ROOT", root_.c_str(), 1);
-  }
-
-  void TearDown() override {
-    if (saved_root_) {
-      ::setenv("XPON_ROOT", saved_root_->c_str(), 1);
-    } else {
-      ::unsetenv("XPON_ROOT");
-    }
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
+  void SetUp() override { fs::create_directories(root_ / "dev"); }
 
   void make_device(const std::string& content) {
     std::ofstream device(root_ / "dev" / "board", std::ios::binary);
@@ -61,8 +43,8 @@ class PosixWrapperTest : public ::testing::Test {
   }
 
   std::shared_ptr<xpon::test::RecordingLogger> logger_ = std::make_shared<xpon::test::RecordingLogger>();
-  fs::path root_;
-  std::optional<std::string> saved_root_;
+  xpon::test::TempRoot temp_root_{"xpon-board-test"};
+  fs::path root_ = temp_root_.path();
 };
 
 TEST_F(PosixWrapperTest, MissingDeviceThrowsWithTheLogicalPathAndTheSystemsText) {

@@ -1,6 +1,6 @@
-#include "sandbox.hpp"
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/cfgdb/store.hpp"
+#include "xpon/test/cfgdb_sandbox.hpp"
 
 #include <gtest/gtest.h>
 
@@ -13,9 +13,9 @@
 namespace xpon::cfgdb {
 namespace {
 
-using test::Sandbox;
+using test::CfgDbSandbox;
 
-class CfgdbConcurrency : public Sandbox {};
+class CfgdbConcurrency : public CfgDbSandbox {};
 
 std::vector<std::uint8_t> temperature_bytes(const CfgDb__alarm_system_temperature& record) {
   std::vector<std::uint8_t> bytes(sizeof(record));

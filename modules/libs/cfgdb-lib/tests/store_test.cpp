@@ -1,6 +1,6 @@
 #include "xpon/cfgdb/store.hpp"
-#include "sandbox.hpp"
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
+#include "xpon/test/cfgdb_sandbox.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@
 namespace xpon::cfgdb {
 namespace {
 
-using test::Sandbox;
+using test::CfgDbSandbox;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 
@@ -35,7 +35,7 @@ std::unique_ptr<Store> open_store(const std::string& file) {
   return store ? std::move(store).value() : nullptr;
 }
 
-class CfgdbStore : public Sandbox {};
+class CfgdbStore : public CfgDbSandbox {};
 
 TEST_F(CfgdbStore, WrapperCreatesAMissingDatabaseUnderTheRoot) {
   ASSERT_FALSE(std::filesystem::exists(database_file()));

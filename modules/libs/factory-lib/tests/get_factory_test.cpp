@@ -2,6 +2,7 @@
 #include "xpon/factory/factory.h"
 #include "xpon/factory/factory_data.hpp"
 #include "xpon/logger/logger.hpp"
+#include "xpon/test/temp_dir.hpp"
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -43,28 +44,15 @@ bool is_all_zero(const Factory__data& record) {
 class FactoryGet : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* old = std::getenv("XPON_ROOT");
-    if (old != nullptr) {
-      old_root_ = old;
-    }
-    char pattern[] = "/tmp/factory-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root_ = pattern;
     fs::create_directories(root_ / "sys/bus/nvmem/devices/device-eeprom0");
     fs::create_directories(root_ / "sys/bus/nvmem/devices/crate-eeprom0");
-    ::setenv("XPON_ROOT", root_.c_str(), 1);
     std::memset(&record_, 0xA5, sizeof record_);  // garbage, so zeroing is seen
   }
 
+  // Permissions a test took away come back, so that the root can be removed.
   void TearDown() override {
-    if (old_root_) {
-      ::setenv("XPON_ROOT", old_root_->c_str(), 1);
-    } else {
-      ::unsetenv("XPON_ROOT");
-    }
     std::error_code ignored;
     fs::permissions(device_image(), fs::perms::owner_all, ignored);
-    fs::remove_all(root_, ignored);
   }
 
   fs::path device_image() const { return root_ / "sys/bus/nvmem/devices/device-eeprom0/nvmem"; }
@@ -76,8 +64,8 @@ class FactoryGet : public ::testing::Test {
     ASSERT_TRUE(out.good());
   }
 
-  fs::path root_;
-  std::optional<std::string> old_root_;
+  xpon::test::TempRoot temp_root_{"factory-test"};
+  fs::path root_ = temp_root_.path();
   Factory__data record_{};
   bool valid_ = true;
 };

@@ -3,8 +3,8 @@
 // machine, thread start-up and joins alone can take longer than the bound. The same paths are
 // race-checked by every other endpoint test, each of which closes its endpoints.
 
-#include "ipc_test_env.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gtest/gtest.h>

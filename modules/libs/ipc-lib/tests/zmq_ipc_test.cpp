@@ -1,7 +1,7 @@
 #include "xpon/ipc/zmq_ipc.hpp"
-#include "ipc_test_env.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
+#include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gmock/gmock.h>

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "xpon/test/process.hpp"
+#include "xpon/test/temp_dir.hpp"
+
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -13,48 +13,27 @@
 
 namespace xpon::logger::test {
 
-/// A fresh directory for one test, removed with everything in it afterwards.
+/// A test with a fresh directory of its own, removed with everything in it afterwards.
 class TempDirTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/logger-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-
-  void TearDown() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-
   /// The path of a file in the test's directory.
   [[nodiscard]] std::string path(std::string_view name) const { return (dir_ / name).string(); }
 
   /// Writes a file in the test's directory and returns its path.
   std::string write_file(std::string_view name, std::string_view text) const {
-    const std::string file = path(name);
-    std::ofstream out(file, std::ios::binary);
-    out << text;
-    return file;
+    return temp_.write(std::string(name), std::string(text));
   }
 
-  std::filesystem::path dir_;
+ private:
+  xpon::test::TempDir temp_{"logger-test"};
+
+ protected:
+  std::filesystem::path dir_ = temp_.path();
 };
 
 /// The whole content of a file ("" when it does not exist).
 inline std::string read_file(const std::string& file) {
-  std::string text;
-  std::FILE* stream = std::fopen(file.c_str(), "rb");
-  if (stream == nullptr) {
-    return text;
-  }
-  char buffer[4096];
-  for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, stream)) > 0;) {
-    text.append(buffer, count);
-  }
-  std::fclose(stream);
-  return text;
+  return xpon::test::read_text_file(file);
 }
 
 /// The lines of a text, without their line ends.

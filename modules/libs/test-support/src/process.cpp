@@ -1,5 +1,7 @@
 #include "xpon/test/process.hpp"
 
+#include "xpon/test/temp_dir.hpp"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -60,9 +62,9 @@ std::vector<char*> pointers_to(std::vector<std::string>& words) {
 
 ProcessEnd end_from(int status) {
   if (WIFSIGNALED(status)) {
-    return ProcessEnd{true, WTERMSIG(status)};
+    return ProcessEnd{true, WTERMSIG(status), status};
   }
-  return ProcessEnd{false, WEXITSTATUS(status)};
+  return ProcessEnd{false, WEXITSTATUS(status), status};
 }
 
 // Everything from here to execve runs in the child of a possibly multi-threaded parent, so it
@@ -204,6 +206,13 @@ std::optional<ProcessEnd> Process::wait(std::chrono::milliseconds timeout) {
   return end_;
 }
 
+ProcessEnd Process::wait() {
+  if (pid_ > 0) {
+    reap_blocking();
+  }
+  return end_.value();
+}
+
 ProcessEnd Process::stop(int signal_number, std::chrono::milliseconds timeout) {
   (void)signal(signal_number);
   if (auto ended = wait(timeout)) {
@@ -213,24 +222,19 @@ ProcessEnd Process::stop(int signal_number, std::chrono::milliseconds timeout) {
     ::kill(pid_, SIGKILL);
     reap_blocking();
   }
-  return end_.value_or(ProcessEnd{true, SIGKILL});
+  return end_.value_or(ProcessEnd{true, SIGKILL, SIGKILL});
 }
 
 ProgramRun run_program(const std::vector<std::string>& argv, const std::vector<std::string>& environment,
                        std::chrono::milliseconds timeout) {
-  std::string folder = (std::filesystem::temp_directory_path() / "xpon-run-XXXXXX").string();
-  if (::mkdtemp(folder.data()) == nullptr) {
-    throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
-  }
+  const TempDir folder("xpon-run");
   ProgramRun run;
   {
-    Process process(argv, environment, folder + "/stdout", folder + "/stderr");
+    Process process(argv, environment, folder.file("stdout"), folder.file("stderr"));
     run.end = process.wait(timeout);
   }  // a program still running here is killed and reaped
-  run.output = read_text_file(folder + "/stdout");
-  run.errors = read_text_file(folder + "/stderr");
-  std::error_code ignored;
-  std::filesystem::remove_all(folder, ignored);
+  run.output = read_text_file(folder.file("stdout"));
+  run.errors = read_text_file(folder.file("stderr"));
   return run;
 }
 
@@ -239,10 +243,6 @@ std::string read_text_file(const std::string& path) {
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
-}
-
-void pause_for(std::chrono::milliseconds step) {
-  std::this_thread::sleep_for(step);
 }
 
 }  // namespace xpon::test

@@ -1,5 +1,7 @@
 #include "daemon_rig.hpp"
 
+#include "xpon/test/fuse.hpp"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -94,17 +96,6 @@ void DaemonRig::stop_emulator() {
   }
 }
 
-std::string DaemonRig::fuse_unavailable_reason() {
-  if (::access("/dev/fuse", R_OK | W_OK) != 0) {
-    return std::string("FUSE is not usable here (/dev/fuse: ") + std::strerror(errno) +
-           "), so the board emulator cannot run";
-  }
-  if (::access("/bin/fusermount3", X_OK) != 0) {
-    return "fusermount3 is not installed, so the board emulator cannot be mounted";
-  }
-  return {};
-}
-
 std::string DaemonRig::start_bus() {
   bus_.emplace(std::vector<std::string>{XPON_IPC_BUS_PROGRAM}, std::vector<std::string>{sandbox_.environment_entry()},
                path("/bus.out"), path("/bus.log"));
@@ -122,7 +113,7 @@ std::string DaemonRig::start_bus() {
 }
 
 std::string DaemonRig::start_emulator(const std::string& example_scenario, std::string& skip) {
-  skip = fuse_unavailable_reason();
+  skip = xpon::test::fuse_unavailable_reason();
   if (!skip.empty()) {
     return {};
   }

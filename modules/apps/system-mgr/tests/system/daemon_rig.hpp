@@ -41,9 +41,6 @@ class DaemonRig {
   /// A path under the root: path("/dev/board").
   [[nodiscard]] std::string path(const std::string& logical_path) const { return sandbox_.path(logical_path); }
 
-  /// Why FUSE cannot be used on this machine, or an empty text when it can.
-  static std::string fuse_unavailable_reason();
-
   /// Starts xpon-ipc-bus and waits until it serves both sockets; an error text or empty.
   std::string start_bus();
 

@@ -3,6 +3,7 @@
 
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/system_mgr/api.h"
+#include "xpon/test/temp_dir.hpp"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -39,26 +40,11 @@ constexpr const char* kBus = XPON_IPC_BUS_PATH;
 /// A fresh $XPON_ROOT for one test; the slot of this board is left to the addresses.
 class TempRoot {
  public:
-  TempRoot() {
-    std::string pattern = (fs::temp_directory_path() / "system-mgr-ctl-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-    ::setenv("XPON_ROOT", path_.c_str(), 1);
-    ::unsetenv("XPON_SLOT");
-  }
-  TempRoot(const TempRoot&) = delete;
-  TempRoot& operator=(const TempRoot&) = delete;
-  ~TempRoot() {
-    ::unsetenv("XPON_ROOT");
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  [[nodiscard]] fs::path path() const { return path_; }
+  [[nodiscard]] fs::path path() const { return root_.path(); }
 
  private:
-  fs::path path_;
+  xpon::test::TempRoot root_{"system-mgr-ctl"};
+  xpon::test::ScopedEnv no_slot_{"XPON_SLOT", std::nullopt};
 };
 
 std::string read_file(const fs::path& path) {

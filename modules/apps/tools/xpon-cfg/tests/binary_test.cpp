@@ -1,5 +1,5 @@
-#include "sandbox.hpp"
 #include "xpon/ipc/paths.hpp"
+#include "xpon/test/cfgdb_sandbox.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ namespace {
 using ::testing::ElementsAreArray;
 
 // Runs the installed-form program, as an operator would, under the test's sandbox root.
-class CfgToolProgram : public cfgdb::test::Sandbox {
+class CfgToolProgram : public xpon::test::CfgDbSandbox {
  protected:
   int run_program(const std::string& arguments, const std::string& input = "/dev/null") {
     const std::string command =

@@ -1,7 +1,7 @@
 #include "cfg_tool.hpp"
-#include "sandbox.hpp"
 #include "xpon/cfgdb/change_event.hpp"
 #include "xpon/cfgdb/store.hpp"
+#include "xpon/test/cfgdb_sandbox.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 
-class CfgTool : public cfgdb::test::Sandbox {
+class CfgTool : public xpon::test::CfgDbSandbox {
  protected:
   int run_tool(const std::vector<std::string>& arguments) {
     out_.str("");

@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "xpon/test/temp_dir.hpp"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -52,17 +54,6 @@ void write_bytes(const fs::path& path, const Bytes& bytes) {
 
 class FactoryTool : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/factory-tool-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
-
   // Runs the built program with the arguments and collects its exit status and both outputs.
   ToolRun run(const std::vector<std::string>& args) const {
     const fs::path out_file = dir_ / "stdout.txt";
@@ -98,7 +89,8 @@ class FactoryTool : public ::testing::Test {
 
   std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
-  fs::path dir_;
+  xpon::test::TempDir temp_dir_{"factory-tool-test"};
+  fs::path dir_ = temp_dir_.path();
 };
 
 TEST_F(FactoryTool, HelpExitsZeroAndListsTheCommands) {

@@ -7,6 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "xpon/test/temp_dir.hpp"
+#include "xpon/test/wait.hpp"
+
 #include <gtest/gtest.h>
 #include <zmq.hpp>
 #include <zmq_addon.hpp>
@@ -17,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -33,12 +37,10 @@ using std::chrono::milliseconds;
 class Interop : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "xpon-ipc-interop-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    ::setenv("XPON_ROOT", root_.c_str(), 1);
+    temp_root_.emplace("xpon-ipc-interop");
+    root_ = temp_root_->path();
     bus_ = spawn({XPON_IPC_BUS_PATH}, root_ + "/bus.out");
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(ipc_dir() + "/bus.in"); }));
+    ASSERT_TRUE(xpon::test::wait_until([&] { return std::filesystem::exists(ipc_dir() + "/bus.in"); }));
   }
 
   void TearDown() override {
@@ -46,8 +48,7 @@ class Interop : public ::testing::Test {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, nullptr, 0);
     }
-    ::unsetenv("XPON_ROOT");
-    std::filesystem::remove_all(root_);
+    temp_root_.reset();
   }
 
   [[nodiscard]] std::string ipc_dir() const { return root_ + "/run/xpon/ipc"; }
@@ -92,24 +93,14 @@ class Interop : public ::testing::Test {
     return text.str();
   }
 
-  static bool eventually(const std::function<bool()>& condition, milliseconds limit = milliseconds(5000)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-      if (condition()) {
-        return true;
-      }
-      std::this_thread::sleep_for(milliseconds(10));
-    }
-    return condition();
-  }
-
   /// Whether `xpon-ipc serve` says it serves: its handler is subscribed by then, not only its inbox bound.
   bool serving() {
-    return eventually([&] {
+    return xpon::test::wait_until([&] {
       return read_file(root_ + "/serve.out").find("xpon-ipc: serving 14500:14504 at 0x0015fffe\n") != std::string::npos;
     });
   }
 
+  std::optional<xpon::test::TempRoot> temp_root_;
   std::string root_;
   std::vector<pid_t> children_;
   pid_t bus_ = -1;
@@ -149,7 +140,7 @@ TEST_F(Interop, RawClientQueriesXponIpcServe) {
                        0x00, 0x00, 0x00, 0x00, 0x02, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00};
   EXPECT_EQ(frame_bytes(frames[1]), expected);
   EXPECT_EQ(frame_bytes(frames[2]), (Bytes{0x15, 0x00}));
-  EXPECT_TRUE(eventually([&] {
+  EXPECT_TRUE(xpon::test::wait_until([&] {
     return read_file(root_ + "/serve.out").find("request 14500:14504 from 0x0019fffe tag 258 payload [] (0 bytes)\n") !=
            std::string::npos;
   }));
@@ -229,7 +220,7 @@ TEST_F(Interop, XponIpcWatchPrintsEventsOfARawPublisher) {
                      0x28, 0x23, 0x2D, 0x23, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
   int status = 0;
   // Until the watcher's subscription has reached the bus, events to it are dropped there.
-  const bool ended = eventually([&] {
+  const bool ended = xpon::test::wait_until([&] {
     push.send(zmq::buffer(Bytes{0x23, 0x28, 0x23, 0x2D}), zmq::send_flags::sndmore);
     push.send(zmq::buffer(header), zmq::send_flags::sndmore);
     push.send(zmq::buffer(Bytes{0xAA}), zmq::send_flags::none);

@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include "xpon/test/wait.hpp"
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -13,6 +15,7 @@ namespace xpon::test {
 struct ProcessEnd {
   bool signaled = false;  ///< ended by a signal rather than by exit
   int value = 0;          ///< the exit status, or the number of the signal that ended it
+  int wait_status = 0;    ///< the status as waitpid reported it, for WIFEXITED and the like
 
   /// True when the process exited by itself with this status.
   [[nodiscard]] bool exited_with(int status) const { return !signaled && value == status; }
@@ -37,7 +40,7 @@ class Process {
   /// Starts argv[0] (a path, not searched in PATH) with the caller's environment changed by
   /// `environment`: "NAME=value" sets a variable, a bare "NAME" removes it. Empty output
   /// paths mean /dev/null. Throws std::runtime_error when the program cannot be started.
-  Process(const std::vector<std::string>& argv, const std::vector<std::string>& environment,
+  Process(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {},
           const std::string& output_path = {}, const std::string& errors_path = {});
   ~Process();
 
@@ -61,6 +64,9 @@ class Process {
   /// Waits for the end of the child, at most `timeout`; empty when it still runs.
   std::optional<ProcessEnd> wait(std::chrono::milliseconds timeout);
 
+  /// Waits for the end of the child, however long it takes.
+  ProcessEnd wait();
+
   /// Sends the signal, waits up to `timeout`, then kills; returns how the child ended.
   ProcessEnd stop(int signal_number, std::chrono::milliseconds timeout);
 
@@ -77,27 +83,5 @@ ProgramRun run_program(const std::vector<std::string>& argv, const std::vector<s
 
 /// Reads a whole file; empty when it cannot be read.
 std::string read_text_file(const std::string& path);
-
-/// Waits until `predicate` holds, checking every few milliseconds; false after the time-out.
-template <typename Predicate>
-bool wait_until(Predicate&& predicate, std::chrono::milliseconds timeout,
-                std::chrono::milliseconds step = std::chrono::milliseconds(5));
-
-/// Sleeps for `step` (a helper of wait_until, kept out of the header's includes).
-void pause_for(std::chrono::milliseconds step);
-
-template <typename Predicate>
-bool wait_until(Predicate&& predicate, std::chrono::milliseconds timeout, std::chrono::milliseconds step) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    if (predicate()) {
-      return true;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    pause_for(step);
-  }
-}
 
 }  // namespace xpon::test

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace xpon::board::test {
+namespace xpon::test {
 
 /// A board driver's behaviour in memory: answers each command from a reply set by the test and records
 /// every call. Tests share it with the FakeDriver they hand over, so it outlives a board whose
@@ -89,7 +89,7 @@ class FakeDriverState {
 };
 
 /// The wrapper handed to the board object; all it does is forward to the shared state.
-class FakeDriver : public IPosixWrapper {
+class FakeDriver : public board::IPosixWrapper {
  public:
   explicit FakeDriver(std::shared_ptr<FakeDriverState> state = std::make_shared<FakeDriverState>())
       : state_(std::move(state)) {}
@@ -110,4 +110,4 @@ std::vector<std::uint8_t> bytes_of(const T& record) {
   return std::vector<std::uint8_t>(begin, begin + sizeof record);
 }
 
-}  // namespace xpon::board::test
+}  // namespace xpon::test
