@@ -25,21 +25,25 @@ ipc::Payload encode_sections_changed(std::span<const std::uint32_t> section_ids)
   ipc::Payload payload;
   payload.reserve(section_ids.size() * kChangeRecordSize);
   for (auto id : section_ids) {
-    const ChangeRecord record{id};
+    const ChangeRecord record{id, 1, 0};
     put_u32(payload, record.section_id);
-    put_u32(payload, record.word1);
-    put_u32(payload, record.word2);
+    put_u32(payload, record.changed);
+    put_u32(payload, record.reserved);
   }
   return payload;
 }
 
 core::Result<std::vector<ChangeRecord>> decode_sections_changed(std::span<const std::uint8_t> payload) {
+  if (payload.empty()) {
+    return core::ErrorPayload{core::Error::InvalidInputArg, "empty payload"};
+  }
   if (payload.size() % kChangeRecordSize != 0) {
-    return core::ErrorPayload{core::Error::InvalidInputArg,
-                              fmt::format("{} payload of {} bytes is not a whole number of {}-byte records",
-                                          kSectionsChangedName, payload.size(), kChangeRecordSize)};
+    return core::ErrorPayload{
+        core::Error::InvalidInputArg,
+        fmt::format("payload of {} bytes is not a whole number of {}-byte records", payload.size(), kChangeRecordSize)};
   }
   std::vector<ChangeRecord> records;
+  records.reserve(payload.size() / kChangeRecordSize);
   for (std::size_t at = 0; at < payload.size(); at += kChangeRecordSize) {
     records.push_back(
         ChangeRecord{get_u32(payload.subspan(at)), get_u32(payload.subspan(at + 4)), get_u32(payload.subspan(at + 8))});

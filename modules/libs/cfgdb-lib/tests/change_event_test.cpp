@@ -5,6 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <string>
 #include <vector>
 
 namespace xpon::cfgdb {
@@ -59,8 +62,36 @@ TEST(CfgdbChangeEvent, DecodeRefusesAPartialRecord) {
   auto records = decode_sections_changed(payload);
   ASSERT_FALSE(records);
   ASSERT_TRUE(records.error().info && records.error().info->message);
-  EXPECT_EQ(*records.error().info->message,
-            "IPC_EVENT_CFGDB__SECTIONS_CHANGED payload of 13 bytes is not a whole number of 12-byte records");
+  EXPECT_EQ(*records.error().info->message, "payload of 13 bytes is not a whole number of 12-byte records");
+}
+
+TEST(CfgdbChangeEvent, DecodesEachTwelveByteRecordLittleEndian) {
+  const std::vector<std::uint8_t> payload = {80,   0,    0,    0,    1,    0,    0,    0,    0,    0,    0,    0,  //
+                                             0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0x0C, 0x0B, 0x0A, 0x09};
+  const auto changes = decode_sections_changed(payload);
+  ASSERT_TRUE(changes);
+  ASSERT_EQ(changes.value().size(), 2U);
+  EXPECT_EQ(changes.value()[0], (ChangeRecord{80, 1, 0}));
+  EXPECT_EQ(changes.value()[1], (ChangeRecord{0x01020304U, 0x05060708U, 0x090A0B0CU}));
+}
+
+// Writers publish nothing when nothing changed, so an event always announces a section.
+TEST(CfgdbChangeEvent, EmptyPayloadIsMalformed) {
+  const auto changes = decode_sections_changed({});
+  ASSERT_TRUE(changes.has_error());
+  EXPECT_EQ(changes.error().error, core::Error::InvalidInputArg);
+  EXPECT_EQ(changes.error().to_string(), "Error: InvalidInputArg. Message: empty payload.");
+}
+
+TEST(CfgdbChangeEvent, PayloadNotAMultipleOfTwelveIsMalformed) {
+  for (const std::size_t size : {1U, 11U, 13U, 23U, 25U}) {
+    const std::vector<std::uint8_t> payload(size, 0);
+    const auto changes = decode_sections_changed(payload);
+    ASSERT_TRUE(changes.has_error()) << size;
+    EXPECT_EQ(changes.error().error, core::Error::InvalidInputArg);
+    EXPECT_EQ(changes.error().to_string(), "Error: InvalidInputArg. Message: payload of " + std::to_string(size) +
+                                               " bytes is not a whole number of 12-byte records.");
+  }
 }
 
 }  // namespace

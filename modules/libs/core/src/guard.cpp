@@ -3,15 +3,23 @@
 #include <cerrno>
 #include <exception>
 #include <stdexcept>
+#include <utility>
 
 namespace xpon::core {
 
 void log_error(logger::ILogger& logger, const ErrorPayload& error, const std::source_location& caller) {
   const std::string text = error.to_string();
-  if (error.info) {
+  if (error.info && !error.info->logged) {
     logger.log(logger::kError, text, error.info->location);
   }
   logger.log(logger::kError, fmt::format("{}", text), caller);
+}
+
+void log_error(logger::ILogger& logger, ErrorPayload& error, const std::source_location& caller) {
+  log_error(logger, std::as_const(error), caller);
+  if (error.info) {
+    error.info->logged = true;
+  }
 }
 
 ErrorPayload log_exception(logger::ILogger& logger, std::exception_ptr exception, const std::source_location& where) {

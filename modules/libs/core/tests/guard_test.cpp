@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 
@@ -90,24 +91,62 @@ TEST(LogError, WithoutInfoLogsOnlyTheCallersLine) {
   EXPECT_EQ(lines[0].text, "Error: CommonError");
 }
 
+// The chain f -> g -> h of the logging rule: f makes the error, g and h propagate it.
+std::uint_least32_t leaf_line = 0;
+std::uint_least32_t middle_line = 0;
+
 Result<void> failing_leaf() {
+  leaf_line = std::source_location::current().line() + 1;
   return ErrorPayload(Error::Overflow, "leaf");
 }
 
 Result<void> middle(RecordingLogger& logger) {
+  middle_line = std::source_location::current().line() + 1;
   return propagate(logger, failing_leaf());
 }
 
 TEST(Propagate, OneLinePerLevelOfTheCallChain) {
   RecordingLogger logger;
+  const auto here = std::source_location::current();
   const auto result = propagate(logger, middle(logger));
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Overflow);
+  ASSERT_TRUE(result.error().info.has_value());
+  EXPECT_TRUE(result.error().info->logged);
   const auto lines = logger.lines();
-  ASSERT_EQ(lines.size(), 4U);  // each propagate logs the error's own line and its caller's
+  // The error's own line once, where it is first propagated, then one line per level above it.
+  ASSERT_EQ(lines.size(), 3U);
   for (const auto& line : lines) {
+    EXPECT_EQ(line.level, 4);
     EXPECT_EQ(line.text, "Error: Overflow. Message: leaf.");
+    EXPECT_EQ(line.file, here.file_name());
   }
+  EXPECT_EQ(lines[0].line, leaf_line);
+  EXPECT_EQ(lines[1].line, middle_line);
+  EXPECT_EQ(lines[2].line, here.line() + 1);
+}
+
+TEST(Propagate, ACopyOfALoggedErrorKeepsItsOwnLineLogged) {
+  RecordingLogger logger;
+  ErrorPayload error(Error::Empty);
+  log_error(logger, error);
+  ASSERT_EQ(logger.lines().size(), 2U);
+  const ErrorPayload copy = error;
+  const auto here = std::source_location::current();
+  log_error(logger, copy);
+  const auto lines = logger.lines();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[2].text, "Error: Empty");
+  EXPECT_EQ(lines[2].line, here.line() + 1);
+}
+
+TEST(LogError, AConstErrorIsNotMarked) {
+  RecordingLogger logger;
+  const ErrorPayload error(Error::Empty);
+  log_error(logger, error);
+  log_error(logger, error);
+  EXPECT_EQ(logger.lines().size(), 4U);
+  EXPECT_FALSE(error.info->logged);
 }
 
 TEST(Propagate, SuccessLogsNothing) {

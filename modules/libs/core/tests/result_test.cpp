@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <source_location>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 namespace xpon::core {
 namespace {
@@ -130,6 +132,33 @@ TEST(ResultType, MadeFromBareCodeRecordsTheConversionSite) {
   EXPECT_EQ(result.error().error, Error::InvalidInputArg);
   ASSERT_TRUE(result.error().info.has_value());
   EXPECT_FALSE(result.error().info->message.has_value());
+  // The payload is made inside the result's converting constructor from the bare code, so the
+  // recorded place is that constructor in Outcome, not half() nor this test.
+  const auto& where = result.error().info->location;
+  const std::string_view file = where.file_name();
+  const std::string_view function = where.function_name();
+  EXPECT_NE(file.find("boost/outcome/"), std::string_view::npos) << file;
+  EXPECT_NE(file, std::string_view(std::source_location::current().file_name()));
+  EXPECT_NE(function.find("basic_result_storage"), std::string_view::npos) << function;
+  EXPECT_NE(function.find("Args = {xpon::core::Error}"), std::string_view::npos) << function;
+  EXPECT_NE(function.find("R = int"), std::string_view::npos) << function;
+  EXPECT_GT(where.line(), 0U);
+  // Any other conversion of a bare code to the same result type records that very place.
+  const Result<int> converted_here = Error::Empty;
+  const auto& other = converted_here.error().info->location;
+  EXPECT_EQ(other.line(), where.line());
+  EXPECT_EQ(std::string_view(other.file_name()), file);
+  EXPECT_EQ(std::string_view(other.function_name()), function);
+}
+
+TEST(ResultType, MadeFromAPayloadRecordsTheMakersSite) {
+  const auto here = std::source_location::current();
+  const Result<int> result = ErrorPayload(Error::Empty);
+  ASSERT_TRUE(result.has_error());
+  const auto& where = result.error().info->location;
+  EXPECT_EQ(where.line(), here.line() + 1);
+  EXPECT_EQ(std::string_view(where.file_name()), std::string_view(here.file_name()));
+  EXPECT_EQ(std::string_view(where.function_name()), std::string_view(here.function_name()));
 }
 
 TEST(ResultType, VoidResultSucceedsAndFails) {

@@ -27,11 +27,6 @@ using core::ErrorPayload;
 // A signal handler may call stop() at any moment; only a lock-free flag is safe there.
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-std::uint32_t read_u32_le(std::span<const std::uint8_t> bytes) {
-  return static_cast<std::uint32_t>(bytes[0]) | (static_cast<std::uint32_t>(bytes[1]) << 8U) |
-         (static_cast<std::uint32_t>(bytes[2]) << 16U) | (static_cast<std::uint32_t>(bytes[3]) << 24U);
-}
-
 struct MasterChange {
   std::uint16_t master_slot;
 };
@@ -39,25 +34,6 @@ struct MasterChange {
 using Delivery = std::variant<std::vector<Config_change>, MasterChange>;
 
 }  // namespace
-
-Result<std::vector<Config_change>> parse_sections_changed(std::span<const std::uint8_t> payload) {
-  if (payload.empty()) {
-    return ErrorPayload(Error::InvalidInputArg, "empty payload");
-  }
-  if (payload.size() % kConfigChangeRecordSize != 0) {
-    return ErrorPayload(Error::InvalidInputArg,
-                        fmt::format("payload of {} bytes is not a whole number of {}-byte records", payload.size(),
-                                    kConfigChangeRecordSize));
-  }
-  std::vector<Config_change> changes;
-  changes.reserve(payload.size() / kConfigChangeRecordSize);
-  for (std::size_t offset = 0; offset < payload.size(); offset += kConfigChangeRecordSize) {
-    const auto record = payload.subspan(offset, kConfigChangeRecordSize);
-    changes.push_back(Config_change{read_u32_le(record.subspan(0, 4)), read_u32_le(record.subspan(4, 4)),
-                                    read_u32_le(record.subspan(8, 4))});
-  }
-  return changes;
-}
 
 Result<std::uint16_t> parse_master_changed(std::span<const std::uint8_t> payload) {
   if (payload.size() != 2) {
@@ -153,8 +129,8 @@ Result<void> ServiceLauncher::subscribe_events() {
   // service sees every change on the launcher's thread, one at a time.
   auto subscribed = core::guarded_call(*logger_, [this]() -> Result<void> {
     return ipc_->subscribe_event(
-        kSectionsChangedEvent, [inbox = inbox_, logger = logger_](const ipc::Event& event) -> Result<void> {
-          auto changes = parse_sections_changed(event.payload);
+        cfgdb::kSectionsChangedKey, [inbox = inbox_, logger = logger_](const ipc::Event& event) -> Result<void> {
+          auto changes = cfgdb::decode_sections_changed(event.payload);
           if (!changes) {
             logger->error("Malformed IPC_EVENT_CFGDB__SECTIONS_CHANGED event dropped: {}",
                           changes.error().info && changes.error().info->message ? *changes.error().info->message : "");
@@ -181,7 +157,7 @@ Result<void> ServiceLauncher::subscribe_events() {
         });
   });
   if (!subscribed) {
-    auto undone = core::guarded_call(*logger_, [this] { return ipc_->unsubscribe_event(kSectionsChangedEvent); });
+    auto undone = core::guarded_call(*logger_, [this] { return ipc_->unsubscribe_event(cfgdb::kSectionsChangedKey); });
     (void)core::propagate(*logger_, std::move(undone));
     return core::propagate(*logger_, std::move(subscribed));
   }
@@ -189,7 +165,7 @@ Result<void> ServiceLauncher::subscribe_events() {
 }
 
 void ServiceLauncher::unsubscribe_events() {
-  for (const ipc::Key key : {kSectionsChangedEvent, kMasterChangedEvent}) {
+  for (const ipc::Key key : {cfgdb::kSectionsChangedKey, kMasterChangedEvent}) {
     auto unsubscribed = core::guarded_call(*logger_, [this, key] { return ipc_->unsubscribe_event(key); });
     // Nothing more can be done about it while shutting down; the line in the log is enough.
     (void)core::propagate(*logger_, std::move(unsubscribed));

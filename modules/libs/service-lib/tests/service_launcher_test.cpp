@@ -121,8 +121,8 @@ class RecordingService : public IService {
 
 ipc::Event sections_changed(std::vector<std::uint8_t> payload) {
   ipc::Event event;
-  event.group = kSectionsChangedEvent.group;
-  event.id = kSectionsChangedEvent.id;
+  event.group = cfgdb::kSectionsChangedKey.group;
+  event.id = cfgdb::kSectionsChangedKey.id;
   event.payload = std::move(payload);
   return event;
 }

@@ -1,6 +1,7 @@
 #include "decode.hpp"
 
 #include "tool.hpp"
+#include "xpon/cfgdb/change_event.hpp"
 #include "xpon/system_mgr/api.h"
 
 #include <fmt/format.h>
@@ -80,8 +81,6 @@ constexpr std::array kDaemonEvents{
 };
 
 // Events of other programs that show up on a board's bus next to the daemon's.
-constexpr std::uint16_t kCfgDbGroup = 11000;
-constexpr std::uint16_t kCfgDbSectionsChanged = 11001;
 constexpr std::uint16_t kElectionMasterChanged = 14505;
 
 constexpr std::string_view kRequestPrefix = "IPC_SYSTEM_MGR__";
@@ -516,8 +515,8 @@ std::string_view event_name(ipc::Key key) noexcept {
   if (key.group == IPC_EVENT_ALARM_GROUP && key.id == IPC_EVENT_ALARM_ID) {
     return "alarm";
   }
-  if (key.group == kCfgDbGroup && key.id == kCfgDbSectionsChanged) {
-    return "IPC_EVENT_CFGDB__SECTIONS_CHANGED";
+  if (key.group == cfgdb::kSectionsChangedKey.group && key.id == cfgdb::kSectionsChangedKey.id) {
+    return cfgdb::kSectionsChangedName;
   }
   if (key.group == IPC_ELECTION_MGR && key.id == kElectionMasterChanged) {
     return "IPC_EVENT_ELECTION__MASTER_CHANGED";

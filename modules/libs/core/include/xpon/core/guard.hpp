@@ -10,17 +10,23 @@
 
 namespace xpon::core {
 
-/// Logs an error on its way up a call chain: the error's own line (when it carries
-/// its info), then the same text at the caller's location; one line per level.
+/// Logs an error on its way up a call chain: the error's own line at its recorded location
+/// the first time (when it carries its info; the payload is marked so), then the same text at
+/// the caller's location; one line per level of the chain.
+void log_error(logger::ILogger& logger, ErrorPayload& error,
+               const std::source_location& caller = std::source_location::current());
+
+/// As above for an error that goes no further (the end of a chain): the own line is logged
+/// unless the error says it already was, but the payload is not marked.
 void log_error(logger::ILogger& logger, const ErrorPayload& error,
                const std::source_location& caller = std::source_location::current());
 
-/// Logs an error result as log_error does and hands it back unchanged, for `return propagate(...)`.
+/// Logs an error result as log_error does and hands it back (marked), for `return propagate(...)`.
 template <typename T>
 Result<T> propagate(logger::ILogger& logger, Result<T> result,
                     const std::source_location& caller = std::source_location::current()) {
   if (result.has_error()) {
-    log_error(logger, result.error(), caller);
+    log_error(logger, result.assume_error(), caller);
   }
   return result;
 }

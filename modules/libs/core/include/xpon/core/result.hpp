@@ -36,6 +36,9 @@ struct ErrorPayload {
   struct ErrorInfo {
     std::optional<std::string> message;
     std::source_location location;
+    /// Set once the error's own-location line has been logged; copies of the error carry it,
+    /// so the callers above add only their own line while the error travels up.
+    bool logged = false;
   };
 
   /// An empty payload (code 0, no info); Outcome needs its error type default-made.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "xpon/cfgdb/change_event.hpp"
 #include "xpon/core/result.hpp"
 #include "xpon/ipc/ipc.hpp"
 
@@ -12,13 +13,9 @@ namespace xpon::service {
 
 using core::Result;
 
-/// One changed configuration-database section, as announced by the database's writers.
-struct Config_change {
-  std::uint32_t section_id = 0;  ///< identifier of the section that changed (80: load-average alarm, ...)
-  std::uint32_t changed = 0;     ///< 1 in every record the writers publish today
-  std::uint32_t reserved = 0;    ///< 0 in every record the writers publish today
-  friend constexpr bool operator==(const Config_change&, const Config_change&) = default;
-};
+/// One changed configuration-database section, as announced by the database's writers: three
+/// u32 words, the first the section id. The record of the change event itself, not a copy of it.
+using Config_change = cfgdb::ChangeRecord;
 
 /// What the launcher knows about the running system, handed to every service operation.
 struct ServiceCtx {

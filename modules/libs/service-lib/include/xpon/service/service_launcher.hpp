@@ -14,18 +14,8 @@
 
 namespace xpon::service {
 
-/// The configuration database's "IPC_EVENT_CFGDB__SECTIONS_CHANGED" event.
-inline constexpr ipc::Key kSectionsChangedEvent{11000, 11001};
-
 /// The Election Manager's "IPC_EVENT_ELECTION__MASTER_CHANGED" event.
 inline constexpr ipc::Key kMasterChangedEvent{14500, 14505};
-
-/// Size of one record of the sections-changed payload: section id, 1, 0 as u32 little-endian.
-inline constexpr std::size_t kConfigChangeRecordSize = 12;
-
-/// Decodes a sections-changed payload; Error::InvalidInputArg (with a message saying why)
-/// when it is empty or not a whole number of records.
-Result<std::vector<Config_change>> parse_sections_changed(std::span<const std::uint8_t> payload);
 
 /// Decodes a master-changed payload (the master's slot, u16 little-endian);
 /// Error::InvalidInputArg when it is not exactly two bytes.
