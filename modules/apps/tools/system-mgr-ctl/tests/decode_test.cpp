@@ -1,7 +1,7 @@
 #include "decode.hpp"
 
-#include "tool.hpp"
 #include "xpon/system_mgr/api.h"
+#include "xpon/tool/console.hpp"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ int system_mgr_api_c_request_id(void);
 namespace xpon::system_mgr::ctl {
 namespace {
 
-using ipc::tool::UsageError;
+using tool::UsageError;
 
 constexpr ipc::Address kDaemon = 0x0019FFFE;
 
