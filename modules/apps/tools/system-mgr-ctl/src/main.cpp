@@ -6,6 +6,7 @@
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/tool/bus_watch.hpp"
+#include "xpon/tool/command_line.hpp"
 #include "xpon/tool/console.hpp"
 
 #include <signal.h>
@@ -30,7 +31,6 @@ using xpon::tool::kExitOk;
 using xpon::tool::kExitTimeout;
 using xpon::tool::kExitUsage;
 using xpon::tool::print_line;
-using xpon::tool::stop_signals;
 using xpon::tool::UsageError;
 namespace ipc = xpon::ipc;
 namespace wire = xpon::ipc::wire;
@@ -146,9 +146,7 @@ ipc::Payload command_payload(const CommandOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Blocked before any thread starts so that every thread inherits the mask.
-  const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  xpon::tool::block_stop_signals();
 
   CLI::App app{
       "Talks to the system manager daemon: sends it requests and prints the events it publishes, "
@@ -194,13 +192,7 @@ int main(int argc, char** argv) {
     options.app->add_option("--timeout", options.timeout, "Time to wait for the answer, in ms")->capture_default_str();
   }
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    const int status = app.exit(error);
-    return status == 0 ? kExitOk : kExitUsage;
-  }
-  try {
+  return xpon::tool::run_command_line(app, argc, argv, [&] {
     if (watch->parsed()) {
       return run_watch(watch_json, watch_count, watch_timeout);
     }
@@ -214,11 +206,5 @@ int main(int argc, char** argv) {
       }
     }
     return kExitUsage;
-  } catch (const UsageError& error) {
-    print_error(error.what());
-    return kExitUsage;
-  } catch (const std::exception& error) {
-    print_error(error.what());
-    return kExitFailed;
-  }
+  });
 }

@@ -13,6 +13,7 @@
 
 #include <array>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 
@@ -21,23 +22,6 @@ namespace xpon::tool {
 namespace {
 
 namespace wire = ipc::wire;
-
-/// Owns a file descriptor for the length of a watch.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  [[nodiscard]] int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 /// The event in three frames (topic, header, payload), or nullopt with `what` said about the message.
 std::optional<ipc::Event> to_event(const std::vector<zmq::message_t>& frames, bool strict, std::string& what) {
@@ -62,10 +46,13 @@ std::optional<ipc::Event> to_event(const std::vector<zmq::message_t>& frames, bo
 
 WatchResult watch_bus(const WatchOptions& options, const EventHandler& on_event, const MalformedHandler& on_malformed) {
   const sigset_t signals = stop_signals();
-  const FileDescriptor signal_fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (signal_fd.get() < 0) {
+  const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (signal_fd < 0) {
     throw std::runtime_error("cannot watch for SIGINT and SIGTERM (signalfd failed)");
   }
+  // Closes the descriptor however the watch ends.
+  const std::unique_ptr<const int, void (*)(const int*)> close_signal_fd(&signal_fd,
+                                                                         [](const int* fd) { ::close(*fd); });
   ipc::ensure_ipc_directory();
   zmq::context_t context(1);
   zmq::socket_t subscriber(context, zmq::socket_type::sub);
@@ -81,8 +68,7 @@ WatchResult watch_bus(const WatchOptions& options, const EventHandler& on_event,
   }
   subscriber.connect(ipc::bus_sub_endpoint());
 
-  std::array<zmq::pollitem_t, 2> items{
-      {{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd.get(), ZMQ_POLLIN, 0}}};
+  std::array<zmq::pollitem_t, 2> items{{{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd, ZMQ_POLLIN, 0}}};
   const auto deadline = std::chrono::steady_clock::now() + options.timeout;
   WatchResult result;
   std::vector<zmq::message_t> frames;

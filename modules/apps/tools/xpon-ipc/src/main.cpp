@@ -5,6 +5,7 @@
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/tool/bus_watch.hpp"
+#include "xpon/tool/command_line.hpp"
 #include "xpon/tool/console.hpp"
 
 #include <signal.h>
@@ -168,9 +169,7 @@ int run_serve(const Common& common, const std::string& address_text, const std::
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Blocked before any thread starts so that every thread inherits the mask.
-  const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  xpon::tool::block_stop_signals();
 
   CLI::App app{
       "Sends IPC requests, publishes and watches events, and answers requests as a stand-in peer. "
@@ -219,13 +218,7 @@ int main(int argc, char** argv) {
   serve->add_option("--result", serve_result, "Result word of every answer")->capture_default_str();
   serve->add_option("--count", serve_count, "Stop after answering this many requests (0: never)");
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    const int status = app.exit(error);
-    return status == 0 ? kExitOk : kExitUsage;
-  }
-  try {
+  return xpon::tool::run_command_line(app, argc, argv, [&] {
     if (send->parsed()) {
       return run_send(common, to, key, payload, timeout);
     }
@@ -236,11 +229,5 @@ int main(int argc, char** argv) {
       return run_watch(common, watch_keys, watch_count, watch_timeout);
     }
     return run_serve(common, serve_address, serve_key, serve_reply, serve_result, serve_count);
-  } catch (const UsageError& error) {
-    print_error(error.what());
-    return kExitUsage;
-  } catch (const std::exception& error) {
-    print_error(error.what());
-    return kExitFailed;
-  }
+  });
 }
