@@ -28,11 +28,13 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   }
   environment_words.insert(environment_words.end(), environment.begin(), environment.end());
   std::vector<char*> argv_pointers;
+  argv_pointers.reserve(argv.size() + 1);
   for (const auto& word : argv) {
     argv_pointers.push_back(const_cast<char*>(word.c_str()));
   }
   argv_pointers.push_back(nullptr);
   std::vector<char*> environment_pointers;
+  environment_pointers.reserve(environment_words.size() + 1);
   for (const auto& word : environment_words) {
     environment_pointers.push_back(const_cast<char*>(word.c_str()));
   }

@@ -43,7 +43,7 @@ using Clock = std::chrono::steady_clock;
 
 /// Receive-side limit: large enough that an oversized payload still arrives whole and is counted,
 /// small enough that a hostile peer cannot make the endpoint buffer arbitrary amounts.
-constexpr std::int64_t kMaxReceivedMessage = 1024 * 1024;
+constexpr std::int64_t kMaxReceivedMessage = std::int64_t{1024} * 1024;
 
 /// Messages taken from one socket before the other sockets get their turn.
 constexpr int kReceiveBatch = 256;

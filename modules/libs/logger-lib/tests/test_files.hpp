@@ -33,7 +33,7 @@ class TempDirTest : public ::testing::Test {
 
   /// Writes a file in the test's directory and returns its path.
   std::string write_file(std::string_view name, std::string_view text) const {
-    const std::string file = path(name);
+    std::string file = path(name);
     std::ofstream out(file, std::ios::binary);
     out << text;
     return file;

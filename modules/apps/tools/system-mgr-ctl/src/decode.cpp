@@ -193,6 +193,7 @@ std::string format_alarm(const ipc::Event& event, bool json) {
   }
   // A temperature travels as one signed byte at the start of the first value.
   if (alarm_id == SYSTEM_MGR_ALARM_TEMPERATURE) {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): the sign extension is the point
     values[0] = static_cast<std::int8_t>(bytes[offsetof(Alarm, value)]);
   }
   const auto text_field = bytes.subspan(offsetof(Alarm, text), sizeof(Alarm::text));

@@ -263,12 +263,12 @@ TEST(CtlEventDecoding, PPortSfpInsertionShowsPortStateAndData) {
   EXPECT_EQ(format_event(event, false),
             "15500:15539 IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED from 0x0019fffe: P-port 3 SFP module "
             "inserted, state 0x21, data [03" +
-                std::string(57 * 2, '0') + "ee]");
+                std::string(std::size_t{57} * 2, '0') + "ee]");
   EXPECT_EQ(
       format_event(event, true),
       R"({"type":"sfp_inserted","group":15500,"id":15539,"name":"IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED",)"
       R"("source":"0x0019fffe","slot":65534,"address":"0x0000fffe","ports":"P","port":3,"state":33,"data":"03)" +
-          std::string(57 * 2, '0') + R"(ee"})");
+          std::string(std::size_t{57} * 2, '0') + R"(ee"})");
 }
 
 TEST(CtlEventDecoding, FPortSfpRemovalShowsThePort) {

@@ -61,7 +61,7 @@ ipc::Payload parse_hex(std::string_view text) {
     }
     bytes.push_back(byte);
   }
-  if (bytes.size() > 64U * 1024U) {
+  if (bytes.size() > std::size_t{64} * 1024) {
     throw UsageError(fmt::format("payload: {} bytes is above the 64 KiB limit", bytes.size()));
   }
   return bytes;

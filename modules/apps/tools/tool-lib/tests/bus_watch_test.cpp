@@ -50,7 +50,7 @@ class BusWatch : public ::testing::Test {
         ADD_FAILURE() << "the watch did not subscribe";
         break;
       }
-      if (message.size() > 0 && message.data<std::uint8_t>()[0] == 1) {
+      if (!message.empty() && message.data<std::uint8_t>()[0] == 1) {
         ++subscribed;
       }
     }

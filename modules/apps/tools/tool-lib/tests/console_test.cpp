@@ -40,8 +40,8 @@ TEST(ToolConsole, PayloadIsTwoHexDigitsPerByte) {
   EXPECT_THROW(parse_hex("150"), UsageError);
   EXPECT_THROW(parse_hex("zz"), UsageError);
   EXPECT_THROW(parse_hex("+1"), UsageError);
-  EXPECT_EQ(parse_hex(std::string(2 * 64 * 1024, '0')).size(), 64U * 1024U);
-  EXPECT_THROW(parse_hex(std::string(2 * (64 * 1024 + 1), '0')), UsageError);
+  EXPECT_EQ(parse_hex(std::string(std::size_t{2} * 64 * 1024, '0')).size(), std::size_t{64} * 1024);
+  EXPECT_THROW(parse_hex(std::string(std::size_t{2} * (64 * 1024 + 1), '0')), UsageError);
   EXPECT_EQ(to_hex(Payload{0x00, 0x0F, 0xFF}), "000fff");
   EXPECT_EQ(to_hex(Payload{}), "");
 }

@@ -54,7 +54,7 @@ class Factory : public IFactory {
  private:
   std::shared_ptr<logger::ILogger> logger_;
   Factory__data record_;
-  DeviceType device_type_;
+  DeviceType device_type_ = DeviceType::LT;
 };
 
 /// Makes the service of the board's device family: LtService, LcService or FcService.

@@ -16,8 +16,8 @@ namespace xpon::tool {
 
 /// What a watch subscribes to, what it accepts as an event and when it stops.
 struct WatchOptions {
-  std::vector<ipc::Key> keys;                   ///< events to watch (id kAnyId: a whole group); none: every event
-  std::int64_t max_message_size = 1024 * 1024;  ///< ZeroMQ drops a larger message unseen
+  std::vector<ipc::Key> keys;  ///< events to watch (id kAnyId: a whole group); none: every event
+  std::int64_t max_message_size = std::int64_t{1024} * 1024;  ///< ZeroMQ drops a larger message unseen
   bool strict = false;                   ///< a bad topic frame or a payload above the wire limit is malformed too
   std::uint64_t count = 0;               ///< stop after this many events (0: never)
   std::chrono::milliseconds timeout{0};  ///< give up after this long (0: never)
