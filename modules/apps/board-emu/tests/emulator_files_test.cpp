@@ -191,8 +191,9 @@ TEST(EmulatorProgram, BadScenarioNamesTheFieldAndExitsTwo) {
 }
 
 TEST(EmulatorProgram, RefusesToCoverTheSystemDevWithoutASandboxRoot) {
-  const auto run = run_program({"/usr/bin/env", "-u", "XPON_ROOT", XPON_BOARD_EMU_PROGRAM, "--scenario",
-                                XPON_EXAMPLES_DIR "/board-lt.json", "--foreground"});
+  const std::string scenario = XPON_EXAMPLES_DIR "/board-lt.json";
+  const auto run =
+      run_program({"/usr/bin/env", "-u", "XPON_ROOT", XPON_BOARD_EMU_PROGRAM, "--scenario", scenario, "--foreground"});
   EXPECT_EQ(run.exit_status, 2);
   EXPECT_EQ(run.errors, "xpon-board-emu: refusing to mount over /dev: set XPON_ROOT or give --mount DIR\n");
 }

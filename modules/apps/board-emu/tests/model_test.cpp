@@ -190,7 +190,7 @@ TEST(ModelValidation, IdentificationMustBeHexBytes) {
             "pon_ports[0].identification: must be at most 60 bytes in hexadecimal (\"03 04 07 ...\"), not \"03 0g\"");
   EXPECT_EQ(refusal(R"({"pon_ports": [{"identification": "030"}]})"),
             "pon_ports[0].identification: must be at most 60 bytes in hexadecimal (\"03 04 07 ...\"), not \"030\"");
-  const std::string too_long(61 * 2, 'a');
+  const std::string too_long(std::size_t{61} * 2, 'a');
   auto model = model_from_json(Json{{"front_ports", {{{"identification", too_long}}}}});
   ASSERT_FALSE(model);
   EXPECT_EQ(error_text(model.error()),

@@ -108,7 +108,7 @@ int run(int settle_ms, bool verbose) {
     // Deep queues ride out bursts (an alarm storm) without dropping for a subscriber that lags a little.
     publisher.set(zmq::sockopt::sndhwm, kQueueDepth);
     inlet.set(zmq::sockopt::rcvhwm, kQueueDepth);
-    inlet.set(zmq::sockopt::maxmsgsize, std::int64_t{1024 * 1024});
+    inlet.set(zmq::sockopt::maxmsgsize, std::int64_t{1024} * 1024);
     publisher.bind(xpon::ipc::bus_sub_endpoint());
 
     // Subscribers reconnect on their own after a restart of the bus; giving them a moment before

@@ -70,7 +70,7 @@ class AlarmLog {
   ipc::EventHandler handler() {
     return [this](const ipc::Event& event) -> Result<void> {
       std::lock_guard lock(mutex_);
-      events_.push_back({std::chrono::steady_clock::now(), event});
+      events_.emplace_back(std::chrono::steady_clock::now(), event);
       return core::success();
     };
   }

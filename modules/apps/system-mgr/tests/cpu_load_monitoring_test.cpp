@@ -102,7 +102,7 @@ class CpuLoadMonitoringTest : public ::testing::Test {
   }
 
   static std::string text_of(const ipc::Payload& payload) {
-    return std::string(reinterpret_cast<const char*>(payload.data() + 45));
+    return {reinterpret_cast<const char*>(payload.data() + 45)};
   }
 
   test::Sandbox sandbox;

@@ -14,7 +14,7 @@
 
 namespace xpon::board {
 
-PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : logger_(logger), fd_(0) {
+PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : logger_(logger) {
   if (!logger_) {
     throw std::runtime_error("PosixWrapper needs a logger");
   }

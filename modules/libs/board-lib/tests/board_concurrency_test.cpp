@@ -44,6 +44,7 @@ TEST(BoardConcurrencyTest, DriverCallsFromManyThreadsNeverOverlap) {
   constexpr int kRounds = 50;
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int round = 0; round < kRounds; ++round) {

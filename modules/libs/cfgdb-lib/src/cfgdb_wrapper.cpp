@@ -74,8 +74,8 @@ CfgDbWrapper::CfgDbWrapper(std::string_view name)
       file_(core::host_path(kDatabasePath)),
       handle_(new CfgDb__handle{open_store(file_, std::string(kDatabasePath))}) {}
 
-CfgDbWrapper::CfgDbWrapper(std::string_view name, const std::string& file)
-    : name_(name), file_(file), handle_(new CfgDb__handle{open_store(file_, file_)}) {}
+CfgDbWrapper::CfgDbWrapper(std::string_view name, std::string file)
+    : name_(name), file_(std::move(file)), handle_(new CfgDb__handle{open_store(file_, file_)}) {}
 
 CfgDbWrapper::~CfgDbWrapper() {
   delete handle_;

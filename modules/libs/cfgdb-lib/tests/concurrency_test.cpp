@@ -89,6 +89,7 @@ TEST_F(CfgdbConcurrency, ThreadsSharingOneWrapperAllReadWholeRecords) {
   CfgDbWrapper shared("shared");
   std::atomic<int> bad{0};
   std::vector<std::thread> readers;
+  readers.reserve(4);
   for (int t = 0; t < 4; ++t) {
     readers.emplace_back([&] {
       const CfgDb__key key{};

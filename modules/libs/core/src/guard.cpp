@@ -31,7 +31,7 @@ ErrorPayload log_exception(logger::ILogger& logger, std::exception_ptr exception
   } catch (...) {
     logger.log(logger::kError, "An exception was thrown. ", where);
   }
-  return ErrorPayload(Error::Exception, where);
+  return {Error::Exception, where};
 }
 
 Result<void> check_c_api(logger::ILogger& logger, int returned, const std::source_location& where) {

@@ -90,7 +90,7 @@ TEST(ToString, UnknownCodeUsesUnknownErrorName) {
 // Made at a known place: file "a", line 12, in function f.
 ErrorPayload f() {
 #line 12 "a"
-  return ErrorPayload(Error::ErrorCApi, "x");
+  return ErrorPayload(Error::ErrorCApi, "x");  // NOLINT(modernize-return-braced-init-list): the place is the point
 }
 #line 104 "result_test.cpp"
 

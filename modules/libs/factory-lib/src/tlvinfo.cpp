@@ -128,7 +128,7 @@ DecodeResult decode_image(std::span<const std::uint8_t> bytes) {
     return invalid(fmt::format("image is truncated: {} bytes, the header needs {}", bytes.size(), kHeaderSize));
   }
   if (!std::equal(kMagic.begin(), kMagic.end(), bytes.begin())) {
-    return invalid("bad magic: the image does not start with \"TlvInfo\\0\"");
+    return invalid(R"(bad magic: the image does not start with "TlvInfo\0")");
   }
   Image image;
   image.version = bytes[8];

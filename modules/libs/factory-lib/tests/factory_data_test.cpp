@@ -12,7 +12,7 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 Bytes text(std::string_view value) {
-  return Bytes(value.begin(), value.end());
+  return {value.begin(), value.end()};
 }
 
 Bytes image_of(const std::vector<Tlv>& tlvs) {
@@ -61,6 +61,7 @@ TEST(FactoryData, RecordLayoutIsFixed) {
 TEST(FactoryData, ToTlvsPutsTheFieldsInTypeOrder) {
   const std::vector<Tlv> tlvs = to_tlvs(full_fields());
   std::vector<std::uint8_t> types;
+  types.reserve(tlvs.size());
   for (const Tlv& entry : tlvs) {
     types.push_back(entry.type);
   }

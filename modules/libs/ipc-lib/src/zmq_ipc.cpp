@@ -28,7 +28,7 @@ namespace {
 
 /// Receive-side limit: large enough that an oversized payload still arrives whole and is counted,
 /// small enough that a hostile peer cannot make the endpoint buffer arbitrary amounts.
-constexpr std::int64_t kMaxReceivedMessage = 1024 * 1024;
+constexpr std::int64_t kMaxReceivedMessage = std::int64_t{1024} * 1024;
 
 /// Reconnection interval of every connecting socket; short so a restarted peer or bus is found fast.
 constexpr int kReconnectIntervalMs = 50;

@@ -170,6 +170,7 @@ TEST_F(ZmqIpcTest, EightThreadsOfAThousandRequestsAreAllMatchedByTag) {
   std::atomic<int> matched{0};
   std::atomic<int> failed{0};
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kPerThread; ++i) {
@@ -323,7 +324,8 @@ TEST_F(ZmqIpcTest, ThrowingHandlerIsLoggedAndTheEndpointKeepsServing) {
                   ->subscribe_request(Key{15500, 1},
                                       [](const Request&) -> Result<void> {
                                         const std::optional<int> nothing;
-                                        return nothing.value() == 0 ? core::success() : core::success();
+                                        static_cast<void>(nothing.value());  // throws std::bad_optional_access
+                                        return core::success();
                                       })
                   .has_value());
   ASSERT_TRUE(server

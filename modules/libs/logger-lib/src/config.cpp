@@ -22,7 +22,7 @@ namespace xpon::logger::detail {
 namespace {
 
 // A logging configuration is a few lines; anything this large is not one.
-constexpr std::size_t kMaxConfigBytes = 1024 * 1024;
+constexpr std::size_t kMaxConfigBytes = std::size_t{1024} * 1024;
 constexpr std::int64_t kMaxRotatedFiles = 1000;
 
 std::string errno_text(int error) {

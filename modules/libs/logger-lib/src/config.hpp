@@ -21,9 +21,9 @@ enum class SinkType { Journal, Stderr, File };
 /// One [[sink]] entry.
 struct SinkConfig {
   SinkType type = SinkType::Stderr;
-  std::string path;                    // file sinks only
-  std::size_t max_size = 1024 * 1024;  // file sinks only: bytes before the file is rotated
-  std::size_t max_files = 3;           // file sinks only: rotated files kept besides the current one
+  std::string path;                                 // file sinks only
+  std::size_t max_size = std::size_t{1024} * 1024;  // file sinks only: bytes before the file is rotated
+  std::size_t max_files = 3;                        // file sinks only: rotated files kept besides the current one
 };
 
 /// The whole configuration of a logging context.

@@ -67,6 +67,7 @@ LoggingContext::LoggingContext(std::shared_ptr<detail::ContextState> state, std:
     : state_(std::move(state)), name_(std::move(name)), flags_(flags) {}
 
 LoggingContext::LoggingContext(LoggingContext&& other) noexcept
+    // NOLINTNEXTLINE(performance-move-constructor-init): a moved-from context keeps its name
     : state_(std::move(other.state_)), name_(other.name_), flags_(other.flags_) {}
 
 LoggingContext& LoggingContext::operator=(LoggingContext&& other) noexcept {

@@ -40,6 +40,7 @@ TEST_F(LoggerThreads, LinesFromManyThreadsArriveWholeAndOnce) {
   auto context = make_context(log);
   Logger shared("SYSTEM-MGR");
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&shared, thread] {
       Logger own("WORKER");
@@ -73,6 +74,7 @@ TEST_F(LoggerThreads, ContextsComeAndGoWhileThreadsLog) {
   std::atomic<bool> running{true};
   std::atomic<int> written{0};
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       Logger logger("SYSTEM-MGR");
@@ -106,6 +108,7 @@ TEST_F(LoggerThreads, CategoriesMadeConcurrentlyAreOnePerName) {
   constexpr int kThreads = 4;
   std::vector<std::vector<zlog_category_t*>> handles(kThreads);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&handles, thread] {
       for (int name = 0; name < 50; ++name) {

@@ -18,7 +18,6 @@ namespace xpon::system_mgr::test {
 namespace {
 
 using namespace std::chrono_literals;
-using xpon::test::Process;
 using xpon::test::read_text_file;
 using xpon::test::wait_until;
 
@@ -150,11 +149,11 @@ std::string DaemonRig::make_factory_image(const std::string& product) {
   return {};
 }
 
-void DaemonRig::write_log_config(const std::string& text) {
+void DaemonRig::write_log_config(const std::string& text) const {
   std::ofstream(path(kLogConfig), std::ios::binary | std::ios::trunc) << text;
 }
 
-void DaemonRig::install_example_log_config() {
+void DaemonRig::install_example_log_config() const {
   write_log_config(read_text_file(std::string(XPON_EXAMPLES_DIR) + "/logging/stderr.conf"));
 }
 

@@ -56,10 +56,10 @@ class DaemonRig {
   std::string make_factory_image(const std::string& product);
 
   /// Writes the daemon's logging configuration (/etc/zlog_modules_config/SYSTEM-MGR.conf).
-  void write_log_config(const std::string& text);
+  void write_log_config(const std::string& text) const;
 
   /// Copies the repository's example logging configuration (examples/logging/stderr.conf).
-  void install_example_log_config();
+  void install_example_log_config() const;
 
   /// Starts system-mgr with NOTIFY_SOCKET set to the listener; its stderr goes to daemon_log().
   void start_daemon();

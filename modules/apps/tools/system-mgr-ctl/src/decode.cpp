@@ -1,8 +1,8 @@
 #include "decode.hpp"
 
-#include "tool.hpp"
 #include "xpon/cfgdb/change_event.hpp"
 #include "xpon/system_mgr/api.h"
+#include "xpon/tool/console.hpp"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -23,7 +23,7 @@ namespace xpon::system_mgr::ctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
-using ipc::tool::UsageError;
+using tool::UsageError;
 
 struct Named {
   std::uint16_t id;
@@ -110,7 +110,7 @@ double read_f64(std::span<const std::uint8_t> bytes, std::size_t offset) noexcep
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
-  return ipc::tool::to_hex(ipc::Payload(bytes.begin(), bytes.end()));
+  return tool::to_hex(ipc::Payload(bytes.begin(), bytes.end()));
 }
 
 std::string byte_count(std::size_t size) {
@@ -192,6 +192,7 @@ std::string format_alarm(const ipc::Event& event, bool json) {
   }
   // A temperature travels as one signed byte at the start of the first value.
   if (alarm_id == SYSTEM_MGR_ALARM_TEMPERATURE) {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): the sign extension is the point
     values[0] = static_cast<std::int8_t>(bytes[offsetof(Alarm, value)]);
   }
   const auto text_field = bytes.subspan(offsetof(Alarm, text), sizeof(Alarm::text));
@@ -545,7 +546,7 @@ std::string_view alarm_name(std::uint32_t alarm_id) noexcept {
 
 std::uint16_t parse_request_id(std::string_view text) {
   if (!text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) != 0) {
-    const auto id = static_cast<std::uint16_t>(ipc::tool::parse_number(text, 0xFFFF, "--id"));
+    const auto id = static_cast<std::uint16_t>(tool::parse_number(text, 0xFFFF, "--id"));
     if (request_name(id).empty()) {
       throw UsageError(fmt::format("--id: {} is not a request of the system manager ({} to {})", text,
                                    static_cast<int>(IPC_SYSTEM_MGR__GET_RAM_DATA),

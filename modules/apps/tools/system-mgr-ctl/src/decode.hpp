@@ -14,12 +14,6 @@
 
 namespace xpon::system_mgr::ctl {
 
-/// Exit statuses of the tool.
-inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;  ///< error answer, or the operation failed
-inline constexpr int kExitUsage = 2;
-inline constexpr int kExitTimeout = 3;
-
 /// The identifier of a request the daemon answers ("IPC_SYSTEM_MGR__GET_TEMP"); empty if unknown.
 std::string_view request_name(std::uint16_t id) noexcept;
 
@@ -30,10 +24,10 @@ std::string_view event_name(ipc::Key key) noexcept;
 std::string_view alarm_name(std::uint32_t alarm_id) noexcept;
 
 /// Reads a request id: a number (decimal or 0x hex) of the daemon's range, or an identifier with
-/// or without its "IPC_SYSTEM_MGR__" prefix, in any case; throws ipc::tool::UsageError.
+/// or without its "IPC_SYSTEM_MGR__" prefix, in any case; throws tool::UsageError.
 std::uint16_t parse_request_id(std::string_view text);
 
-/// Reads a positive number of seconds with an optional fraction ("5", "0.5"); throws ipc::tool::UsageError.
+/// Reads a positive number of seconds with an optional fraction ("5", "0.5"); throws tool::UsageError.
 std::chrono::milliseconds parse_seconds(std::string_view text, std::string_view what);
 
 /// One line for an event: the daemon's alarm records, SFP and fan events decoded, any other

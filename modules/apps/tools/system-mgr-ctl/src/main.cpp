@@ -1,27 +1,23 @@
 // system-mgr-ctl: asks the system manager daemon over IPC and watches what it publishes.
 
 #include "decode.hpp"
-#include "tool.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/system_mgr/api.h"
+#include "xpon/tool/bus_watch.hpp"
+#include "xpon/tool/command_line.hpp"
+#include "xpon/tool/console.hpp"
 
 #include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
-#include <zmq.hpp>
-#include <zmq_addon.hpp>
 
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <deque>
 #include <filesystem>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,9 +26,12 @@
 namespace {
 
 using namespace xpon::system_mgr::ctl;
-using xpon::ipc::tool::print_line;
-using xpon::ipc::tool::stop_signals;
-using xpon::ipc::tool::UsageError;
+using xpon::tool::kExitFailed;
+using xpon::tool::kExitOk;
+using xpon::tool::kExitTimeout;
+using xpon::tool::kExitUsage;
+using xpon::tool::print_line;
+using xpon::tool::UsageError;
 namespace ipc = xpon::ipc;
 namespace wire = xpon::ipc::wire;
 
@@ -41,31 +40,14 @@ constexpr std::uint16_t kFirstClientApplication = 0xFE00;
 constexpr std::uint16_t kLastClientApplication = 0xFEFF;
 
 void print_error(const std::string& line) {
-  xpon::ipc::tool::print_error("system-mgr-ctl", line);
+  xpon::tool::print_error("system-mgr-ctl", line);
 }
-
-/// Owns a file descriptor for the length of a command.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  [[nodiscard]] int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 std::uint64_t parse_count(const std::optional<std::string>& text) {
   if (!text) {
     return 0;
   }
-  const auto count = xpon::ipc::tool::parse_number(*text, 0xFFFFFFFFU, "--count");
+  const auto count = xpon::tool::parse_number(*text, 0xFFFFFFFFU, "--count");
   if (count == 0) {
     throw UsageError("--count: at least 1 event");
   }
@@ -73,77 +55,31 @@ std::uint64_t parse_count(const std::optional<std::string>& text) {
 }
 
 int run_watch(bool json, const std::optional<std::string>& count_text, const std::optional<std::string>& timeout_text) {
-  const std::uint64_t count = parse_count(count_text);
+  xpon::tool::WatchOptions options;
+  options.count = parse_count(count_text);
   // Zero stands for "no time limit"; parse_seconds never gives it.
-  const std::chrono::milliseconds timeout =
-      timeout_text ? parse_seconds(*timeout_text, "--timeout") : std::chrono::milliseconds(0);
+  options.timeout = timeout_text ? parse_seconds(*timeout_text, "--timeout") : std::chrono::milliseconds(0);
+  // Bounds what one message may make this process allocate; larger ones are dropped by ZeroMQ.
+  options.max_message_size = static_cast<std::int64_t>(wire::kMaxPayload + 1024);
+  options.strict = true;
 
-  const sigset_t signals = stop_signals();
-  const FileDescriptor signal_fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (signal_fd.get() < 0) {
-    print_error("cannot watch for SIGINT and SIGTERM (signalfd failed)");
-    return kExitFailed;
-  }
   ipc::ensure_ipc_directory();
   if (!std::filesystem::exists(ipc::ipc_directory() + "/bus.sub")) {
     print_error("the event bus is not running yet; waiting for it");
   }
-  zmq::context_t context(1);
-  zmq::socket_t subscriber(context, zmq::socket_type::sub);
-  subscriber.set(zmq::sockopt::linger, 0);
-  // Bounds what one message may make this process allocate; larger ones are dropped by ZeroMQ.
-  subscriber.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(wire::kMaxPayload + 1024));
-  // Every event: the daemon's own, the alarm events and whatever else travels on the bus.
-  subscriber.set(zmq::sockopt::subscribe, "");
-  subscriber.connect(ipc::bus_sub_endpoint());
-
-  std::array<zmq::pollitem_t, 2> items{
-      {{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd.get(), ZMQ_POLLIN, 0}}};
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::uint64_t seen = 0;
-  std::vector<zmq::message_t> frames;
-  while (count == 0 || seen < count) {
-    auto wait = std::chrono::milliseconds(-1);
-    if (timeout.count() > 0) {
-      wait = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (wait.count() <= 0) {
-        if (count == 0 && seen > 0) {
-          return kExitOk;
-        }
-        print_error(count == 0 ? fmt::format("no event within {} s", *timeout_text)
-                               : fmt::format("{} of {} events within {} s", seen, count, *timeout_text));
-        return kExitTimeout;
-      }
-    }
-    zmq::poll(items.data(), items.size(), wait);
-    if ((items[1].revents & ZMQ_POLLIN) != 0) {
-      return kExitOk;
-    }
-    if ((items[0].revents & ZMQ_POLLIN) == 0) {
-      continue;
-    }
-    frames.clear();
-    if (!zmq::recv_multipart(subscriber, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
-      continue;
-    }
-    const auto topic =
-        frames.size() == 3 ? wire::decode_topic({frames[0].data<std::uint8_t>(), frames[0].size()}) : std::nullopt;
-    const auto decoded =
-        frames.size() == 3 ? wire::decode_header({frames[1].data<std::uint8_t>(), frames[1].size()}) : wire::Decoded{};
-    if (!topic || !decoded.header || decoded.header->kind != wire::Kind::Event ||
-        frames[2].size() > wire::kMaxPayload) {
-      // Shown rather than dropped silently, so that a faulty publisher can be found.
-      print_error(fmt::format("malformed message on the bus ({} frames{}); skipped", frames.size(),
-                              frames.size() == 3 && !decoded.header
-                                  ? ", " + std::string(wire::decode_error_name(decoded.error))
-                                  : std::string()));
-      continue;
-    }
-    const ipc::Event event = wire::to_event(*decoded.header, {frames[2].data<std::uint8_t>(), frames[2].size()});
-    print_line(format_event(event, json));
-    ++seen;
+  // Every event: the daemon's own, the alarm events and whatever else travels on the bus. What
+  // is not a well-formed event is shown rather than dropped silently, so that a faulty
+  // publisher can be found.
+  const auto result = xpon::tool::watch_bus(
+      options, [json](const ipc::Event& event) { print_line(format_event(event, json)); },
+      [](const std::string& what) { print_error(fmt::format("malformed message on the bus ({}); skipped", what)); });
+  if (result.end != xpon::tool::WatchEnd::TimedOut || (options.count == 0 && result.seen > 0)) {
+    return kExitOk;
   }
-  return kExitOk;
+  print_error(options.count == 0
+                  ? fmt::format("no event within {} s", *timeout_text)
+                  : fmt::format("{} of {} events within {} s", result.seen, options.count, *timeout_text));
+  return kExitTimeout;
 }
 
 std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
@@ -151,7 +87,7 @@ std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
 }
 
 int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const std::string& timeout_text) {
-  const auto timeout_ms = xpon::ipc::tool::parse_number(timeout_text, 3600000, "--timeout");
+  const auto timeout_ms = xpon::tool::parse_number(timeout_text, 3600000, "--timeout");
   if (timeout_ms == 0) {
     throw UsageError("--timeout: at least 1 ms");
   }
@@ -189,31 +125,28 @@ struct CommandOptions {
 ipc::Payload command_payload(const CommandOptions& options) {
   const auto& command = options.command;
   if (command.argument == RequestArgument::None) {
-    return xpon::ipc::tool::parse_hex(options.payload.value_or(""));
+    return xpon::tool::parse_hex(options.payload.value_or(""));
   }
   const std::string_view option = command.argument == RequestArgument::Port ? "--port" : "--speed";
   if (options.payload && options.argument) {
     throw UsageError(fmt::format("{} and --payload cannot both be given", option));
   }
   if (options.payload) {
-    return xpon::ipc::tool::parse_hex(*options.payload);
+    return xpon::tool::parse_hex(*options.payload);
   }
   if (!options.argument) {
     throw UsageError(fmt::format("{} needs {} (or --payload)", command.command, option));
   }
   if (command.argument == RequestArgument::Port) {
-    return port_payload(
-        static_cast<std::uint32_t>(xpon::ipc::tool::parse_number(*options.argument, 0xFFFFFFFFU, option)));
+    return port_payload(static_cast<std::uint32_t>(xpon::tool::parse_number(*options.argument, 0xFFFFFFFFU, option)));
   }
-  return {static_cast<std::uint8_t>(xpon::ipc::tool::parse_number(*options.argument, 0xFF, option))};
+  return {static_cast<std::uint8_t>(xpon::tool::parse_number(*options.argument, 0xFF, option))};
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Blocked before any thread starts so that every thread inherits the mask.
-  const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  xpon::tool::block_stop_signals();
 
   CLI::App app{
       "Talks to the system manager daemon: sends it requests and prints the events it publishes, "
@@ -259,18 +192,12 @@ int main(int argc, char** argv) {
     options.app->add_option("--timeout", options.timeout, "Time to wait for the answer, in ms")->capture_default_str();
   }
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    const int status = app.exit(error);
-    return status == 0 ? kExitOk : kExitUsage;
-  }
-  try {
+  return xpon::tool::run_command_line(app, argc, argv, [&] {
     if (watch->parsed()) {
       return run_watch(watch_json, watch_count, watch_timeout);
     }
     if (request->parsed()) {
-      return run_request(request_json, parse_request_id(request_id), xpon::ipc::tool::parse_hex(request_payload),
+      return run_request(request_json, parse_request_id(request_id), xpon::tool::parse_hex(request_payload),
                          request_timeout);
     }
     for (const auto& options : commands) {
@@ -279,11 +206,5 @@ int main(int argc, char** argv) {
       }
     }
     return kExitUsage;
-  } catch (const UsageError& error) {
-    print_error(error.what());
-    return kExitUsage;
-  } catch (const std::exception& error) {
-    print_error(error.what());
-    return kExitFailed;
-  }
+  });
 }

@@ -64,6 +64,7 @@ class Child {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdout_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (auto& argument : arguments) {
       argv.push_back(argument.data());
     }
@@ -188,7 +189,7 @@ class SystemMgrCtl : public ::testing::Test {
     for (const auto& argument : arguments) {
       command.push_back(argument);
     }
-    return Child(std::move(command), root_.path() / name);
+    return {std::move(command), root_.path() / name};
   }
 
   /// Publishes the event again and again until the watcher ends: a subscriber only gets what

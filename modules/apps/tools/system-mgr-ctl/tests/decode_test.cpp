@@ -1,7 +1,7 @@
 #include "decode.hpp"
 
-#include "tool.hpp"
 #include "xpon/system_mgr/api.h"
+#include "xpon/tool/console.hpp"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ int system_mgr_api_c_request_id(void);
 namespace xpon::system_mgr::ctl {
 namespace {
 
-using ipc::tool::UsageError;
+using tool::UsageError;
 
 constexpr ipc::Address kDaemon = 0x0019FFFE;
 
@@ -263,12 +263,12 @@ TEST(CtlEventDecoding, PPortSfpInsertionShowsPortStateAndData) {
   EXPECT_EQ(format_event(event, false),
             "15500:15539 IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED from 0x0019fffe: P-port 3 SFP module "
             "inserted, state 0x21, data [03" +
-                std::string(57 * 2, '0') + "ee]");
+                std::string(std::size_t{57} * 2, '0') + "ee]");
   EXPECT_EQ(
       format_event(event, true),
       R"({"type":"sfp_inserted","group":15500,"id":15539,"name":"IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED",)"
       R"("source":"0x0019fffe","slot":65534,"address":"0x0000fffe","ports":"P","port":3,"state":33,"data":"03)" +
-          std::string(57 * 2, '0') + R"(ee"})");
+          std::string(std::size_t{57} * 2, '0') + R"(ee"})");
 }
 
 TEST(CtlEventDecoding, FPortSfpRemovalShowsThePort) {

@@ -14,7 +14,6 @@
 namespace xpon::cfg_tool {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 
@@ -49,7 +48,7 @@ class CfgTool : public xpon::test::CfgDbSandbox {
   }
 
   std::string write_file(const std::string& name, const std::string& text) {
-    const std::string path = root_ + "/" + name;
+    std::string path = root_ + "/" + name;
     std::ofstream(path) << text;
     return path;
   }
@@ -311,7 +310,7 @@ TEST_F(CfgTool, ImportRefusesDocumentsOfTheWrongShape) {
 }
 
 TEST_F(CfgTool, ImportRefusesMalformedJson) {
-  const auto file = write_file("broken.json", "{\"FAN\": {\"mode\": 1}");
+  const auto file = write_file("broken.json", R"({"FAN": {"mode": 1})");
   expect_refused({"import", file},
                  file +
                      ": not valid JSON: [json.exception.parse_error.101] parse error at line 1, column 20: syntax "

@@ -44,7 +44,7 @@ std::string slurp(const fs::path& path) {
 
 Bytes read_bytes(const fs::path& path) {
   const std::string text = slurp(path);
-  return Bytes(text.begin(), text.end());
+  return {text.begin(), text.end()};
 }
 
 void write_bytes(const fs::path& path, const Bytes& bytes) {
@@ -61,6 +61,7 @@ class FactoryTool : public ::testing::Test {
     std::vector<std::string> words = {XPON_FACTORY_PROGRAM};
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
       argv.push_back(word.data());
     }

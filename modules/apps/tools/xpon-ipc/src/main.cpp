@@ -3,8 +3,10 @@
 
 #include "tool.hpp"
 #include "xpon/ipc/paths.hpp"
-#include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/tool/bus_watch.hpp"
+#include "xpon/tool/command_line.hpp"
+#include "xpon/tool/console.hpp"
 
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -12,15 +14,11 @@
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
-#include <zmq.hpp>
-#include <zmq_addon.hpp>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,12 +28,13 @@ namespace {
 
 using namespace xpon::ipc;
 using namespace xpon::ipc::tool;
+using namespace xpon::tool;
 
 /// Application ids tried, in order, when no --from is given.
 constexpr std::uint16_t kFirstToolApplication = 0xFF00;
 
 void print_error(const std::string& line) {
-  xpon::ipc::tool::print_error("xpon-ipc", line);
+  xpon::tool::print_error("xpon-ipc", line);
 }
 
 std::shared_ptr<ZmqIpc> open_endpoint(const std::optional<std::string>& from, std::chrono::milliseconds linger) {
@@ -108,67 +107,20 @@ int run_publish(const Common& common, const std::string& key_text, const std::st
 
 int run_watch(const Common& common, const std::vector<std::string>& key_texts, std::uint64_t count,
               const std::string& timeout_text) {
-  std::vector<Key> keys;
+  xpon::tool::WatchOptions options;
   for (const auto& text : key_texts) {
-    keys.push_back(parse_key(text, true));
+    options.keys.push_back(parse_key(text, true));
   }
-  const auto timeout = std::chrono::milliseconds(parse_number(timeout_text, 86400000, "--timeout"));
-  const sigset_t signals = stop_signals();
-  const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-  ensure_ipc_directory();
-  zmq::context_t context(1);
-  zmq::socket_t subscriber(context, zmq::socket_type::sub);
-  subscriber.set(zmq::sockopt::linger, 0);
-  subscriber.set(zmq::sockopt::maxmsgsize, std::int64_t{1024 * 1024});
-  if (keys.empty()) {
-    subscriber.set(zmq::sockopt::subscribe, "");
+  options.timeout = std::chrono::milliseconds(parse_number(timeout_text, 86400000, "--timeout"));
+  options.count = count;
+  // The watcher shows what others drop, so that a bad publisher can be found.
+  const auto result = xpon::tool::watch_bus(
+      options, [&](const Event& event) { print_line(format_event(event, common.json)); },
+      [](const std::string& what) { print_error(fmt::format("malformed message on the bus ({})", what)); });
+  if (result.end == xpon::tool::WatchEnd::TimedOut) {
+    print_error(fmt::format("{} of {} events seen before the time-out", result.seen, count));
+    return kExitTimeout;
   }
-  for (const auto key : keys) {
-    std::size_t length = 0;
-    const auto prefix = wire::subscription_prefix(key, length);
-    subscriber.set(zmq::sockopt::subscribe, zmq::const_buffer(prefix.data(), length));
-  }
-  subscriber.connect(bus_sub_endpoint());
-  std::array<zmq::pollitem_t, 2> items{{{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd, ZMQ_POLLIN, 0}}};
-  const auto end = std::chrono::steady_clock::now() + timeout;
-  std::uint64_t seen = 0;
-  std::vector<zmq::message_t> frames;
-  while (count == 0 || seen < count) {
-    auto wait = std::chrono::milliseconds(-1);
-    if (timeout.count() > 0) {
-      wait = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-      if (wait.count() <= 0) {
-        print_error(fmt::format("{} of {} events seen before the time-out", seen, count));
-        ::close(signal_fd);
-        return kExitTimeout;
-      }
-    }
-    zmq::poll(items.data(), items.size(), wait);
-    if ((items[1].revents & ZMQ_POLLIN) != 0) {
-      break;
-    }
-    if ((items[0].revents & ZMQ_POLLIN) == 0) {
-      continue;
-    }
-    frames.clear();
-    if (!zmq::recv_multipart(subscriber, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
-      continue;
-    }
-    // The watcher shows what others drop, so that a bad publisher can be found.
-    const auto header =
-        frames.size() == 3 ? wire::decode_header({frames[1].data<std::uint8_t>(), frames[1].size()}) : wire::Decoded{};
-    if (frames.size() != 3 || !header.header || header.header->kind != wire::Kind::Event) {
-      print_error(fmt::format("malformed message on the bus ({} frames{})", frames.size(),
-                              frames.size() == 3 && !header.header
-                                  ? ", " + std::string(wire::decode_error_name(header.error))
-                                  : std::string()));
-      continue;
-    }
-    const Event event = wire::to_event(*header.header, {frames[2].data<std::uint8_t>(), frames[2].size()});
-    print_line(format_event(event, common.json));
-    ++seen;
-  }
-  ::close(signal_fd);
   return kExitOk;
 }
 
@@ -217,9 +169,7 @@ int run_serve(const Common& common, const std::string& address_text, const std::
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Blocked before any thread starts so that every thread inherits the mask.
-  const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  xpon::tool::block_stop_signals();
 
   CLI::App app{
       "Sends IPC requests, publishes and watches events, and answers requests as a stand-in peer. "
@@ -268,13 +218,7 @@ int main(int argc, char** argv) {
   serve->add_option("--result", serve_result, "Result word of every answer")->capture_default_str();
   serve->add_option("--count", serve_count, "Stop after answering this many requests (0: never)");
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    const int status = app.exit(error);
-    return status == 0 ? kExitOk : kExitUsage;
-  }
-  try {
+  return xpon::tool::run_command_line(app, argc, argv, [&] {
     if (send->parsed()) {
       return run_send(common, to, key, payload, timeout);
     }
@@ -285,11 +229,5 @@ int main(int argc, char** argv) {
       return run_watch(common, watch_keys, watch_count, watch_timeout);
     }
     return run_serve(common, serve_address, serve_key, serve_reply, serve_result, serve_count);
-  } catch (const UsageError& error) {
-    print_error(error.what());
-    return kExitUsage;
-  } catch (const std::exception& error) {
-    print_error(error.what());
-    return kExitFailed;
-  }
+  });
 }

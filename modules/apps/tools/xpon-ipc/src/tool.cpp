@@ -3,48 +3,13 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include <charconv>
-#include <cstdio>
+#include <iterator>
 
 namespace xpon::ipc::tool {
 
-void print_line(const std::string& line) {
-  const std::string text = line + "\n";
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
-}
-
-void print_error(std::string_view program, const std::string& line) {
-  const std::string text = fmt::format("{}: {}\n", program, line);
-  std::fwrite(text.data(), 1, text.size(), stderr);
-}
-
-sigset_t stop_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  return signals;
-}
-
-std::uint64_t parse_number(std::string_view text, std::uint64_t max, std::string_view what) {
-  int base = 10;
-  std::string_view digits = text;
-  if (digits.starts_with("0x") || digits.starts_with("0X")) {
-    base = 16;
-    digits.remove_prefix(2);
-  }
-  std::uint64_t value = 0;
-  const char* end = digits.data() + digits.size();
-  const auto [stop, error] = std::from_chars(digits.data(), end, value, base);
-  if (digits.empty() || error != std::errc{} || stop != end) {
-    throw UsageError(fmt::format("{}: '{}' is not a number (decimal or 0x hex)", what, text));
-  }
-  if (value > max) {
-    throw UsageError(fmt::format("{}: {} is out of range (at most {:#x})", what, text, max));
-  }
-  return value;
-}
+using xpon::tool::parse_number;
+using xpon::tool::to_hex;
+using xpon::tool::UsageError;
 
 Address parse_address(std::string_view text, std::string_view what) {
   return static_cast<Address>(parse_number(text, 0xFFFFFFFFU, what));
@@ -60,36 +25,6 @@ Key parse_key(std::string_view text, bool id_optional) {
   }
   return Key{static_cast<std::uint16_t>(parse_number(text.substr(0, colon), 0xFFFF, "--key group")),
              static_cast<std::uint16_t>(parse_number(text.substr(colon + 1), 0xFFFF, "--key id"))};
-}
-
-Payload parse_hex(std::string_view text) {
-  if (text.size() % 2 != 0) {
-    throw UsageError(fmt::format("payload: '{}' has an odd number of hex digits", text));
-  }
-  Payload bytes;
-  bytes.reserve(text.size() / 2);
-  for (std::size_t i = 0; i < text.size(); i += 2) {
-    std::uint8_t byte = 0;
-    const char* begin = text.data() + i;
-    const auto [stop, error] = std::from_chars(begin, begin + 2, byte, 16);
-    if (error != std::errc{} || stop != begin + 2) {
-      throw UsageError(fmt::format("payload: '{}' is not hex digits", text));
-    }
-    bytes.push_back(byte);
-  }
-  if (bytes.size() > 64U * 1024U) {
-    throw UsageError(fmt::format("payload: {} bytes is above the 64 KiB limit", bytes.size()));
-  }
-  return bytes;
-}
-
-std::string to_hex(const Payload& bytes) {
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (const auto byte : bytes) {
-    fmt::format_to(std::back_inserter(text), "{:02x}", byte);
-  }
-  return text;
 }
 
 namespace {

@@ -164,7 +164,7 @@ inline constexpr std::size_t kMaxPorts = 255;
 inline constexpr int kMaxJsonDepth = 32;
 
 /// Largest scenario file or patch accepted, in bytes.
-inline constexpr std::size_t kMaxJsonText = 4 * 1024 * 1024;
+inline constexpr std::size_t kMaxJsonText = std::size_t{4} * 1024 * 1024;
 
 /// Parses a scenario or patch text; refuses text that is not JSON, too large or nested too deep
 /// ("not valid JSON: ...", "the JSON text is larger than 4194304 bytes", "the JSON text is nested

@@ -11,7 +11,7 @@
 namespace xpon::system_mgr {
 
 Factory::Factory(const std::shared_ptr<logger::ILogger>& logger, const std::string_view& name)
-    : logger_(logger), record_{}, device_type_(DeviceType::LT) {
+    : logger_(logger), record_{} {
   std::memset(&record_, 0, sizeof(record_));
   bool valid = false;
   const int returned = get_factory(logger::Logger::get_raw_zlog_category(name), &record_, &valid);

@@ -49,7 +49,7 @@ class Factory : public IFactory {
  private:
   std::shared_ptr<logger::ILogger> logger_;
   Factory__data record_;
-  DeviceType device_type_;
+  DeviceType device_type_ = DeviceType::LT;
 };
 
 }  // namespace xpon::system_mgr

@@ -49,7 +49,7 @@ class PosixWrapper : public IPosixWrapper {
 
  private:
   std::shared_ptr<logger::ILogger> logger_;
-  int fd_;
+  int fd_ = 0;
 };
 
 }  // namespace xpon::board

@@ -20,7 +20,7 @@ class CfgDbWrapper {
   explicit CfgDbWrapper(std::string_view name);
 
   /// Opens the database at an explicit file path (tests, tools given --db).
-  CfgDbWrapper(std::string_view name, const std::string& file);
+  CfgDbWrapper(std::string_view name, std::string file);
 
   ~CfgDbWrapper();
   CfgDbWrapper(const CfgDbWrapper&) = delete;

@@ -21,7 +21,7 @@ inline constexpr std::size_t kHeaderSize = 24;
 inline constexpr std::size_t kTopicSize = 4;
 
 /// Largest payload accepted or sent.
-inline constexpr std::size_t kMaxPayload = 64U * 1024U;
+inline constexpr std::size_t kMaxPayload = std::size_t{64} * 1024;
 
 /// The flag bit saying that a request carries reply information.
 inline constexpr std::uint16_t kFlagReplyWanted = 0x0001;

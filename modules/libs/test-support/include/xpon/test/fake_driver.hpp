@@ -76,6 +76,7 @@ class FakeDriverState {
   /// The requests issued so far, in order.
   [[nodiscard]] std::vector<unsigned long> requests() const {
     std::vector<unsigned long> result;
+    result.reserve(calls.size());
     for (const auto& call : calls) {
       result.push_back(call.request);
     }
@@ -107,7 +108,7 @@ class FakeDriver : public board::IPosixWrapper {
 template <typename T>
 std::vector<std::uint8_t> bytes_of(const T& record) {
   const auto* begin = reinterpret_cast<const std::uint8_t*>(&record);
-  return std::vector<std::uint8_t>(begin, begin + sizeof record);
+  return {begin, begin + sizeof record};
 }
 
 }  // namespace xpon::test
