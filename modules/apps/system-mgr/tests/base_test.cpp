@@ -470,7 +470,8 @@ TEST_F(SysFunctionTest, EarlyWakeUpThatIsNotAStopEndsTheThread) {
 
 TEST_F(SysFunctionTest, ThreadThatCannotStartIsAnExceptionNamingTheFunction) {
   auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
-  function->set_thread_starter([](std::function<void()>) -> std::thread { throw std::runtime_error("no thread"); });
+  function->set_thread_starter(
+      [](const std::function<void()>&) -> std::thread { throw std::runtime_error("no thread"); });
   const auto result = function->run();
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Exception);
@@ -486,7 +487,7 @@ TEST_F(SysFunctionTest, ThreadThatCannotStartIsAnExceptionNamingTheFunction) {
 
 TEST_F(SysFunctionTest, ThreadStartThrowingSomethingElseIsAnUnknownException) {
   auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
-  function->set_thread_starter([](std::function<void()>) -> std::thread { throw 42; });
+  function->set_thread_starter([](const std::function<void()>&) -> std::thread { throw 42; });
   const auto result = function->run();
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Exception);
@@ -500,7 +501,8 @@ TEST_F(SysFunctionTest, ThreadStartThrowingSomethingElseIsAnUnknownException) {
 TEST_F(SysFunctionTest, FailedUndoOfTheSubscriptionIsOnlyLogged) {
   auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
   function->unsubscribe_result = core::ErrorPayload(Error::Empty, "nothing to undo");
-  function->set_thread_starter([](std::function<void()>) -> std::thread { throw std::runtime_error("no thread"); });
+  function->set_thread_starter(
+      [](const std::function<void()>&) -> std::thread { throw std::runtime_error("no thread"); });
   const auto result = function->run();
   ASSERT_TRUE(result.has_error());
   ASSERT_TRUE(result.error().info && result.error().info->message);

@@ -64,7 +64,7 @@ TempDir::~TempDir() {
 }
 
 std::string TempDir::write(const std::string& relative, const std::string& text) const {
-  const std::string target = file(relative);
+  std::string target = file(relative);
   std::ofstream out(target, std::ios::binary | std::ios::trunc);
   out << text;
   out.close();

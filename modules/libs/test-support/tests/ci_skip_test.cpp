@@ -5,6 +5,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ std::vector<::testing::TestPartResult> outcome_of(const std::string& reason, con
     [&] { XPON_SKIP_OR_FAIL_IN_CI(reason); }();
   }
   std::vector<::testing::TestPartResult> reported;
+  reported.reserve(static_cast<std::size_t>(results.size()));
   for (int i = 0; i < results.size(); ++i) {
     reported.push_back(results.GetTestPartResult(i));
   }

@@ -27,9 +27,9 @@ bool same_bytes(const T& left, const T& right) {
 
 TEST(FakeBoardTest, RecordsEveryCallWithItsArgumentInOrder) {
   FakeBoard board;
-  Brd__led led = record_with<Brd__led>(0x11);
-  Brd__cntrl_sfp_trx trx = record_with<Brd__cntrl_sfp_trx>(0x22);
-  Brd__sfp_state state = record_with<Brd__sfp_state>(0x33);
+  auto led = record_with<Brd__led>(0x11);
+  auto trx = record_with<Brd__cntrl_sfp_trx>(0x22);
+  auto state = record_with<Brd__sfp_state>(0x33);
   std::vector<Brd__temp_info> temps(3, record_with<Brd__temp_info>(0x44));
 
   ASSERT_TRUE(board.get_fan_count().has_value());
@@ -64,6 +64,7 @@ TEST(FakeBoardTest, RecordsCallsFromManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kCalls = 500;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&board, t] {
       for (int i = 0; i < kCalls; ++i) {
@@ -92,7 +93,7 @@ TEST(FakeBoardTest, AnswersWithZerosAndEmptyListsUntilToldOtherwise) {
   EXPECT_EQ(board.get_fpga_config_version().value(), 0);
   EXPECT_TRUE(board.get_fan_info().value().empty());
   EXPECT_TRUE(same_bytes(board.get_pwr_module_state().value(), Wake__pwr_module{}));
-  Brd__sfp_data data = record_with<Brd__sfp_data>(0x5A);
+  auto data = record_with<Brd__sfp_data>(0x5A);
   ASSERT_TRUE(board.get_f_port_sfp_data(data).has_value());
   EXPECT_TRUE(same_bytes(data, record_with<Brd__sfp_data>(0x5A))) << "an unanswered record is left as it came";
 }

@@ -10,7 +10,7 @@
 /// failure where CI=true, since CI provides what the test needs and a skip there would hide a fault.
 #define XPON_SKIP_OR_FAIL_IN_CI(reason)                                                      \
   do {                                                                                       \
-    const std::string xpon_unavailable_reason_ = (reason);                                   \
+    const std::string& xpon_unavailable_reason_ = (reason);                                  \
     if (!xpon_unavailable_reason_.empty()) {                                                 \
       if (::xpon::test::running_in_ci()) {                                                   \
         GTEST_FAIL() << "CI=true, so this test must run, but: " << xpon_unavailable_reason_; \
