@@ -660,4 +660,22 @@ std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Resp
   return text;
 }
 
+std::string format_ram(ipc::Address from, const ipc::Response& response, bool json) {
+  if (response.result != SYSTEM_MGR_RESULT_ANSWERED || response.payload.size() != sizeof(System_mgr__ram_data)) {
+    return format_response(from, IPC_SYSTEM_MGR__GET_RAM_DATA, response, json);
+  }
+  const float total = read_f32(response.payload, 0);
+  const float free = read_f32(response.payload, 4);
+  constexpr double kKibPerMib = 1024.0;
+  const double total_mib = static_cast<double>(total) / kKibPerMib;
+  const double free_mib = static_cast<double>(free) / kKibPerMib;
+  if (json) {
+    return Json{
+        {"type", "ram"}, {"total_kb", total}, {"free_kb", free}, {"total_mib", total_mib}, {"free_mib", free_mib}}
+        .dump();
+  }
+  return fmt::format("RAM total {} kB ({:.1f} MiB), free {} kB ({:.1f} MiB)", number(total), total_mib, number(free),
+                     free_mib);
+}
+
 }  // namespace xpon::system_mgr::ctl

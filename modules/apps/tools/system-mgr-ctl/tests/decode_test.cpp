@@ -385,6 +385,41 @@ TEST(CtlResponseDecoding, RamAndDiskSizesAreTwoFloats) {
   EXPECT_TRUE(format_response(kDaemon, 15502, answered(disk), false).ends_with("\n  total 7.25 GiB, free 0.1 GiB"));
 }
 
+// --- the ram command ---------------------------------------------------------------------------
+
+// 4045632.0F then 1234567.0F, little-endian IEEE 754 singles.
+const ipc::Payload kRamAnswer{0x00, 0xED, 0x76, 0x4A, 0x38, 0xB4, 0x96, 0x49};
+
+TEST(CtlRam, TotalAndFreeInKilobytesAndMebibytes) {
+  EXPECT_EQ(format_ram(kDaemon, answered(kRamAnswer), false),
+            "RAM total 4045632 kB (3950.8 MiB), free 1234567 kB (1205.6 MiB)");
+}
+
+TEST(CtlRam, JsonHasBothValuesInBothUnits) {
+  EXPECT_EQ(format_ram(kDaemon, answered(kRamAnswer), true),
+            R"({"type":"ram","total_kb":4045632.0,"free_kb":1234567.0,"total_mib":3950.8125,)"
+            R"("free_mib":1205.6318359375})");
+}
+
+TEST(CtlRam, ErrorAnswerIsShownAsTheResponse) {
+  ipc::Response response;
+  response.result = 0;
+  EXPECT_EQ(format_ram(kDaemon, response, false),
+            "15500:15501 IPC_SYSTEM_MGR__GET_RAM_DATA from 0x0019fffe: result 0 (error answer), payload [] (0 bytes)");
+  EXPECT_EQ(format_ram(kDaemon, response, true), format_response(kDaemon, 15501, response, true));
+}
+
+TEST(CtlRam, AnswerOfAnotherSizeIsShownAsMalformed) {
+  EXPECT_EQ(
+      format_ram(kDaemon, answered({0x01, 0x02, 0x03}), false),
+      "15500:15501 IPC_SYSTEM_MGR__GET_RAM_DATA from 0x0019fffe: result 1 (answered), payload [010203] (3 bytes)\n"
+      "  malformed answer: 3 bytes, expected 8");
+  ipc::Payload longer = kRamAnswer;
+  longer.push_back(0);
+  EXPECT_TRUE(format_ram(kDaemon, answered(longer), true)
+                  .ends_with(R"("decoded":{"error":"malformed answer: 9 bytes, expected 8"}})"));
+}
+
 TEST(CtlResponseDecoding, VersionsAndFrontButtonFlagsAreOneByte) {
   EXPECT_TRUE(format_response(kDaemon, 15507, answered({0x12}), false).ends_with("(1 byte)\n  version 0x12 (18)"));
   EXPECT_TRUE(format_response(kDaemon, 15506, answered({0x12}), true).ends_with(R"("decoded":{"version":18}})"));
