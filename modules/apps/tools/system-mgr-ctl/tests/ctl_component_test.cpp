@@ -372,6 +372,34 @@ TEST_F(SystemMgrCtl, PortCommandSendsThePortAndDecodesTheDiagnostics) {
             "(0 bytes)\n");
 }
 
+TEST_F(SystemMgrCtl, RamCommandSendsGetRamDataAndPrintsKilobytesAndMebibytes) {
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  ASSERT_TRUE(daemon
+                  ->subscribe_request({sm::IPC_SYSTEM_MGR, sm::IPC_SYSTEM_MGR__GET_RAM_DATA},
+                                      [&daemon](const xpon::ipc::Request& request) -> xpon::core::Result<void> {
+                                        xpon::ipc::Response response;
+                                        response.reply_tag = request.reply_to->tag;
+                                        // Answers only the empty request the command is to send.
+                                        if (request.payload.empty()) {
+                                          // 4045632.0F then 1234567.0F.
+                                          response.payload = {0x00, 0xED, 0x76, 0x4A, 0x38, 0xB4, 0x96, 0x49};
+                                          response.result = 1;
+                                        }
+                                        return daemon->send_response(request.reply_to->address, response);
+                                      })
+                  .has_value());
+  auto text = run_ctl({"ram"}, "ram");
+  EXPECT_EQ(text.exit_status(), 0) << text.err();
+  EXPECT_EQ(text.out(), "RAM total 4045632 kB (3950.8 MiB), free 1234567 kB (1205.6 MiB)\n");
+  EXPECT_EQ(text.err(), "");
+  auto json = run_ctl({"ram", "--json"}, "ram-json");
+  EXPECT_EQ(json.exit_status(), 0) << json.err();
+  EXPECT_EQ(
+      json.out(),
+      R"({"type":"ram","total_kb":4045632.0,"free_kb":1234567.0,"total_mib":3950.8125,"free_mib":1205.6318359375})"
+      "\n");
+}
+
 TEST_F(SystemMgrCtl, RequestWithAnErrorAnswerExits1) {
   const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
   ASSERT_TRUE(daemon
