@@ -119,11 +119,36 @@ class RamMonitoringTest : public ::testing::Test {
     return responses.back().response;
   }
 
+  // One poll with the threshold and page counts given; expects one alarm and returns it.
+  ipc::Payload alarm_for(std::uint32_t threshold, long physical, long available) {
+    store_threshold(threshold);
+    host->set_pages(physical, available);
+    auto function = make();
+    EXPECT_TRUE(function->polling());
+    return only_alarm();
+  }
+
+  // One poll that fails in a page query; expects nothing sent, Error::ErrorCApi, the one error
+  // line and the host calls made.
+  void expect_poll_failure(const std::string& line, const std::vector<std::string>& calls) {
+    auto function = make();
+    logger->clear();
+    const auto result = function->polling();
+    ASSERT_TRUE(result.has_error());
+    EXPECT_EQ(result.error().error, Error::ErrorCApi);
+    EXPECT_TRUE(ipc->events().empty());
+    const auto lines = logger->lines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].text, line);
+    EXPECT_EQ(lines[0].level, 4);
+    EXPECT_EQ(host->calls(), calls);
+  }
+
   // Asks for the RAM data with the given file text; expects one answer and returns its payload.
-  ipc::Payload answer_for(const std::string& meminfo) {
+  ipc::Payload answer_for(const std::string& meminfo, const ipc::Request& request = ram_request()) {
     host->set_file("/proc/meminfo", meminfo);
     auto function = make();
-    EXPECT_TRUE(function->handle_request(ram_request()));
+    EXPECT_TRUE(function->handle_request(request));
     const auto response = only_response();
     EXPECT_EQ(response.result, 1U);
     return response.payload;
@@ -248,53 +273,29 @@ TEST_F(RamMonitoringTest, FailedSubscriptionIsReturned) {
 // --- Polling -------------------------------------------------------------------------------
 
 TEST_F(RamMonitoringTest, FreeShareEqualToTheThresholdRaisesTheAlarm) {
-  store_threshold(25);
-  host->set_pages(1000, 250);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(only_alarm(), expected_alarm(0, 25, "Free RAM is 25%"));
+  EXPECT_EQ(alarm_for(25, 1000, 250), expected_alarm(0, 25, "Free RAM is 25%"));
 }
 
 TEST_F(RamMonitoringTest, FreeShareOnePercentAboveTheThresholdIsBackToNormal) {
-  store_threshold(25);
-  host->set_pages(1000, 261);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(only_alarm(), expected_alarm(1, 26, "Free RAM is 26% is back to normal"));
+  EXPECT_EQ(alarm_for(25, 1000, 261), expected_alarm(1, 26, "Free RAM is 26% is back to normal"));
 }
 
 TEST_F(RamMonitoringTest, SinglePrecisionQuotientCanTruncateBelowTheExactPercent) {
-  store_threshold(25);
   // 26 / 100 in single precision is 0.2599999..., so the share is 25: equal to the threshold.
-  host->set_pages(100, 26);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(only_alarm(), expected_alarm(0, 25, "Free RAM is 25%"));
+  EXPECT_EQ(alarm_for(25, 100, 26), expected_alarm(0, 25, "Free RAM is 25%"));
 }
 
 TEST_F(RamMonitoringTest, FreeShareIsTruncated) {
-  store_threshold(12);
-  host->set_pages(1000, 129);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
   // 12.9 % is 12, equal to the threshold: raised.
-  EXPECT_EQ(only_alarm(), expected_alarm(0, 12, "Free RAM is 12%"));
+  EXPECT_EQ(alarm_for(12, 1000, 129), expected_alarm(0, 12, "Free RAM is 12%"));
 }
 
 TEST_F(RamMonitoringTest, ZeroThresholdClearsForAnyNonZeroShare) {
-  store_threshold(0);
-  host->set_pages(1000, 11);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(only_alarm(), expected_alarm(1, 1, "Free RAM is 1% is back to normal"));
+  EXPECT_EQ(alarm_for(0, 1000, 11), expected_alarm(1, 1, "Free RAM is 1% is back to normal"));
 }
 
 TEST_F(RamMonitoringTest, ZeroThresholdWithNoFreeMemoryRaises) {
-  store_threshold(0);
-  host->set_pages(1000, 9);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(only_alarm(), expected_alarm(0, 0, "Free RAM is 0%"));
+  EXPECT_EQ(alarm_for(0, 1000, 9), expected_alarm(0, 0, "Free RAM is 0%"));
 }
 
 TEST_F(RamMonitoringTest, EveryPollReportsTheCurrentState) {
@@ -311,33 +312,14 @@ TEST_F(RamMonitoringTest, EveryPollReportsTheCurrentState) {
 
 TEST_F(RamMonitoringTest, FailedGetPhysPagesSendsNothingAndLogsTheErrorText) {
   host->fail_get_phys_pages(ENOSYS);
-  auto function = make();
-  logger->clear();
-  const auto result = function->polling();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::ErrorCApi);
-  EXPECT_TRUE(ipc->events().empty());
-  const auto lines = logger->lines();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0].text, std::string("get_phys_pages() call failed (") + std::strerror(ENOSYS) + ")");
-  EXPECT_EQ(lines[0].level, 4);
-  EXPECT_EQ(host->calls(), (std::vector<std::string>{"get_phys_pages"}));
+  expect_poll_failure(std::string("get_phys_pages() call failed (") + std::strerror(ENOSYS) + ")", {"get_phys_pages"});
 }
 
 TEST_F(RamMonitoringTest, FailedGetAvphysPagesSendsNothingAndLogsItsOwnText) {
   host->set_pages(1000, 500);
   host->fail_get_avphys_pages(EINVAL);
-  auto function = make();
-  logger->clear();
-  const auto result = function->polling();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::ErrorCApi);
-  EXPECT_TRUE(ipc->events().empty());
-  const auto lines = logger->lines();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0].text, std::string("get_pages_available() call fail (") + std::strerror(EINVAL) + ")");
-  EXPECT_EQ(lines[0].level, 4);
-  EXPECT_EQ(host->calls(), (std::vector<std::string>{"get_phys_pages", "get_avphys_pages"}));
+  expect_poll_failure(std::string("get_pages_available() call fail (") + std::strerror(EINVAL) + ")",
+                      {"get_phys_pages", "get_avphys_pages"});
 }
 
 TEST_F(RamMonitoringTest, NextPollAfterAFailureTriesAgain) {
@@ -370,11 +352,7 @@ TEST_F(RamMonitoringTest, FailedSendOfTheAlarmIsReturned) {
 }
 
 TEST_F(RamMonitoringTest, NoPhysicalPagesIsPinnedInsteadOfOverflowing) {
-  store_threshold(10);
-  host->set_pages(0, 0);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(only_alarm(), expected_alarm(0, 0, "Free RAM is 0%"));
+  EXPECT_EQ(alarm_for(10, 0, 0), expected_alarm(0, 0, "Free RAM is 0%"));
 }
 
 // --- IPC_SYSTEM_MGR__GET_RAM_DATA ----------------------------------------------------------
@@ -460,24 +438,15 @@ TEST_F(RamMonitoringTest, FirstRecordOfEachKindCounts) {
 }
 
 TEST_F(RamMonitoringTest, EmptyRequestPayloadIsIgnored) {
-  host->set_file("/proc/meminfo", kMeminfo);
-  auto function = make();
-  ASSERT_TRUE(function->handle_request(ram_request({})));
-  EXPECT_EQ(only_response().payload, kAnswer);
+  EXPECT_EQ(answer_for(kMeminfo, ram_request({})), kAnswer);
 }
 
 TEST_F(RamMonitoringTest, OneByteRequestPayloadIsIgnored) {
-  host->set_file("/proc/meminfo", kMeminfo);
-  auto function = make();
-  ASSERT_TRUE(function->handle_request(ram_request({0x7F})));
-  EXPECT_EQ(only_response().payload, kAnswer);
+  EXPECT_EQ(answer_for(kMeminfo, ram_request({0x7F})), kAnswer);
 }
 
 TEST_F(RamMonitoringTest, FarTooLongRequestPayloadIsIgnored) {
-  host->set_file("/proc/meminfo", kMeminfo);
-  auto function = make();
-  ASSERT_TRUE(function->handle_request(ram_request(ipc::Payload(4096, 0xAB))));
-  EXPECT_EQ(only_response().payload, kAnswer);
+  EXPECT_EQ(answer_for(kMeminfo, ram_request(ipc::Payload(4096, 0xAB))), kAnswer);
 }
 
 TEST_F(RamMonitoringTest, RequestWithoutReplyInformationIsNotAnswered) {
