@@ -362,9 +362,9 @@ TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
   const LcService lc(logger_, ipc_, cfgdb_, nullptr);
   const LtService lt(logger_, ipc_, cfgdb_, nullptr);
   using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
-  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
 }
 
 TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {
