@@ -2,8 +2,10 @@
 // event bus, the board emulator and a factory image made by xpon-factory.
 
 #include "daemon_rig.hpp"
+#include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/test/ci_skip.hpp"
+#include "xpon/test/temp_dir.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -529,6 +531,57 @@ TEST_F(SystemMgrTest, LogsAConfigurationChangeOfTheLoadThreshold) {
   ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
   EXPECT_TRUE(rig_.wait_for_log(change_line, kStepTimeout)) << rig_.daemon_log();
   EXPECT_TRUE(rig_.daemon().running());
+}
+
+TEST_F(SystemMgrTest, RamAlarmIsPublishedOnTheBusAtStartUp) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  // Threshold 0 clears the alarm for any share above 0, whatever the machine has free.
+  const ProgramRun set = rig_.run_cfg({"set", "ALARM_SYSTEM_RAM", "threshold=0"});
+  ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
+
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  std::optional<BusEvent> alarm;
+  while ((alarm = subscriber.next_alarm(kStepTimeout))) {
+    if (alarm->payload.size() >= 13 && u32_at(alarm->payload, 9) == SYSTEM_MGR_ALARM_RAM) {
+      break;
+    }
+  }
+  ASSERT_TRUE(alarm.has_value()) << "no RAM alarm on the bus; daemon log:\n" << rig_.daemon_log();
+  ASSERT_EQ(alarm->payload.size(), 305U);
+  const auto& record = alarm->payload;
+  const std::uint32_t share = u32_at(record, 33);
+  EXPECT_GT(share, 0U);
+  EXPECT_LE(share, 100U);
+  EXPECT_EQ(u32_at(record, 17), 0U);  // one RAM alarm: instance 0
+  const std::string text(reinterpret_cast<const char*>(record.data()) + 45);
+  EXPECT_EQ(record[8], 1) << text;
+  EXPECT_EQ(text, "Free RAM is " + std::to_string(share) + "% is back to normal");
+}
+
+TEST_F(SystemMgrTest, RamDataAnswerIsTwoPlausibleFloats) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+
+  // A client endpoint in the daemon's sandbox, as any other daemon of the board would have.
+  const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
+  auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), "ram-client");
+  ipc::Request request;
+  request.group = IPC_SYSTEM_MGR;
+  request.id = IPC_SYSTEM_MGR__GET_RAM_DATA;
+  const auto answer = client->request(kDaemonAddress, request, kStepTimeout);
+  ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
+  EXPECT_EQ(answer.value().result, 1U);
+  EXPECT_EQ(answer.value().address, 0x0000FFFEU);
+  ASSERT_EQ(answer.value().payload.size(), sizeof(System_mgr__ram_data));
+  System_mgr__ram_data data{};
+  std::memcpy(&data, answer.value().payload.data(), sizeof data);
+  EXPECT_GT(data.total, 0.0F);
+  EXPECT_GT(data.free, 0.0F);
+  EXPECT_LT(data.free, data.total);
+  EXPECT_TRUE(rig_.wait_for_log("Handle IPC request [IPC_SYSTEM_MGR__GET_RAM_DATA]", kStepTimeout))
+      << rig_.daemon_log();
 }
 
 }  // namespace
