@@ -1,15 +1,8 @@
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
 
-#include "xpon/cfgdb/schema.hpp"
-#include "xpon/cfgdb/sections.hpp"
-#include "xpon/cfgdb/store.hpp"
-#include "xpon/test/fake_host.hpp"
-#include "xpon/test/recording_ipc.hpp"
-#include "xpon/test/recording_logger.hpp"
-#include "xpon/test/sandbox.hpp"
+#include "function_test.hpp"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <array>
@@ -31,35 +24,16 @@ using core::Error;
 
 // The function over a real configuration database file and a fake host: the test sets the
 // threshold in the database and the load averages in the host, and reads what was sent.
-class CpuLoadMonitoringTest : public ::testing::Test {
+class CpuLoadMonitoringTest : public FunctionTest {
  protected:
   std::unique_ptr<CpuLoadMonitoring> make(std::chrono::milliseconds period = 30000ms) {
     return std::make_unique<CpuLoadMonitoring>(logger, ipc, cfgdb, period, host);
   }
 
-  // Stores a new threshold, as a configuration writer would.
-  void store_threshold(std::uint32_t value) {
-    auto store = cfgdb::Store::open(database_file);
-    ASSERT_TRUE(store);
-    const auto* section = cfgdb::find_section(cfgdb::kAlarmSystemLoadAverage.id);
-    ASSERT_NE(section, nullptr);
-    const std::vector<cfgdb::SectionChange> changes{cfgdb::SectionChange{section, {value}}};
-    ASSERT_TRUE(store.value()->change(changes));
-  }
+  void store_threshold(std::uint32_t value) { store_section(cfgdb::kAlarmSystemLoadAverage, {value}); }
 
-  // Puts a value the getter refuses (EINVAL) straight into the database file, as a damaged
-  // database would hold it.
-  void store_unreadable_threshold() {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(database_file.c_str(), &db), SQLITE_OK);
-    char* message = nullptr;
-    const int done = sqlite3_exec(db, "UPDATE field SET value = '70000' WHERE section_id = 80 AND name = 'threshold'",
-                                  nullptr, nullptr, &message);
-    EXPECT_EQ(done, SQLITE_OK) << (message != nullptr ? message : "");
-    sqlite3_free(message);
-    EXPECT_EQ(sqlite3_changes(db), 1);
-    sqlite3_close(db);
-  }
+  // A threshold the getter refuses (EINVAL).
+  void store_unreadable_threshold() { store_raw_field(cfgdb::kAlarmSystemLoadAverage, "threshold", "70000"); }
 
   void set_loads(double one_minute, double five_minutes, double fifteen_minutes) {
     host->set_load_averages(one_minute, five_minutes, fifteen_minutes);
@@ -71,19 +45,6 @@ class CpuLoadMonitoringTest : public ::testing::Test {
       count += call == "getloadavg" ? 1 : 0;
     }
     return count;
-  }
-
-  // The one alarm event sent so far, checked for its header words.
-  ipc::Payload only_alarm() const {
-    const auto events = ipc->events();
-    EXPECT_EQ(events.size(), 1U);
-    if (events.empty()) {
-      return {};
-    }
-    EXPECT_EQ(events.back().address, 0x0000FFFEU);
-    EXPECT_EQ(events.back().group, 9000);
-    EXPECT_EQ(events.back().id, 9005);
-    return events.back().payload;
   }
 
   static ipc::Payload expected_alarm(std::uint8_t state, std::uint32_t one, std::uint32_t five, std::uint32_t fifteen,
@@ -100,17 +61,6 @@ class CpuLoadMonitoringTest : public ::testing::Test {
     std::copy(text.begin(), text.end(), bytes.begin() + 45);
     return bytes;
   }
-
-  static std::string text_of(const ipc::Payload& payload) {
-    return {reinterpret_cast<const char*>(payload.data() + 45)};
-  }
-
-  test::Sandbox sandbox;
-  std::string database_file = sandbox.path("/var/lib/xpon/cfgdb.sqlite3");
-  std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
-  std::shared_ptr<test::RecordingIpc> ipc = std::make_shared<test::RecordingIpc>();
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb = std::make_shared<cfgdb::CfgDbWrapper>("TEST_CFGDB", database_file);
-  std::shared_ptr<test::FakeHost> host = std::make_shared<test::FakeHost>();
 };
 
 TEST_F(CpuLoadMonitoringTest, ConstructionReadsTheConfigurationAndLogs) {

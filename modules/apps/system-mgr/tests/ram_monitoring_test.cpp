@@ -1,15 +1,8 @@
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
 
-#include "xpon/cfgdb/schema.hpp"
-#include "xpon/cfgdb/sections.hpp"
-#include "xpon/cfgdb/store.hpp"
-#include "xpon/test/fake_host.hpp"
-#include "xpon/test/recording_ipc.hpp"
-#include "xpon/test/recording_logger.hpp"
-#include "xpon/test/sandbox.hpp"
+#include "function_test.hpp"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -43,48 +36,16 @@ const ipc::Payload kAnswer{0x00, 0xED, 0x76, 0x4A, 0x38, 0xB4, 0x96, 0x49};
 // The function over a real configuration database file and a fake host: the test sets the
 // threshold in the database, the memory pages and "/proc/meminfo" in the host, and reads what
 // was sent.
-class RamMonitoringTest : public ::testing::Test {
+class RamMonitoringTest : public FunctionTest {
  protected:
   std::unique_ptr<RamMonitoring> make(std::chrono::milliseconds period = 30000ms) {
     return std::make_unique<RamMonitoring>(logger, ipc, cfgdb, period, host);
   }
 
-  // Stores a new threshold, as a configuration writer would.
-  void store_threshold(std::uint32_t value) {
-    auto store = cfgdb::Store::open(database_file);
-    ASSERT_TRUE(store);
-    const auto* section = cfgdb::find_section(cfgdb::kAlarmSystemRam.id);
-    ASSERT_NE(section, nullptr);
-    const std::vector<cfgdb::SectionChange> changes{cfgdb::SectionChange{section, {value}}};
-    ASSERT_TRUE(store.value()->change(changes));
-  }
+  void store_threshold(std::uint32_t value) { store_section(cfgdb::kAlarmSystemRam, {value}); }
 
-  // Puts a value the getter refuses (EINVAL) straight into the database file, as a damaged
-  // database would hold it.
-  void store_unreadable_threshold() {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(database_file.c_str(), &db), SQLITE_OK);
-    char* message = nullptr;
-    const int done = sqlite3_exec(db, "UPDATE field SET value = '300' WHERE section_id = 77 AND name = 'threshold'",
-                                  nullptr, nullptr, &message);
-    EXPECT_EQ(done, SQLITE_OK) << (message != nullptr ? message : "");
-    sqlite3_free(message);
-    EXPECT_EQ(sqlite3_changes(db), 1);
-    sqlite3_close(db);
-  }
-
-  // The one alarm event sent so far, checked for its header words.
-  ipc::Payload only_alarm() const {
-    const auto events = ipc->events();
-    EXPECT_EQ(events.size(), 1U);
-    if (events.empty()) {
-      return {};
-    }
-    EXPECT_EQ(events.back().address, 0x0000FFFEU);
-    EXPECT_EQ(events.back().group, 9000);
-    EXPECT_EQ(events.back().id, 9005);
-    return events.back().payload;
-  }
+  // A threshold the getter refuses (EINVAL).
+  void store_unreadable_threshold() { store_raw_field(cfgdb::kAlarmSystemRam, "threshold", "300"); }
 
   static ipc::Payload expected_alarm(std::uint8_t state, std::uint32_t share, const std::string& text) {
     ipc::Payload bytes(305, 0);
@@ -106,18 +67,7 @@ class RamMonitoringTest : public ::testing::Test {
     return request;
   }
 
-  // The one response sent so far, checked for its address, address word and tag.
-  ipc::Response only_response() const {
-    const auto responses = ipc->responses();
-    EXPECT_EQ(responses.size(), 1U);
-    if (responses.empty()) {
-      return {};
-    }
-    EXPECT_EQ(responses.back().address, kSender);
-    EXPECT_EQ(responses.back().response.address, 0x0000FFFEU);
-    EXPECT_EQ(responses.back().response.reply_tag, kTag);
-    return responses.back().response;
-  }
+  ipc::Response only_response() const { return FunctionTest::only_response(kSender, kTag); }
 
   // One poll with the threshold and page counts given; expects one alarm and returns it.
   ipc::Payload alarm_for(std::uint32_t threshold, long physical, long available) {
@@ -170,13 +120,6 @@ class RamMonitoringTest : public ::testing::Test {
   static std::string message_of(const core::ErrorPayload& error) {
     return error.info && error.info->message ? *error.info->message : std::string();
   }
-
-  test::Sandbox sandbox;
-  std::string database_file = sandbox.path("/var/lib/xpon/cfgdb.sqlite3");
-  std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
-  std::shared_ptr<test::RecordingIpc> ipc = std::make_shared<test::RecordingIpc>();
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb = std::make_shared<cfgdb::CfgDbWrapper>("TEST_CFGDB", database_file);
-  std::shared_ptr<test::FakeHost> host = std::make_shared<test::FakeHost>();
 };
 
 // --- Construction and configuration --------------------------------------------------------

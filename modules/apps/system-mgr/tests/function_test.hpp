@@ -1,0 +1,96 @@
+#pragma once
+
+// What the tests of every system function start from: the function's logger and IPC endpoint as
+// recording fakes, a fake host, and a real configuration database file in a sandbox root.
+
+#include "xpon/cfgdb/cfgdb_wrapper.hpp"
+#include "xpon/cfgdb/schema.hpp"
+#include "xpon/cfgdb/sections.hpp"
+#include "xpon/cfgdb/store.hpp"
+#include "xpon/ipc/ipc.hpp"
+#include "xpon/test/fake_host.hpp"
+#include "xpon/test/recording_ipc.hpp"
+#include "xpon/test/recording_logger.hpp"
+#include "xpon/test/sandbox.hpp"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace xpon::system_mgr {
+
+class FunctionTest : public ::testing::Test {
+ protected:
+  /// Stores the values of a section's fields, in their declared order, as a configuration writer would.
+  void store_section(const cfgdb::SectionRef& section, const std::vector<std::optional<std::uint32_t>>& values) {
+    auto store = cfgdb::Store::open(database_file);
+    ASSERT_TRUE(store);
+    const auto* declared = cfgdb::find_section(section.id);
+    ASSERT_NE(declared, nullptr);
+    const std::vector<cfgdb::SectionChange> changes{cfgdb::SectionChange{declared, values}};
+    ASSERT_TRUE(store.value()->change(changes));
+  }
+
+  /// Puts `value` straight into the database file as a field's stored text, bypassing every check,
+  /// as a damaged database would hold it (a getter refuses an out-of-range value with EINVAL).
+  void store_raw_field(const cfgdb::SectionRef& section, const std::string& field, const std::string& value) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(database_file.c_str(), &db), SQLITE_OK);
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, "UPDATE field SET value = ?1 WHERE section_id = ?2 AND name = ?3", -1, &statement,
+                                 nullptr),
+              SQLITE_OK);
+    sqlite3_bind_text(statement, 1, value.c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_int64(statement, 2, section.id);
+    sqlite3_bind_text(statement, 3, field.c_str(), -1, SQLITE_TRANSIENT);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_DONE) << sqlite3_errmsg(db);
+    sqlite3_finalize(statement);
+    EXPECT_EQ(sqlite3_changes(db), 1);
+    sqlite3_close(db);
+  }
+
+  /// The one alarm event sent so far, checked for its header words.
+  [[nodiscard]] ipc::Payload only_alarm() const {
+    const auto events = ipc->events();
+    EXPECT_EQ(events.size(), 1U);
+    if (events.empty()) {
+      return {};
+    }
+    EXPECT_EQ(events.back().address, 0x0000FFFEU);
+    EXPECT_EQ(events.back().group, 9000);
+    EXPECT_EQ(events.back().id, 9005);
+    return events.back().payload;
+  }
+
+  /// The one response sent so far, checked for the address it went to, its address word and its tag.
+  [[nodiscard]] ipc::Response only_response(ipc::Address sender, std::uint16_t tag) const {
+    const auto responses = ipc->responses();
+    EXPECT_EQ(responses.size(), 1U);
+    if (responses.empty()) {
+      return {};
+    }
+    EXPECT_EQ(responses.back().address, sender);
+    EXPECT_EQ(responses.back().response.address, 0x0000FFFEU);
+    EXPECT_EQ(responses.back().response.reply_tag, tag);
+    return responses.back().response;
+  }
+
+  /// The text of a 305-byte alarm record.
+  static std::string text_of(const ipc::Payload& payload) {
+    return std::string(reinterpret_cast<const char*>(payload.data() + 45));
+  }
+
+  xpon::test::Sandbox sandbox;
+  std::string database_file = sandbox.path("/var/lib/xpon/cfgdb.sqlite3");
+  std::shared_ptr<xpon::test::RecordingLogger> logger = std::make_shared<xpon::test::RecordingLogger>();
+  std::shared_ptr<xpon::test::RecordingIpc> ipc = std::make_shared<xpon::test::RecordingIpc>();
+  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb = std::make_shared<cfgdb::CfgDbWrapper>("TEST_CFGDB", database_file);
+  std::shared_ptr<xpon::test::FakeHost> host = std::make_shared<xpon::test::FakeHost>();
+};
+
+}  // namespace xpon::system_mgr
