@@ -86,7 +86,11 @@ std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
   return ipc::make_zmq_endpoint_in_range(kFirstClientApplication, kLastClientApplication, "system-mgr-ctl");
 }
 
-int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const std::string& timeout_text) {
+/// How an answer is printed: the generic view of every request, or a command's own.
+using AnswerFormat = std::string (*)(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json);
+
+int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const std::string& timeout_text,
+                AnswerFormat format = format_response) {
   const auto timeout_ms = xpon::tool::parse_number(timeout_text, 3600000, "--timeout");
   if (timeout_ms == 0) {
     throw UsageError("--timeout: at least 1 ms");
@@ -107,7 +111,7 @@ int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const 
     print_error(answer.error().to_string());
     return kExitFailed;
   }
-  print_line(format_response(daemon, id, answer.value(), json));
+  print_line(format(daemon, id, answer.value(), json));
   return answer.value().result == xpon::system_mgr::SYSTEM_MGR_RESULT_ANSWERED ? kExitOk : kExitFailed;
 }
 
@@ -174,6 +178,12 @@ int main(int argc, char** argv) {
   request->add_option("--payload", request_payload, "Request payload as hex digits, two per byte");
   request->add_option("--timeout", request_timeout, "Time to wait for the answer, in ms")->capture_default_str();
 
+  bool disk_json = false;
+  std::string disk_timeout = "1000";
+  auto* disk = app.add_subcommand("disk", "Print the total and free space of the flash partitions, in GiB");
+  disk->add_flag("--json", disk_json, "Print the sizes as a JSON object");
+  disk->add_option("--timeout", disk_timeout, "Time to wait for the answer, in ms")->capture_default_str();
+
   // One command per request of the daemon; a deque keeps each one's options where the parser points.
   std::deque<CommandOptions> commands;
   for (auto& command : request_commands()) {
@@ -199,6 +209,12 @@ int main(int argc, char** argv) {
     if (request->parsed()) {
       return run_request(request_json, parse_request_id(request_id), xpon::tool::parse_hex(request_payload),
                          request_timeout);
+    }
+    if (disk->parsed()) {
+      return run_request(disk_json, xpon::system_mgr::IPC_SYSTEM_MGR__GET_HDD_DATA, {}, disk_timeout,
+                         [](ipc::Address from, std::uint16_t /*id*/, const ipc::Response& response, bool json) {
+                           return format_disk(from, response, json);
+                         });
     }
     for (const auto& options : commands) {
       if (options.app->parsed()) {
