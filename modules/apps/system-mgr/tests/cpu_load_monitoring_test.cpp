@@ -1,15 +1,14 @@
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
 
+#include "function_test_bed.hpp"
 #include "xpon/cfgdb/schema.hpp"
 #include "xpon/cfgdb/sections.hpp"
-#include "xpon/cfgdb/store.hpp"
 #include "xpon/test/fake_host.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
 #include "xpon/test/sandbox.hpp"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <array>
@@ -31,7 +30,7 @@ using core::Error;
 
 // The function over a real configuration database file and a fake host: the test sets the
 // threshold in the database and the load averages in the host, and reads what was sent.
-class CpuLoadMonitoringTest : public ::testing::Test {
+class CpuLoadMonitoringTest : public ::testing::Test, protected cfg_test::FunctionTestBed {
  protected:
   std::unique_ptr<CpuLoadMonitoring> make(std::chrono::milliseconds period = 30000ms) {
     return std::make_unique<CpuLoadMonitoring>(logger, ipc, cfgdb, period, host);
@@ -39,26 +38,12 @@ class CpuLoadMonitoringTest : public ::testing::Test {
 
   // Stores a new threshold, as a configuration writer would.
   void store_threshold(std::uint32_t value) {
-    auto store = cfgdb::Store::open(database_file);
-    ASSERT_TRUE(store);
-    const auto* section = cfgdb::find_section(cfgdb::kAlarmSystemLoadAverage.id);
-    ASSERT_NE(section, nullptr);
-    const std::vector<cfgdb::SectionChange> changes{cfgdb::SectionChange{section, {value}}};
-    ASSERT_TRUE(store.value()->change(changes));
+    cfg_test::store_first_field(database_file, cfgdb::kAlarmSystemLoadAverage, value);
   }
 
-  // Puts a value the getter refuses (EINVAL) straight into the database file, as a damaged
-  // database would hold it.
+  // Puts a value the getter refuses (EINVAL) into the database, as a damaged database would hold it.
   void store_unreadable_threshold() {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(database_file.c_str(), &db), SQLITE_OK);
-    char* message = nullptr;
-    const int done = sqlite3_exec(db, "UPDATE field SET value = '70000' WHERE section_id = 80 AND name = 'threshold'",
-                                  nullptr, nullptr, &message);
-    EXPECT_EQ(done, SQLITE_OK) << (message != nullptr ? message : "");
-    sqlite3_free(message);
-    EXPECT_EQ(sqlite3_changes(db), 1);
-    sqlite3_close(db);
+    cfg_test::store_unreadable_threshold(database_file, cfgdb::kAlarmSystemLoadAverage);
   }
 
   void set_loads(double one_minute, double five_minutes, double fifteen_minutes) {
@@ -104,13 +89,6 @@ class CpuLoadMonitoringTest : public ::testing::Test {
   static std::string text_of(const ipc::Payload& payload) {
     return {reinterpret_cast<const char*>(payload.data() + 45)};
   }
-
-  test::Sandbox sandbox;
-  std::string database_file = sandbox.path("/var/lib/xpon/cfgdb.sqlite3");
-  std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
-  std::shared_ptr<test::RecordingIpc> ipc = std::make_shared<test::RecordingIpc>();
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb = std::make_shared<cfgdb::CfgDbWrapper>("TEST_CFGDB", database_file);
-  std::shared_ptr<test::FakeHost> host = std::make_shared<test::FakeHost>();
 };
 
 TEST_F(CpuLoadMonitoringTest, ConstructionReadsTheConfigurationAndLogs) {

@@ -1,7 +1,7 @@
 #include "xpon/system_mgr/functions/hdd_monitoring.hpp"
 
+#include "function_test_bed.hpp"
 #include "xpon/cfgdb/sections.hpp"
-#include "xpon/cfgdb/store.hpp"
 #include "xpon/test/fake_host.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
@@ -9,7 +9,6 @@
 #include "xpon/test/temp_dir.hpp"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
@@ -68,7 +67,7 @@ class FailingNthEventIpc : public test::RecordingIpc {
 
 // The function over a real configuration database file and a fake host: the test sets the
 // threshold in the database and the file-system statistics in the host, and reads what was sent.
-class HddMonitoringTest : public ::testing::Test {
+class HddMonitoringTest : public ::testing::Test, protected cfg_test::FunctionTestBed {
  protected:
   HddMonitoringTest() {
     for (const auto& partition : kLayout) {
@@ -96,26 +95,20 @@ class HddMonitoringTest : public ::testing::Test {
 
   // Stores a new threshold, as a configuration writer would.
   void store_threshold(std::uint32_t value) {
-    auto store = cfgdb::Store::open(database_file);
-    ASSERT_TRUE(store);
-    const auto* section = cfgdb::find_section(cfgdb::kAlarmDiskSpace.id);
-    ASSERT_NE(section, nullptr);
-    const std::vector<cfgdb::SectionChange> changes{cfgdb::SectionChange{section, {value}}};
-    ASSERT_TRUE(store.value()->change(changes));
+    cfg_test::store_first_field(database_file, cfgdb::kAlarmDiskSpace, value);
   }
 
-  // Puts a value the getter refuses (EINVAL) straight into the database file, as a damaged
-  // database would hold it.
-  void store_unreadable_threshold() {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(database_file.c_str(), &db), SQLITE_OK);
-    char* message = nullptr;
-    const int done = sqlite3_exec(db, "UPDATE field SET value = '70000' WHERE section_id = 78 AND name = 'threshold'",
-                                  nullptr, nullptr, &message);
-    EXPECT_EQ(done, SQLITE_OK) << (message != nullptr ? message : "");
-    sqlite3_free(message);
-    EXPECT_EQ(sqlite3_changes(db), 1);
-    sqlite3_close(db);
+  // Puts a value the getter refuses (EINVAL) into the database, as a damaged database would hold it.
+  void store_unreadable_threshold() { cfg_test::store_unreadable_threshold(database_file, cfgdb::kAlarmDiskSpace); }
+
+  // The text of the std::runtime_error the construction throws; empty if it does not throw.
+  std::string construction_failure(const std::shared_ptr<cfgdb::CfgDbWrapper>& database) {
+    try {
+      HddMonitoring function(logger, ipc, database, 30000ms, host);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return {};
   }
 
   [[nodiscard]] std::vector<std::string> statvfs_calls() const {
@@ -147,6 +140,17 @@ class HddMonitoringTest : public ::testing::Test {
       payloads.push_back(event.payload);
     }
     return payloads;
+  }
+
+  // One poll of a fresh function, which must succeed: the five alarm records it sent (padded
+  // with empty records if fewer came, so that a failed expectation still indexes in bounds).
+  std::vector<ipc::Payload> five_alarms_of_one_poll() {
+    auto function = make();
+    EXPECT_TRUE(function->polling());
+    auto sent = alarms();
+    EXPECT_EQ(sent.size(), 5U);
+    sent.resize(5);
+    return sent;
   }
 
   static void put_u32(ipc::Payload& bytes, std::size_t offset, std::uint32_t value) {
@@ -193,12 +197,6 @@ class HddMonitoringTest : public ::testing::Test {
   static ipc::Payload expected_answer() { return {0x00, 0x00, 0x80, 0x40, 0x00, 0x00, 0xA8, 0x3F}; }
 
   test::ScopedEnv root{"XPON_ROOT", std::string(kRoot)};
-  test::Sandbox sandbox;
-  std::string database_file = sandbox.path("/var/lib/xpon/cfgdb.sqlite3");
-  std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
-  std::shared_ptr<test::RecordingIpc> ipc = std::make_shared<test::RecordingIpc>();
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb = std::make_shared<cfgdb::CfgDbWrapper>("TEST_CFGDB", database_file);
-  std::shared_ptr<test::FakeHost> host = std::make_shared<test::FakeHost>();
 };
 
 // --- The conversion of the free share -----------------------------------------------------
@@ -261,37 +259,21 @@ TEST_F(HddMonitoringTest, DestructionLogs) {
 
 TEST_F(HddMonitoringTest, UnreadableConfigurationAtConstructionThrows) {
   store_unreadable_threshold();
-  try {
-    make();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Config update for HddMonitoring failed (Error: ErrorCApi) ");
-  }
+  EXPECT_EQ(construction_failure(cfgdb), "Config update for HddMonitoring failed (Error: ErrorCApi) ");
   EXPECT_TRUE(logger->contains("C API function returned -1, errno=" + std::to_string(EINVAL), 4));
   // The partitions are not looked at without a configuration.
   EXPECT_TRUE(statvfs_calls().empty());
 }
 
 TEST_F(HddMonitoringTest, MissingDatabaseAtConstructionThrows) {
-  try {
-    HddMonitoring function(logger, ipc, nullptr, 30000ms, host);
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(),
-                 "Config update for HddMonitoring failed (Error: InvalidInputArg. Message: no configuration "
-                 "database.) ");
-  }
+  EXPECT_EQ(construction_failure(nullptr),
+            "Config update for HddMonitoring failed (Error: InvalidInputArg. Message: no configuration database.) ");
 }
 
 TEST_F(HddMonitoringTest, UnqueryablePartitionAtConstructionThrowsWithItsMountPoint) {
   host->fail_file_system(mapped("/configuration"), EACCES);
-  try {
-    make();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_EQ(std::string(error.what()),
-              "statvfs(/configuration) call failed (" + std::string(std::strerror(EACCES)) + ")");
-  }
+  EXPECT_EQ(construction_failure(cfgdb),
+            "statvfs(/configuration) call failed (" + std::string(std::strerror(EACCES)) + ")");
   EXPECT_EQ(statvfs_calls(), expected_statvfs_calls(3));
 }
 
@@ -351,19 +333,13 @@ TEST_F(HddMonitoringTest, PollReportsEveryPartitionInOrderWithItsLogicalMountPoi
 }
 
 TEST_F(HddMonitoringTest, BootCarriesInstanceZero) {
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[0][17], 0);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(sent[0].data() + 45)).rfind("/boot partition", 0), 0U);
 }
 
 TEST_F(HddMonitoringTest, SecondaryFirmwareCarriesInstanceFour) {
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[4][17], 4);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(sent[4].data() + 45)).rfind("/firmware/secondary_firmware", 0),
             0U);
@@ -371,29 +347,20 @@ TEST_F(HddMonitoringTest, SecondaryFirmwareCarriesInstanceFour) {
 
 TEST_F(HddMonitoringTest, FreeShareEqualToTheThresholdRaisesTheAlarm) {
   store_threshold(25);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[1], expected_alarm(0, 1, 25, "/data partition free disk space 25%"));
 }
 
 TEST_F(HddMonitoringTest, FreeShareOneAboveTheThresholdIsBackToNormal) {
   store_threshold(24);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[1], expected_alarm(1, 1, 25, "/data partition free disk space 25% is back to normal"));
 }
 
 TEST_F(HddMonitoringTest, ThresholdZeroClearsEveryPartitionWithAtLeastOnePercent) {
   store_threshold(0);
   set_partition("/firmware/secondary_firmware", 65536, 656);  // 1.0009... %
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   for (std::size_t i = 0; i < sent.size(); ++i) {
     EXPECT_EQ(sent[i][8], 1) << kLayout[i].mount_point;
   }
@@ -404,20 +371,14 @@ TEST_F(HddMonitoringTest, ThresholdZeroClearsEveryPartitionWithAtLeastOnePercent
 TEST_F(HddMonitoringTest, ThresholdZeroStillRaisesBelowOnePercent) {
   store_threshold(0);
   set_partition("/firmware/secondary_firmware", 65536, 655);  // 0.9994... %
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[4], expected_alarm(0, 4, 0, "/firmware/secondary_firmware partition free disk space 0%"));
 }
 
 TEST_F(HddMonitoringTest, FreeShareIsTruncatedAndCountsBlocksAvailableToUsers) {
   store_threshold(0);
   set_partition("/data", 1000, 129);  // 12.9 % of f_bavail; f_bfree would give more
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[1], expected_alarm(1, 1, 12, "/data partition free disk space 12% is back to normal"));
 }
 
@@ -425,10 +386,7 @@ TEST_F(HddMonitoringTest, PartitionWithoutBlocksAndNothingAvailableReportsZero) 
   // 0 x 100 / 0 is not-a-number.
   store_threshold(10);
   set_partition("/boot", 0, 0);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[0], expected_alarm(0, 0, 0, "/boot partition free disk space 0%"));
 }
 
@@ -436,10 +394,7 @@ TEST_F(HddMonitoringTest, PartitionWithoutBlocksButSomeAvailableReportsTheMaximu
   // n x 100 / 0 is +infinity.
   store_threshold(10);
   set_partition("/boot", 0, 5);
-  auto function = make();
-  ASSERT_TRUE(function->polling());
-  const auto sent = alarms();
-  ASSERT_EQ(sent.size(), 5U);
+  const auto sent = five_alarms_of_one_poll();
   EXPECT_EQ(sent[0],
             expected_alarm(1, 0, 4294967295U, "/boot partition free disk space 4294967295% is back to normal"));
 }
