@@ -48,7 +48,6 @@ HddMonitoring::HddMonitoring(const std::shared_ptr<ILogger>& logger, const std::
       ipc_(ipc),
       cfgdb_(cfgdb),
       hdd_alarm_cfg_{},
-      total_size_(0.0F),
       host_(host) {
   std::memset(&hdd_alarm_cfg_, 0, sizeof hdd_alarm_cfg_);
   auto updated = core::guarded_call(*logger_, [this] { return cfg_update(); });

@@ -80,7 +80,7 @@ class HddMonitoring : public SysFunction {
   // Written only on the service's thread (construction, config_change).
   CfgDb__alarm_disk_space hdd_alarm_cfg_;
   // Written only during construction, so the request handler reads it without a lock.
-  float total_size_;
+  float total_size_{0.0F};
   // The polling thread reads the threshold through this copy, so the record itself is never
   // shared between threads and no lock is needed.
   std::atomic<std::uint8_t> threshold_{0};
