@@ -7,6 +7,7 @@
 #include "xpon/test/fake_board.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/sandbox.hpp"
 #include "xpon/test/temp_dir.hpp"
 #include "xpon/test/vtable_slot.hpp"
 
@@ -176,9 +177,10 @@ class RealServices : public ::testing::Test {
  protected:
   std::shared_ptr<test::RecordingLogger> logger_ = std::make_shared<test::RecordingLogger>();
   std::shared_ptr<test::RecordingIpc> ipc_ = std::make_shared<test::RecordingIpc>();
-  test::TempDir root_{"services"};
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_ =
-      std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB", root_.file("cfgdb.sqlite3"));
+  // A board's file system: the disk space function looks at the five flash partitions in it.
+  test::Sandbox sandbox_;
+  test::ScopedEnv root_{"XPON_ROOT", sandbox_.root()};
+  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_ = std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB");
 };
 
 TEST_F(RealServices, FcServiceConnectsTheElectionManagerAndLogsItsLife) {
@@ -362,9 +364,11 @@ TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
   const LcService lc(logger_, ipc_, cfgdb_, nullptr);
   const LtService lt(logger_, ipc_, cfgdb_, nullptr);
   using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
-  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(fc.functions()),
+            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms}}));
   EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lt.functions()),
+            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms}}));
 }
 
 TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {

@@ -9,8 +9,10 @@ namespace xpon::test {
 namespace {
 
 // The folders the daemon and its tools expect to exist on a real board.
-constexpr const char* kFolders[] = {"/etc/zlog_modules_config", "/sys/bus/nvmem/devices/device-eeprom0",
-                                    "/var/lib/xpon", "/run/xpon/ipc"};
+constexpr const char* kFolders[] = {
+    "/etc/zlog_modules_config", "/sys/bus/nvmem/devices/device-eeprom0", "/var/lib/xpon", "/run/xpon/ipc",
+    // The flash partitions whose free space the daemon watches.
+    "/boot", "/data", "/configuration", "/firmware/primary_firmware", "/firmware/secondary_firmware"};
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 #include "xpon/test/sandbox.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/statvfs.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -67,6 +68,17 @@ TEST(SandboxTest, MakesTheSystemFoldersAndRemovesThemAfterwards) {
     EXPECT_FALSE(is_mount_point(sandbox.path("/dev")));
   }
   EXPECT_FALSE(std::filesystem::exists(root));
+}
+
+TEST(SandboxTest, MakesTheWatchedPartitionsAsFoldersThatStatvfsReaches) {
+  const Sandbox sandbox;
+  for (const char* partition :
+       {"/boot", "/data", "/configuration", "/firmware/primary_firmware", "/firmware/secondary_firmware"}) {
+    EXPECT_TRUE(std::filesystem::is_directory(sandbox.path(partition))) << partition;
+    struct statvfs stats {};
+    EXPECT_EQ(::statvfs(sandbox.path(partition).c_str(), &stats), 0) << partition;
+    EXPECT_GT(stats.f_blocks, 0U) << partition;
+  }
 }
 
 TEST(SandboxTest, SeesTheRootFileSystemAsAMountPoint) {

@@ -678,4 +678,18 @@ std::string format_ram(ipc::Address from, const ipc::Response& response, bool js
                      free_mib);
 }
 
+std::string format_disk(ipc::Address from, const ipc::Response& response, bool json) {
+  if (response.result != SYSTEM_MGR_RESULT_ANSWERED || response.payload.size() != sizeof(System_mgr__hdd_data)) {
+    return format_response(from, IPC_SYSTEM_MGR__GET_HDD_DATA, response, json);
+  }
+  const std::span<const std::uint8_t> bytes(response.payload);
+  const float total = read_f32(bytes, offsetof(System_mgr__hdd_data, total));
+  const float free = read_f32(bytes, offsetof(System_mgr__hdd_data, free));
+  if (json) {
+    Json line{{"type", "disk"}, {"from", address_text(from)}, {"total_gib", total}, {"free_gib", free}};
+    return line.dump();
+  }
+  return fmt::format("total {:.2f} GiB, free {:.2f} GiB", total, free);
+}
+
 }  // namespace xpon::system_mgr::ctl

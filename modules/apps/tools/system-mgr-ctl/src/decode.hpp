@@ -66,4 +66,10 @@ std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Resp
 /// Never throws for any payload.
 std::string format_ram(ipc::Address from, const ipc::Response& response, bool json);
 
+/// The `disk` command's view of an IPC_SYSTEM_MGR__GET_HDD_DATA answer sent from `from`: as text
+/// "total 4.00 GiB, free 1.31 GiB" (two decimals), as JSON {"type":"disk","from":...,
+/// "total_gib":4.0,"free_gib":1.3125}. An error answer or a payload that is not the 8-byte
+/// record is shown as format_response shows it. Never throws for any payload.
+std::string format_disk(ipc::Address from, const ipc::Response& response, bool json);
+
 }  // namespace xpon::system_mgr::ctl

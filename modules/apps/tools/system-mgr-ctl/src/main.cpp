@@ -183,6 +183,11 @@ int main(int argc, char** argv) {
   auto* ram = app.add_subcommand("ram", "Ask for the memory totals (GET_RAM_DATA) and print them in kB and MiB");
   ram->add_flag("--json", ram_json, "Print the totals as a JSON object");
   ram->add_option("--timeout", ram_timeout, "Time to wait for the answer, in ms")->capture_default_str();
+  bool disk_json = false;
+  std::string disk_timeout = "1000";
+  auto* disk = app.add_subcommand("disk", "Print the total and free space of the flash partitions, in GiB");
+  disk->add_flag("--json", disk_json, "Print the sizes as a JSON object");
+  disk->add_option("--timeout", disk_timeout, "Time to wait for the answer, in ms")->capture_default_str();
 
   // One command per request of the daemon; a deque keeps each one's options where the parser points.
   std::deque<CommandOptions> commands;
@@ -214,6 +219,12 @@ int main(int argc, char** argv) {
       return run_request(ram_json, xpon::system_mgr::IPC_SYSTEM_MGR__GET_RAM_DATA, {}, ram_timeout,
                          [](ipc::Address from, std::uint16_t /*id*/, const ipc::Response& response, bool json) {
                            return format_ram(from, response, json);
+                         });
+    }
+    if (disk->parsed()) {
+      return run_request(disk_json, xpon::system_mgr::IPC_SYSTEM_MGR__GET_HDD_DATA, {}, disk_timeout,
+                         [](ipc::Address from, std::uint16_t /*id*/, const ipc::Response& response, bool json) {
+                           return format_disk(from, response, json);
                          });
     }
     for (const auto& options : commands) {

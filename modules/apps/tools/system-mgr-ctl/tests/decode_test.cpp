@@ -420,6 +420,41 @@ TEST(CtlRam, AnswerOfAnotherSizeIsShownAsMalformed) {
                   .ends_with(R"("decoded":{"error":"malformed answer: 9 bytes, expected 8"}})"));
 }
 
+ipc::Payload disk_answer(float total, float free) {
+  ipc::Payload payload;
+  put<float>(payload, 0, total);
+  put<float>(payload, 4, free);
+  return payload;
+}
+
+TEST(CtlDiskCommand, PrintsTotalAndFreeWithTwoDecimals) {
+  EXPECT_EQ(format_disk(kDaemon, answered(disk_answer(4.0F, 1.3125F)), false), "total 4.00 GiB, free 1.31 GiB");
+  EXPECT_EQ(format_disk(kDaemon, answered(disk_answer(7.256F, 0.004F)), false), "total 7.26 GiB, free 0.00 GiB");
+}
+
+TEST(CtlDiskCommand, PrintsTheExactSizesAsJson) {
+  EXPECT_EQ(format_disk(kDaemon, answered(disk_answer(4.0F, 1.3125F)), true),
+            R"({"type":"disk","from":"0x0019fffe","total_gib":4.0,"free_gib":1.3125})");
+}
+
+TEST(CtlDiskCommand, ShowsAnErrorAnswerAsTheRequestWouldShowIt) {
+  ipc::Response response;
+  response.result = 0;
+  EXPECT_EQ(format_disk(kDaemon, response, false),
+            "15500:15502 IPC_SYSTEM_MGR__GET_HDD_DATA from 0x0019fffe: result 0 (error answer), payload [] (0 bytes)");
+  EXPECT_EQ(format_disk(kDaemon, response, true), format_response(kDaemon, 15502, response, true));
+}
+
+TEST(CtlDiskCommand, ShowsAnAnswerOfTheWrongSizeAsMalformed) {
+  auto payload = disk_answer(4.0F, 1.0F);
+  payload.push_back(0);
+  EXPECT_EQ(format_disk(kDaemon, answered(payload), false),
+            "15500:15502 IPC_SYSTEM_MGR__GET_HDD_DATA from 0x0019fffe: result 1 (answered), payload "
+            "[000080400000803f00] (9 bytes)\n  malformed answer: 9 bytes, expected 8");
+  EXPECT_TRUE(format_disk(kDaemon, answered({0x01}), true)
+                  .ends_with(R"("decoded":{"error":"malformed answer: 1 bytes, expected 8"}})"));
+}
+
 TEST(CtlResponseDecoding, VersionsAndFrontButtonFlagsAreOneByte) {
   EXPECT_TRUE(format_response(kDaemon, 15507, answered({0x12}), false).ends_with("(1 byte)\n  version 0x12 (18)"));
   EXPECT_TRUE(format_response(kDaemon, 15506, answered({0x12}), true).ends_with(R"("decoded":{"version":18}})"));

@@ -8,7 +8,8 @@ namespace xpon::test {
 
 /// A temporary XPON_ROOT for the processes a test starts: a fresh directory with the folders the
 /// system's fixed paths live in (etc/zlog_modules_config, the device EEPROM's nvmem folder,
-/// var/lib/xpon, run/xpon/ipc). It leaves this process's own environment alone.
+/// var/lib/xpon, run/xpon/ipc, and the watched flash partitions boot, data, configuration and
+/// firmware/{primary,secondary}_firmware as plain folders). It leaves this process's own environment alone.
 class Sandbox {
  public:
   /// Makes the directory under the system's temporary folder; throws std::runtime_error on failure.

@@ -1,6 +1,7 @@
 #include "xpon/system_mgr/services/lt_service.hpp"
 
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+#include "xpon/system_mgr/functions/hdd_monitoring.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
 
 #include <chrono>
@@ -14,6 +15,7 @@ LtService::LtService(const std::shared_ptr<logger::ILogger>& logger, const std::
     : FamilyService(logger, ipc, cfgdb, board) {
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  functions_.push_back(std::make_shared<HddMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   logger_->progress("LtService create successfully");
 }
 
