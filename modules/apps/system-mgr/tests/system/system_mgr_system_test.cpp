@@ -584,5 +584,57 @@ TEST_F(SystemMgrTest, RamDataAnswerIsTwoPlausibleFloats) {
       << rig_.daemon_log();
 }
 
+TEST_F(SystemMgrTest, EachFlashPartitionHasItsAlarmWithItsLogicalMountPoint) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  // Threshold 0 clears every alarm of a partition with at least 1 % free.
+  const ProgramRun set = rig_.run_cfg({"set", "ALARM_DISK_SPACE", "threshold=0"});
+  ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
+
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  std::vector<std::vector<std::uint8_t>> partitions;
+  std::optional<BusEvent> alarm;
+  while (partitions.size() < 5 && (alarm = subscriber.next_alarm(kStepTimeout))) {
+    if (alarm->payload.size() == 305 && u32_at(alarm->payload, 9) == SYSTEM_MGR_ALARM_DISK_SPACE) {
+      partitions.push_back(alarm->payload);
+    }
+  }
+  ASSERT_EQ(partitions.size(), 5U) << "daemon log:\n" << rig_.daemon_log();
+  // The sandbox's folders share the test machine's file system; texts name the board's mount points.
+  const char* mount_points[] = {"/boot", "/data", "/configuration", "/firmware/primary_firmware",
+                                "/firmware/secondary_firmware"};
+  for (std::uint32_t index = 0; index < 5; ++index) {
+    const auto& record = partitions[index];
+    EXPECT_EQ(u32_at(record, 17), index);
+    const std::uint32_t share = u32_at(record, 33);
+    EXPECT_LE(share, 100U);
+    EXPECT_EQ(record[8], share > 0 ? 1 : 0);
+    const std::string text(reinterpret_cast<const char*>(record.data()) + 45);
+    EXPECT_EQ(text, std::string(mount_points[index]) + " partition free disk space " + std::to_string(share) + "%" +
+                        (share > 0 ? " is back to normal" : ""));
+  }
+}
+
+TEST_F(SystemMgrTest, DiskDataAnswerIsTwoPlausibleFloats) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+
+  const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
+  auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), "disk-client");
+  ipc::Request request;
+  request.group = IPC_SYSTEM_MGR;
+  request.id = IPC_SYSTEM_MGR__GET_HDD_DATA;
+  const auto answer = client->request(kDaemonAddress, request, kStepTimeout);
+  ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
+  EXPECT_EQ(answer.value().result, 1U);
+  ASSERT_EQ(answer.value().payload.size(), sizeof(System_mgr__hdd_data));
+  System_mgr__hdd_data data{};
+  std::memcpy(&data, answer.value().payload.data(), sizeof data);
+  EXPECT_GT(data.total, 0.0F);
+  EXPECT_GE(data.free, 0.0F);
+  EXPECT_LE(data.free, data.total);
+}
+
 }  // namespace
 }  // namespace xpon::system_mgr::test
