@@ -82,7 +82,7 @@ class FunctionTest : public ::testing::Test {
 
   /// The text of a 305-byte alarm record.
   static std::string text_of(const ipc::Payload& payload) {
-    return std::string(reinterpret_cast<const char*>(payload.data() + 45));
+    return {reinterpret_cast<const char*>(payload.data() + 45)};
   }
 
   xpon::test::Sandbox sandbox;
