@@ -570,15 +570,17 @@ TEST_F(HddMonitoringTest, StatvfsFailureInARequestWithoutReplyInformationIsNotAn
   EXPECT_TRUE(ipc->responses().empty());
 }
 
-TEST_F(HddMonitoringTest, FailedErrorResponseReturnsTheSendError) {
+TEST_F(HddMonitoringTest, FailedErrorResponseStillReturnsCommonError) {
   auto function = make();
   ASSERT_TRUE(function->ipc_subscribe());
   host->fail_file_system(mapped("/boot"), ENOENT);
   ipc->fail_next_send(Error::InvalidState);
   const auto handled = ipc->inject_request(hdd_request());
   ASSERT_FALSE(handled);
-  EXPECT_EQ(handled.error().error, Error::InvalidState);
+  EXPECT_EQ(handled.error().error, Error::CommonError);
   EXPECT_TRUE(ipc->responses().empty());
+  // The failed send itself is logged where it happened.
+  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
 }
 
 TEST_F(HddMonitoringTest, FailedAnswerReturnsTheSendError) {

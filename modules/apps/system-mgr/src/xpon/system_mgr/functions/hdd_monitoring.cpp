@@ -165,8 +165,9 @@ Result<void> HddMonitoring::get_hdd_data(const ipc::Request& request) {
     if (query(mount_point, stats) != 0) {
       logger_->error("statvfs({}) call failed ({})", mount_point, std::strerror(errno));
       if (request.reply_to) {
-        // Error::CommonError after a successful send, on purpose; a failed send's own error otherwise.
-        return send_error_response(request);
+        // The requester is answered with the error response; the request's own outcome is
+        // Error::CommonError whatever that send gave.
+        static_cast<void>(send_error_response(request));
       }
       return ErrorPayload(Error::CommonError);
     }
@@ -182,7 +183,11 @@ Result<void> HddMonitoring::get_hdd_data(const ipc::Request& request) {
   if (!request.reply_to) {
     return core::success();
   }
-  return send_answer(request, std::move(payload));
+  auto sent = core::guarded_call(*logger_, [&] { return send_answer(request, std::move(payload)); });
+  if (!sent) {
+    return core::propagate(*logger_, std::move(sent));
+  }
+  return core::success();
 }
 
 }  // namespace xpon::system_mgr
