@@ -200,36 +200,36 @@ class HddMonitoringTest : public FunctionTest {
 // --- The conversion of the free share -----------------------------------------------------
 
 TEST(PercentToU32Test, TruncatesTowardZero) {
-  EXPECT_EQ(percent_to_u32(12.9), 12U);
-  EXPECT_EQ(percent_to_u32(0.99), 0U);
-  EXPECT_EQ(percent_to_u32(100.0), 100U);
+  EXPECT_EQ(truncate_to_u32(12.9), 12U);
+  EXPECT_EQ(truncate_to_u32(0.99), 0U);
+  EXPECT_EQ(truncate_to_u32(100.0), 100U);
 }
 
 TEST(PercentToU32Test, NotANumberGivesZero) {
-  EXPECT_EQ(percent_to_u32(std::numeric_limits<double>::quiet_NaN()), 0U);
-  EXPECT_EQ(percent_to_u32(-std::numeric_limits<double>::quiet_NaN()), 0U);
+  EXPECT_EQ(truncate_to_u32(std::numeric_limits<double>::quiet_NaN()), 0U);
+  EXPECT_EQ(truncate_to_u32(-std::numeric_limits<double>::quiet_NaN()), 0U);
 }
 
 TEST(PercentToU32Test, PositiveInfinityGivesTheMaximum) {
-  EXPECT_EQ(percent_to_u32(std::numeric_limits<double>::infinity()), 4294967295U);
+  EXPECT_EQ(truncate_to_u32(std::numeric_limits<double>::infinity()), 4294967295U);
 }
 
 TEST(PercentToU32Test, TooLargeGivesTheMaximum) {
-  EXPECT_EQ(percent_to_u32(4294967296.0), 4294967295U);
-  EXPECT_EQ(percent_to_u32(1e300), 4294967295U);
-  EXPECT_EQ(percent_to_u32(std::numeric_limits<double>::max()), 4294967295U);
+  EXPECT_EQ(truncate_to_u32(4294967296.0), 4294967295U);
+  EXPECT_EQ(truncate_to_u32(1e300), 4294967295U);
+  EXPECT_EQ(truncate_to_u32(std::numeric_limits<double>::max()), 4294967295U);
 }
 
 TEST(PercentToU32Test, LargestValueInRangeIsKept) {
-  EXPECT_EQ(percent_to_u32(4294967295.0), 4294967295U);
-  EXPECT_EQ(percent_to_u32(4294967295.5), 4294967295U);
+  EXPECT_EQ(truncate_to_u32(4294967295.0), 4294967295U);
+  EXPECT_EQ(truncate_to_u32(4294967295.5), 4294967295U);
 }
 
 TEST(PercentToU32Test, NegativeGivesZero) {
-  EXPECT_EQ(percent_to_u32(-0.5), 0U);
-  EXPECT_EQ(percent_to_u32(-1.0), 0U);
-  EXPECT_EQ(percent_to_u32(-0.0), 0U);
-  EXPECT_EQ(percent_to_u32(-std::numeric_limits<double>::infinity()), 0U);
+  EXPECT_EQ(truncate_to_u32(-0.5), 0U);
+  EXPECT_EQ(truncate_to_u32(-1.0), 0U);
+  EXPECT_EQ(truncate_to_u32(-0.0), 0U);
+  EXPECT_EQ(truncate_to_u32(-std::numeric_limits<double>::infinity()), 0U);
 }
 
 // --- Construction and configuration -------------------------------------------------------

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <utility>
 
 namespace xpon::system_mgr {
@@ -49,6 +50,18 @@ bool before(const timespec& a, const timespec& b) noexcept {
 }
 
 }  // namespace
+
+std::uint32_t truncate_to_u32(double value) noexcept {
+  // Also false for not-a-number, which therefore gives 0.
+  if (!(value > 0.0)) {
+    return 0;
+  }
+  // 2^32 is exact in double; everything from there on (+infinity included) does not fit.
+  if (value >= 4294967296.0) {
+    return std::numeric_limits<std::uint32_t>::max();
+  }
+  return static_cast<std::uint32_t>(value);
+}
 
 SysFunction::SysFunction(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                          const std::string_view& name, std::chrono::milliseconds period)

@@ -40,6 +40,11 @@ inline constexpr std::uint32_t kReplyAddressWord = 0x0000FFFE;
 inline constexpr std::uint16_t kAlarmEventGroup = IPC_EVENT_ALARM_GROUP;
 inline constexpr std::uint16_t kAlarmEventId = IPC_EVENT_ALARM_ID;
 
+/// A measured value converted to the unsigned 32-bit field of an alarm record, truncated toward
+/// zero, with a defined result for every input: not-a-number and anything not above 0 give 0,
+/// anything from 2^32 on (+infinity included) gives the maximum.
+std::uint32_t truncate_to_u32(double value) noexcept;
+
 /// One monitoring or control activity of the daemon, as its service drives it.
 class ISysFunction {
  public:

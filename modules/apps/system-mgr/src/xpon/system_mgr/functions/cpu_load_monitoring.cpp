@@ -23,20 +23,6 @@ using core::ErrorPayload;
 
 constexpr const char* kBackToNormal = " is back to normal";
 
-// Load average x 100, truncated toward zero. The kernel never reports a negative or
-// non-finite average; should one appear anyway it is pinned to the range of the field
-// instead of being converted with undefined behaviour.
-std::uint32_t hundredths(double average) {
-  const double scaled = average * 100.0;
-  if (!(scaled > 0.0)) {
-    return 0;
-  }
-  if (scaled >= static_cast<double>(std::numeric_limits<std::uint32_t>::max())) {
-    return std::numeric_limits<std::uint32_t>::max();
-  }
-  return static_cast<std::uint32_t>(scaled);
-}
-
 }  // namespace
 
 CpuLoadMonitoring::CpuLoadMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
@@ -93,9 +79,9 @@ Result<void> CpuLoadMonitoring::polling() {
     return ErrorPayload(Error::ErrorCApi);
   }
 
-  const std::uint32_t one_minute = hundredths(averages[0]);
-  const std::uint32_t five_minutes = hundredths(averages[1]);
-  const std::uint32_t fifteen_minutes = hundredths(averages[2]);
+  const std::uint32_t one_minute = truncate_to_u32(averages[0] * 100.0);
+  const std::uint32_t five_minutes = truncate_to_u32(averages[1] * 100.0);
+  const std::uint32_t fifteen_minutes = truncate_to_u32(averages[2] * 100.0);
 
   // Compared on the converted integers, so 2.499 against a threshold of 250 is normal.
   const std::uint16_t threshold = threshold_.load();

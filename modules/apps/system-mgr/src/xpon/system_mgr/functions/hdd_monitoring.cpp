@@ -28,18 +28,6 @@ constexpr float kBytesToGiB = 1.0F / 1073741824.0F;
 
 }  // namespace
 
-std::uint32_t percent_to_u32(double share) noexcept {
-  // Also false for not-a-number, which therefore gives 0.
-  if (!(share > 0.0)) {
-    return 0;
-  }
-  // 2^32 is exact in double; everything from there on (+infinity included) does not fit.
-  if (share >= 4294967296.0) {
-    return std::numeric_limits<std::uint32_t>::max();
-  }
-  return static_cast<std::uint32_t>(share);
-}
-
 HddMonitoring::HddMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                              const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, std::chrono::milliseconds period,
                              const std::shared_ptr<host::IHost>& host)
@@ -128,9 +116,9 @@ Result<void> HddMonitoring::polling() {
     }
 
     // Block counts, not bytes, and the blocks available to unprivileged users. A partition
-    // without blocks divides by zero on purpose; percent_to_u32 gives the result a defined value.
+    // without blocks divides by zero on purpose; truncate_to_u32 gives the result a defined value.
     const double share = static_cast<double>(stats.f_bavail) * 100.0 / static_cast<double>(stats.f_blocks);
-    const std::uint32_t free_share = percent_to_u32(share);
+    const std::uint32_t free_share = truncate_to_u32(share);
     // Strict on purpose: a free share equal to the threshold is an alarm.
     const bool normal = threshold < free_share;
 

@@ -17,12 +17,6 @@
 
 namespace xpon::system_mgr {
 
-/// A free share in percent, as computed in double precision, converted to the unsigned 32-bit
-/// value of the alarm record by truncation toward zero, with a defined result for every input:
-/// not-a-number and negative values give 0, values beyond the range (+infinity included) give
-/// the largest value. A partition reporting no blocks at all divides by zero and lands here.
-std::uint32_t percent_to_u32(double share) noexcept;
-
 /// Watches the free space of the board's five flash partitions, publishes one alarm record per
 /// partition on every poll and answers the request for the total and free space.
 class HddMonitoring : public SysFunction {

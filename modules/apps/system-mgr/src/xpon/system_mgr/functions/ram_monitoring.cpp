@@ -23,19 +23,6 @@ using core::ErrorPayload;
 
 constexpr const char* kBackToNormal = " is back to normal";
 
-// The free share in percent, truncated toward zero. The page counts are never negative and the
-// physical count never 0 on a running system; should they be, the share is pinned to the range
-// of the field instead of being converted with undefined behaviour.
-std::uint32_t percent(double share) {
-  if (!(share > 0.0)) {
-    return 0;
-  }
-  if (share >= static_cast<double>(std::numeric_limits<std::uint32_t>::max())) {
-    return std::numeric_limits<std::uint32_t>::max();
-  }
-  return static_cast<std::uint32_t>(share);
-}
-
 }  // namespace
 
 RamMonitoring::RamMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
@@ -105,7 +92,7 @@ Result<void> RamMonitoring::polling() {
 
   // Single-precision quotient, then scaled by the double 100.0 and truncated: 12.9 % is 12.
   const std::uint32_t free_share =
-      percent(static_cast<double>(static_cast<float>(available) / static_cast<float>(physical)) * 100.0);
+      truncate_to_u32(static_cast<double>(static_cast<float>(available) / static_cast<float>(physical)) * 100.0);
 
   // Strict on purpose: a share equal to the threshold is an alarm; a threshold of 0 clears it
   // for any share above 0.
