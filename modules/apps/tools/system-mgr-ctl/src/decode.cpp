@@ -1,5 +1,7 @@
 #include "decode.hpp"
 
+#include "decode_support.hpp"
+
 #include "xpon/cfgdb/change_event.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/tool/console.hpp"
@@ -22,7 +24,7 @@ namespace xpon::system_mgr::ctl {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using namespace detail;
 using tool::UsageError;
 
 struct Named {
@@ -88,61 +90,6 @@ constexpr std::string_view kRequestPrefix = "IPC_SYSTEM_MGR__";
 std::string_view find_name(std::span<const Named> table, std::uint16_t id) noexcept {
   const auto found = std::find_if(table.begin(), table.end(), [id](const Named& named) { return named.id == id; });
   return found == table.end() ? std::string_view{} : found->name;
-}
-
-std::uint32_t read_u32(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
-  return static_cast<std::uint32_t>(bytes[offset]) | (static_cast<std::uint32_t>(bytes[offset + 1]) << 8U) |
-         (static_cast<std::uint32_t>(bytes[offset + 2]) << 16U) |
-         (static_cast<std::uint32_t>(bytes[offset + 3]) << 24U);
-}
-
-std::uint64_t read_u64(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
-  return static_cast<std::uint64_t>(read_u32(bytes, offset)) |
-         (static_cast<std::uint64_t>(read_u32(bytes, offset + 4)) << 32U);
-}
-
-float read_f32(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
-  return std::bit_cast<float>(read_u32(bytes, offset));
-}
-
-double read_f64(std::span<const std::uint8_t> bytes, std::size_t offset) noexcept {
-  return std::bit_cast<double>(read_u64(bytes, offset));
-}
-
-std::string hex(std::span<const std::uint8_t> bytes) {
-  return tool::to_hex(ipc::Payload(bytes.begin(), bytes.end()));
-}
-
-std::string byte_count(std::size_t size) {
-  return size == 1 ? std::string("(1 byte)") : fmt::format("({} bytes)", size);
-}
-
-std::string address_text(std::uint32_t address) {
-  return fmt::format("0x{:08x}", address);
-}
-
-bool printable(std::uint8_t byte) noexcept {
-  return byte >= 0x20 && byte <= 0x7e;
-}
-
-/// The text with backslashes doubled and every byte outside printable ASCII as \xNN, so that
-/// whatever a publisher wrote stays readable and valid UTF-8.
-std::string escaped(std::string_view text, bool escape_quotes) {
-  std::string out;
-  out.reserve(text.size());
-  for (const char character : text) {
-    const auto byte = static_cast<std::uint8_t>(character);
-    if (character == '\\') {
-      out += "\\\\";
-    } else if (character == '"' && escape_quotes) {
-      out += "\\\"";
-    } else if (printable(byte)) {
-      out += character;
-    } else {
-      fmt::format_to(std::back_inserter(out), "\\x{:02x}", byte);
-    }
-  }
-  return out;
 }
 
 /// The fields every JSON line of an event starts with.
@@ -294,29 +241,9 @@ std::string format_other(const ipc::Event& event, bool json) {
   return fmt::format("{}: payload [{}] {}", event_prefix(event), hex(event.payload), byte_count(event.payload.size()));
 }
 
-/// An answer payload taken apart: indented text lines and the same as a JSON object.
-struct Decoded {
-  std::vector<std::string> lines;
-  Json json = Json::object();
-};
-
 constexpr std::size_t kTempRecordSize = 8;
 constexpr std::size_t kFanRecordSize = 4;
 constexpr std::size_t kEddiAnswerSize = 133;
-
-Decoded wrong_size(std::size_t size, std::string_view expected) {
-  Decoded decoded;
-  const std::string reason = fmt::format("malformed answer: {} bytes, expected {}", size, expected);
-  decoded.lines.push_back(reason);
-  decoded.json["error"] = reason;
-  return decoded;
-}
-
-/// The shortest text that reads back as the same value, in the value's own precision.
-template <typename Value>
-std::string number(Value value) {
-  return fmt::format("{}", value);
-}
 
 Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view unit, std::string_view key_suffix) {
   if (bytes.size() != 8) {

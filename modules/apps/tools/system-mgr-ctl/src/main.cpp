@@ -1,5 +1,7 @@
 // system-mgr-ctl: asks the system manager daemon over IPC and watches what it publishes.
 
+#include "client.hpp"
+#include "commands.hpp"
 #include "decode.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
@@ -26,7 +28,6 @@
 namespace {
 
 using namespace xpon::system_mgr::ctl;
-using xpon::tool::kExitFailed;
 using xpon::tool::kExitOk;
 using xpon::tool::kExitTimeout;
 using xpon::tool::kExitUsage;
@@ -34,14 +35,6 @@ using xpon::tool::print_line;
 using xpon::tool::UsageError;
 namespace ipc = xpon::ipc;
 namespace wire = xpon::ipc::wire;
-
-/// The first application id tried for the tool's own endpoint; the next free one is taken.
-constexpr std::uint16_t kFirstClientApplication = 0xFE00;
-constexpr std::uint16_t kLastClientApplication = 0xFEFF;
-
-void print_error(const std::string& line) {
-  xpon::tool::print_error("system-mgr-ctl", line);
-}
 
 std::uint64_t parse_count(const std::optional<std::string>& text) {
   if (!text) {
@@ -80,39 +73,6 @@ int run_watch(bool json, const std::optional<std::string>& count_text, const std
                   ? fmt::format("no event within {} s", *timeout_text)
                   : fmt::format("{} of {} events within {} s", result.seen, options.count, *timeout_text));
   return kExitTimeout;
-}
-
-std::shared_ptr<ipc::ZmqIpc> open_client_endpoint() {
-  return ipc::make_zmq_endpoint_in_range(kFirstClientApplication, kLastClientApplication, "system-mgr-ctl");
-}
-
-/// How an answer is printed: format_response, or a command's own view of its answer.
-using AnswerFormat = std::string (*)(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json);
-
-int run_request(bool json, std::uint16_t id, const ipc::Payload& payload, const std::string& timeout_text,
-                AnswerFormat format = format_response) {
-  const auto timeout_ms = xpon::tool::parse_number(timeout_text, 3600000, "--timeout");
-  if (timeout_ms == 0) {
-    throw UsageError("--timeout: at least 1 ms");
-  }
-  const auto timeout = std::chrono::milliseconds(timeout_ms);
-  auto endpoint = open_client_endpoint();
-  ipc::Request request;
-  request.group = xpon::system_mgr::IPC_SYSTEM_MGR;
-  request.id = id;
-  request.payload = payload;
-  const ipc::Address daemon = xpon::system_mgr::SYSTEM_MGR_IPC_ADDRESS;
-  const auto answer = endpoint->request(daemon, std::move(request), timeout);
-  if (!answer) {
-    if (answer.error().error == xpon::core::Error::InvalidState) {
-      print_error(fmt::format("no answer from the system manager (0x{:08x}) within {} ms", daemon, timeout.count()));
-      return kExitTimeout;
-    }
-    print_error(answer.error().to_string());
-    return kExitFailed;
-  }
-  print_line(format(daemon, id, answer.value(), json));
-  return answer.value().result == xpon::system_mgr::SYSTEM_MGR_RESULT_ANSWERED ? kExitOk : kExitFailed;
 }
 
 /// The options of one request command, kept for as long as the parser refers to them.
@@ -178,16 +138,9 @@ int main(int argc, char** argv) {
   request->add_option("--payload", request_payload, "Request payload as hex digits, two per byte");
   request->add_option("--timeout", request_timeout, "Time to wait for the answer, in ms")->capture_default_str();
 
-  bool ram_json = false;
-  std::string ram_timeout = "1000";
-  auto* ram = app.add_subcommand("ram", "Ask for the memory totals (GET_RAM_DATA) and print them in kB and MiB");
-  ram->add_flag("--json", ram_json, "Print the totals as a JSON object");
-  ram->add_option("--timeout", ram_timeout, "Time to wait for the answer, in ms")->capture_default_str();
-  bool disk_json = false;
-  std::string disk_timeout = "1000";
-  auto* disk = app.add_subcommand("disk", "Print the total and free space of the flash partitions, in GiB");
-  disk->add_flag("--json", disk_json, "Print the sizes as a JSON object");
-  disk->add_option("--timeout", disk_timeout, "Time to wait for the answer, in ms")->capture_default_str();
+  // The typed commands, one group of requests per source.
+  Subcommands typed;
+  add_memory_commands(app, typed);
 
   // One command per request of the daemon; a deque keeps each one's options where the parser points.
   std::deque<CommandOptions> commands;
@@ -213,23 +166,17 @@ int main(int argc, char** argv) {
     }
     if (request->parsed()) {
       return run_request(request_json, parse_request_id(request_id), xpon::tool::parse_hex(request_payload),
-                         request_timeout);
+                         request_timeout, format_response);
     }
-    if (ram->parsed()) {
-      return run_request(ram_json, xpon::system_mgr::IPC_SYSTEM_MGR__GET_RAM_DATA, {}, ram_timeout,
-                         [](ipc::Address from, std::uint16_t /*id*/, const ipc::Response& response, bool json) {
-                           return format_ram(from, response, json);
-                         });
-    }
-    if (disk->parsed()) {
-      return run_request(disk_json, xpon::system_mgr::IPC_SYSTEM_MGR__GET_HDD_DATA, {}, disk_timeout,
-                         [](ipc::Address from, std::uint16_t /*id*/, const ipc::Response& response, bool json) {
-                           return format_disk(from, response, json);
-                         });
+    for (const auto& command : typed) {
+      if (command.app->parsed()) {
+        return command.run();
+      }
     }
     for (const auto& options : commands) {
       if (options.app->parsed()) {
-        return run_request(options.json, options.command.id, command_payload(options), options.timeout);
+        return run_request(options.json, options.command.id, command_payload(options), options.timeout,
+                           format_response);
       }
     }
     return kExitUsage;
