@@ -597,8 +597,8 @@ std::string format_ram(ipc::Address from, const ipc::Response& response, bool js
   const double total_mib = static_cast<double>(total) / kKibPerMib;
   const double free_mib = static_cast<double>(free) / kKibPerMib;
   if (json) {
-    return Json{
-        {"type", "ram"}, {"total_kb", total}, {"free_kb", free}, {"total_mib", total_mib}, {"free_mib", free_mib}}
+    return Json{{"type", "ram"},   {"from", address_text(from)}, {"total_kb", total},
+                {"free_kb", free}, {"total_mib", total_mib},     {"free_mib", free_mib}}
         .dump();
   }
   return fmt::format("RAM total {} kB ({:.1f} MiB), free {} kB ({:.1f} MiB)", number(total), total_mib, number(free),

@@ -61,8 +61,9 @@ ipc::Payload port_payload(std::uint32_t port);
 std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json);
 
 /// The answer to IPC_SYSTEM_MGR__GET_RAM_DATA for the `ram` command: one line with the total and
-/// free memory in kB and in MiB, or as JSON one object with both values in both units. An error
-/// answer or a payload of another size than 8 bytes is shown as format_response shows it.
+/// free memory in kB and in MiB, or as JSON one object with the sender and both values in both
+/// units. An error answer or a payload of another size than 8 bytes is shown as format_response
+/// shows it.
 /// Never throws for any payload.
 std::string format_ram(ipc::Address from, const ipc::Response& response, bool json);
 

@@ -396,7 +396,7 @@ TEST_F(SystemMgrCtl, RamCommandSendsGetRamDataAndPrintsKilobytesAndMebibytes) {
   EXPECT_EQ(json.exit_status(), 0) << json.err();
   EXPECT_EQ(
       json.out(),
-      R"({"type":"ram","total_kb":4045632.0,"free_kb":1234567.0,"total_mib":3950.8125,"free_mib":1205.6318359375})"
+      R"({"type":"ram","from":"0x0019fffe","total_kb":4045632.0,"free_kb":1234567.0,"total_mib":3950.8125,"free_mib":1205.6318359375})"
       "\n");
 }
 

@@ -397,7 +397,7 @@ TEST(CtlRam, TotalAndFreeInKilobytesAndMebibytes) {
 
 TEST(CtlRam, JsonHasBothValuesInBothUnits) {
   EXPECT_EQ(format_ram(kDaemon, answered(kRamAnswer), true),
-            R"({"type":"ram","total_kb":4045632.0,"free_kb":1234567.0,"total_mib":3950.8125,)"
+            R"({"type":"ram","from":"0x0019fffe","total_kb":4045632.0,"free_kb":1234567.0,"total_mib":3950.8125,)"
             R"("free_mib":1205.6318359375})");
 }
 
