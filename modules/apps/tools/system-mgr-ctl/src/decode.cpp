@@ -1,5 +1,6 @@
 #include "decode.hpp"
 
+#include "decode_power.hpp"
 #include "decode_support.hpp"
 
 #include "xpon/cfgdb/change_event.hpp"
@@ -400,6 +401,10 @@ std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint
       return decode_sfp_modules(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_STATES:
       return decode_fans(bytes);
+    case IPC_SYSTEM_MGR__GET_PS_STATES:
+      return decode_ps_states(bytes);
+    case IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE:
+      return decode_pwr_module(bytes);
     default:
       return std::nullopt;
   }
