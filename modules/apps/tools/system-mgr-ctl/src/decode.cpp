@@ -170,10 +170,13 @@ std::string format_alarm(const ipc::Event& event, bool json) {
     }
     return line.dump();
   }
-  return fmt::format("{}:{} alarm from {}: id {} ({}) {}, instance {}, values {} {} {}, text \"{}\"{}", event.group,
-                     event.id, address_text(event.source), alarm_id, name.empty() ? "unknown" : name, state_text,
-                     instance, values[0], values[1], values[2], escaped(text, true),
-                     terminated ? "" : " (not NUL-terminated)");
+  // A supply alarm carries no value: its values would only be noise in the line.
+  const std::string values_text = alarm_id == SYSTEM_MGR_ALARM_POWER_SUPPLY
+                                      ? std::string()
+                                      : fmt::format(", values {} {} {}", values[0], values[1], values[2]);
+  return fmt::format("{}:{} alarm from {}: id {} ({}) {}, instance {}{}, text \"{}\"{}", event.group, event.id,
+                     address_text(event.source), alarm_id, name.empty() ? "unknown" : name, state_text, instance,
+                     values_text, escaped(text, true), terminated ? "" : " (not NUL-terminated)");
 }
 
 std::string format_sfp(const ipc::Event& event, bool p_ports, bool inserted, bool json) {

@@ -173,8 +173,13 @@ TEST(CtlPsu, ASupplyAlarmIsNamedWithItsInstanceAndText) {
   event.address = 0x0000FFFE;
   event.payload.assign(bytes, bytes + sizeof alarm);
   EXPECT_EQ(format_event(event, false),
-            "9000:9005 alarm from 0x0019fffe: id 46 (power supply) raised, instance 2, values 0 0 0, text "
+            "9000:9005 alarm from 0x0019fffe: id 46 (power supply) raised, instance 2, text "
             "\"Power supply 2 is missing voltage\"");
+  // JSON keeps the record's three value words, zero for a supply.
+  EXPECT_EQ(format_event(event, true),
+            R"({"type":"alarm","group":9000,"id":9005,"name":"alarm","source":"0x0019fffe","slot":65534,)"
+            R"("address":"0x0000fffe","alarm_id":46,"alarm":"power supply","state":"raised","instance":2,)"
+            R"("values":[0,0,0],"text":"Power supply 2 is missing voltage"})");
 }
 
 // --- GET_PWR_MODULE_STATE -------------------------------------------------------------------
