@@ -23,9 +23,6 @@ using namespace std::chrono_literals;
 using core::Error;
 using test::BoardOp;
 
-constexpr ipc::Address kSender = ipc::make_address(0x0042);
-constexpr std::uint16_t kTag = 0x0BAD;
-
 // A power module with every field set to a value of its own, so a misplaced byte shows.
 Wake__pwr_module module_state() {
   Wake__pwr_module state;
@@ -53,33 +50,10 @@ class PwrModuleMonitoringTest : public FunctionTest {
     return std::make_unique<PwrModuleMonitoring>(logger, ipc, cfgdb, board, period);
   }
 
-  static ipc::Request state_request(ipc::Payload payload = {}) {
-    ipc::Request request;
-    request.payload = std::move(payload);
-    request.group = IPC_SYSTEM_MGR;
-    request.id = IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE;
-    request.reply_to = ipc::ReplyTo{kSender, kTag};
-    return request;
-  }
-
   std::shared_ptr<test::FakeBoard> board = std::make_shared<test::FakeBoard>();
 };
 
 // --- Construction and configuration -----------------------------------------------------------
-
-TEST_F(PwrModuleMonitoringTest, LogsItsCreationAndDestructionWithItsName) {
-  make().reset();
-  EXPECT_EQ(logger->texts(),
-            (std::vector<std::string>{"SysFunction create successfully", "PwrModuleMonitoring create successfully",
-                                      "PwrModuleMonitoring destroy successfully", "SysFunction destroy successfully"}));
-  EXPECT_TRUE(board->calls().empty());
-}
-
-TEST_F(PwrModuleMonitoringTest, KeepsItsNameAndPeriod) {
-  auto function = make();
-  EXPECT_EQ(function->name(), "PwrModuleMonitoring");
-  EXPECT_EQ(function->period(), 30000ms);
-}
 
 TEST_F(PwrModuleMonitoringTest, NeedsNoReadableConfiguration) {
   // The section is reserved for a future alarm: nothing is read, so not even a database is needed.
@@ -123,14 +97,7 @@ TEST_F(PwrModuleMonitoringTest, ThePollSucceedsWithoutDoingAnything) {
 }
 
 TEST_F(PwrModuleMonitoringTest, ThePollingThreadRunsAndNeverSendsAnything) {
-  // Exposes the wake-up so that the test can end the thread even when stop's own wake-up
-  // falls between two waits (and is lost, as designed).
-  class Wakeable : public PwrModuleMonitoring {
-   public:
-    using PwrModuleMonitoring::PwrModuleMonitoring;
-    using SysFunction::wake_polling_thread;
-  };
-  auto function = std::make_unique<Wakeable>(logger, ipc, cfgdb, board, 10ms);
+  auto function = std::make_unique<Wakeable<PwrModuleMonitoring>>(logger, ipc, cfgdb, board, 10ms);
   ASSERT_TRUE(function->run());
   // The empty poll is not "not implemented": the thread is started all the same.
   EXPECT_TRUE(function->is_running());
@@ -142,148 +109,25 @@ TEST_F(PwrModuleMonitoringTest, ThePollingThreadRunsAndNeverSendsAnything) {
   EXPECT_TRUE(ipc->responses().empty());
   EXPECT_TRUE(board->calls().empty());
   EXPECT_TRUE(logger->contains("Start System function: PwrModuleMonitoring", 0));
-  auto stopped = std::async(std::launch::async, [&] { return function->stop(); });
-  while (stopped.wait_for(5ms) != std::future_status::ready) {
-    function->wake_polling_thread();
-  }
-  EXPECT_TRUE(stopped.get());
+  EXPECT_TRUE(stop_waking(*function));
   EXPECT_FALSE(function->is_running());
   EXPECT_TRUE(ipc->request_subscriptions().empty());
 }
 
-// --- Subscription ---------------------------------------------------------------------------------
-
-TEST_F(PwrModuleMonitoringTest, SubscribesAndUnsubscribesTheStateRequest) {
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  EXPECT_EQ(ipc->request_subscriptions(),
-            (std::vector<ipc::Key>{ipc::Key{IPC_SYSTEM_MGR, IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE}}));
-  EXPECT_EQ(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, 15533);
-  ASSERT_TRUE(function->ipc_unsubscribe());
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-}
-
-TEST_F(PwrModuleMonitoringTest, AFailingSubscriptionIsLoggedAndReturned) {
-  auto function = make();
-  ipc->fail_next_subscribe(Error::InvalidState);
-  const auto result = function->run();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
-  EXPECT_FALSE(function->is_running());
-}
-
-// --- IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE -------------------------------------------------------
+// --- IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE (what every board request shares: board_request_test.cpp)
 
 TEST_F(PwrModuleMonitoringTest, TheStateIsTheModulesTwentyBytesAsTheyStand) {
   board->answer(BoardOp::get_pwr_module_state, module_state());
   auto function = make();
   ASSERT_TRUE(function->ipc_subscribe());
   logger->clear();
-  ASSERT_TRUE(ipc->inject_request(state_request()));
-  const auto response = only_response(kSender, kTag);
+  ASSERT_TRUE(ipc->inject_request(request_to(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE)));
+  const auto response = only_response(kRequestSender, kRequestTag);
   EXPECT_EQ(response.result, 1U);
   EXPECT_EQ(response.payload, kStateBytes);
   EXPECT_EQ(logger->texts(), (std::vector<std::string>{"Handle IPC request [IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE]"}));
   EXPECT_TRUE(logger->contains("Handle IPC request [IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE]", 0));
   EXPECT_EQ(board->ops(), (std::vector<BoardOp>{BoardOp::get_pwr_module_state}));
-}
-
-TEST_F(PwrModuleMonitoringTest, TheRequestPayloadIsIgnoredWhateverItsLength) {
-  board->answer(BoardOp::get_pwr_module_state, module_state());
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{65536}}) {
-    ipc->clear_sent();
-    ASSERT_TRUE(ipc->inject_request(state_request(ipc::Payload(length, 0xEE)))) << length;
-    const auto response = only_response(kSender, kTag);
-    EXPECT_EQ(response.result, 1U) << length;
-    EXPECT_EQ(response.payload, kStateBytes) << length;
-  }
-}
-
-TEST_F(PwrModuleMonitoringTest, ABoardFailureIsAnsweredWithTheErrorResponseAndNotLogged) {
-  board->fail(BoardOp::get_pwr_module_state, Error::ErrorCApi, "BOARD_GET_PWR_MODULE_STATE failed");
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  logger->clear();
-  const auto result = ipc->inject_request(state_request());
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::CommonError);
-  const auto response = only_response(kSender, kTag);
-  EXPECT_EQ(response.result, 0U);
-  EXPECT_TRUE(response.payload.empty());
-  EXPECT_EQ(logger->texts(), (std::vector<std::string>{"Handle IPC request [IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE]"}));
-}
-
-TEST_F(PwrModuleMonitoringTest, ABoardExceptionIsLoggedAndAnsweredWithTheErrorResponse) {
-  board->throw_exception(BoardOp::get_pwr_module_state, "driver gone");
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  const auto result = ipc->inject_request(state_request());
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::CommonError);
-  EXPECT_TRUE(logger->contains("An std::exception was thrown: driver gone ", 4));
-  EXPECT_EQ(only_response(kSender, kTag).result, 0U);
-}
-
-TEST_F(PwrModuleMonitoringTest, ABoardFailureWhoseErrorResponseFailsReturnsTheSendError) {
-  board->fail(BoardOp::get_pwr_module_state, Error::ErrorCApi);
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  ipc->fail_next_send(Error::InvalidState);
-  const auto result = ipc->inject_request(state_request());
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(ipc->responses().empty());
-}
-
-TEST_F(PwrModuleMonitoringTest, AFailingAnswerIsLoggedAndReturned) {
-  board->answer(BoardOp::get_pwr_module_state, module_state());
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  ipc->fail_next_send(Error::InvalidState);
-  const auto result = ipc->inject_request(state_request());
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
-}
-
-TEST_F(PwrModuleMonitoringTest, ARequestWithoutReplyInformationThrowsAfterTheBoardRead) {
-  board->answer(BoardOp::get_pwr_module_state, module_state());
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  auto request = state_request();
-  request.reply_to.reset();
-  EXPECT_THROW(static_cast<void>(ipc->inject_request(request)), std::bad_optional_access);
-  EXPECT_EQ(board->count(BoardOp::get_pwr_module_state), 1U);
-  EXPECT_TRUE(ipc->responses().empty());
-}
-
-TEST_F(PwrModuleMonitoringTest, ARequestWithoutReplyInformationOnABoardFailureIsAnException) {
-  board->fail(BoardOp::get_pwr_module_state, Error::ErrorCApi);
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  auto request = state_request();
-  request.reply_to.reset();
-  const auto result = ipc->inject_request(request);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::Exception);
-  EXPECT_TRUE(ipc->responses().empty());
-}
-
-TEST_F(PwrModuleMonitoringTest, AnUnknownRequestIsNeitherAnsweredNorLogged) {
-  auto function = make();
-  logger->clear();
-  auto request = state_request();
-  request.id = IPC_SYSTEM_MGR__GET_PS_STATES;
-  const auto result = function->handle_request(request);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::CommonError);
-  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unexpected IPC request: 15500|15529.");
-  EXPECT_TRUE(logger->texts().empty());
-  EXPECT_TRUE(ipc->responses().empty());
-  EXPECT_TRUE(board->calls().empty());
 }
 
 }  // namespace

@@ -45,24 +45,14 @@ std::vector<std::uint8_t> supply_alarm(std::uint8_t state, std::uint32_t supply,
 
 class PowerSystemTest : public SystemMgrTest {
  protected:
-  // The next supply alarm on the bus (other alarms are passed over), or nothing after the time-out.
+  // The next supply alarm record on the bus, or nothing after the time-out.
   static std::optional<std::vector<std::uint8_t>> next_supply_alarm(BusSubscriber& subscriber,
                                                                     std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (true) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) {
-        return std::nullopt;
-      }
-      auto alarm = subscriber.next_alarm(left);
-      if (!alarm) {
-        return std::nullopt;
-      }
-      if (alarm->payload.size() == 305 && u32_at(alarm->payload, 9) == SYSTEM_MGR_ALARM_POWER_SUPPLY) {
-        return alarm->payload;
-      }
+    auto alarm = subscriber.next_alarm_of(SYSTEM_MGR_ALARM_POWER_SUPPLY, timeout);
+    if (!alarm) {
+      return std::nullopt;
     }
+    return alarm->payload;
   }
 
   // Writes a patch to the emulator's control file and checks that it was applied.
@@ -76,15 +66,20 @@ class PowerSystemTest : public SystemMgrTest {
     EXPECT_EQ(xpon::test::read_text_file(rig_.path("/dev/board-control")), "ok\n") << patch;
   }
 
-  // Sends one request to the daemon from a client endpoint in the rig's sandbox. READY comes
-  // before the functions subscribe their requests, so the caller waits for the daemon to settle.
-  core::Result<ipc::Response> ask(std::uint16_t id) {
+  // Sends one request to the daemon from a client endpoint in the rig's sandbox and checks the
+  // words of its answer; `answer` is the payload. READY comes before the functions subscribe
+  // their requests, so the caller waits for the daemon to settle first.
+  void ask(std::uint16_t id, std::uint32_t result, ipc::Payload& answer) {
     const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
     auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), "power-client");
     ipc::Request request;
     request.group = IPC_SYSTEM_MGR;
     request.id = id;
-    return client->request(kDaemonAddress, request, kStepTimeout);
+    const auto response = client->request(kDaemonAddress, request, kStepTimeout);
+    ASSERT_TRUE(response.has_value()) << response.error().to_string() << "\n" << rig_.daemon_log();
+    EXPECT_EQ(response.value().result, result);
+    EXPECT_EQ(response.value().address, 0x0000FFFEU);
+    answer = response.value().payload;
   }
 };
 
@@ -195,11 +190,8 @@ TEST_F(PowerSystemTest, SupplyStatesAreSeventyTwoBytesPerSupplyWithEightCopiedEa
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
   ASSERT_NO_FATAL_FAILURE(settle(1));
 
-  const auto answer = ask(IPC_SYSTEM_MGR__GET_PS_STATES);
-  ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
-  EXPECT_EQ(answer.value().result, 1U);
-  EXPECT_EQ(answer.value().address, 0x0000FFFEU);
-  const auto& payload = answer.value().payload;
+  ipc::Payload payload;
+  ASSERT_NO_FATAL_FAILURE(ask(IPC_SYSTEM_MGR__GET_PS_STATES, 1, payload));
   ASSERT_EQ(payload.size(), 2 * sizeof(System_mgr__ps_state));
   // Two supplies: the array's first 16 bytes, all of them supply 1's: driver id 0, installed,
   // good, with identification, no alert, and the first 11 characters of its model.
@@ -241,15 +233,13 @@ TEST_F(PowerSystemTest, PowerModuleStateOfTheFcBoardIsTheScenariosTwentyBytes) {
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
   ASSERT_NO_FATAL_FAILURE(settle(1));
 
-  const auto answer = ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE);
-  ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
-  EXPECT_EQ(answer.value().result, 1U);
-  EXPECT_EQ(answer.value().address, 0x0000FFFEU);
+  ipc::Payload payload;
+  ASSERT_NO_FATAL_FAILURE(ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, 1, payload));
   // examples/board-fc.json: installed and good, no faults, 230.0 V in, 12.00 V and 12.50 A out,
   // 150 W, 38 degrees.
   const std::vector<std::uint8_t> expected = {0x01, 0x01, 0x00, 0x00, 0xFC, 0x08, 0xB0, 0x04, 0xE2, 0x04,
                                               0x96, 0x00, 0x26, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
-  EXPECT_EQ(answer.value().payload, expected);
+  EXPECT_EQ(payload, expected);
   EXPECT_TRUE(rig_.wait_for_log("Handle IPC request [IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE]", kStepTimeout))
       << rig_.daemon_log();
   // The function's thread runs (an empty poll every 30 s) next to the others.
@@ -262,25 +252,20 @@ TEST_F(PowerSystemTest, PowerModuleFaultsReachTheAnswerAndAnUnreadableModuleGets
   ASSERT_NO_FATAL_FAILURE(settle(1));
 
   ASSERT_NO_FATAL_FAILURE(patch_board(R"({"power_module": {"power_good": false, "fault": true, "temperature": -5}})"));
-  auto answer = ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE);
-  ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
-  EXPECT_EQ(answer.value().result, 1U);
-  ASSERT_EQ(answer.value().payload.size(), 20U);
-  EXPECT_EQ(answer.value().payload[1], 0);  // power good
-  EXPECT_EQ(answer.value().payload[2], 1);  // fault
-  EXPECT_EQ(u16_at(answer.value().payload, 12), 0xFFFB);
+  ipc::Payload payload;
+  ASSERT_NO_FATAL_FAILURE(ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, 1, payload));
+  ASSERT_EQ(payload.size(), 20U);
+  EXPECT_EQ(payload[1], 0);  // power good
+  EXPECT_EQ(payload[2], 1);  // fault
+  EXPECT_EQ(u16_at(payload, 12), 0xFFFB);
 
   ASSERT_NO_FATAL_FAILURE(patch_board(R"({"faults": {"BOARD_GET_PWR_MODULE_STATE": {"errno": "EIO", "count": 1}}})"));
-  answer = ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE);
-  ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
-  EXPECT_EQ(answer.value().result, 0U);
-  EXPECT_TRUE(answer.value().payload.empty());
+  ASSERT_NO_FATAL_FAILURE(ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, 0, payload));
+  EXPECT_TRUE(payload.empty());
 
   // The fault was for one call: the module answers again.
-  answer = ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE);
-  ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
-  EXPECT_EQ(answer.value().result, 1U);
-  EXPECT_EQ(answer.value().payload.size(), 20U);
+  ASSERT_NO_FATAL_FAILURE(ask(IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, 1, payload));
+  EXPECT_EQ(payload.size(), 20U);
   EXPECT_TRUE(rig_.daemon().running());
 }
 

@@ -159,19 +159,18 @@ TEST(CtlPsu, TheGenericRequestDecodesTheRecordsToo) {
 // --- The supply alarm as `watch` shows it ---------------------------------------------------
 
 TEST(CtlPsu, ASupplyAlarmIsNamedWithItsInstanceAndText) {
-  Alarm alarm;
-  std::memset(&alarm, 0, sizeof alarm);
+  Alarm alarm{};
   alarm.state = SYSTEM_MGR_ALARM_RAISED;
   alarm.alarm_id = SYSTEM_MGR_ALARM_POWER_SUPPLY;
   alarm.instance = 2;
   std::strcpy(alarm.text, "Power supply 2 is missing voltage");
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&alarm);
   ipc::Event event;
   event.group = IPC_EVENT_ALARM_GROUP;
   event.id = IPC_EVENT_ALARM_ID;
   event.source = kDaemon;
   event.address = 0x0000FFFE;
-  event.payload.assign(bytes, bytes + sizeof alarm);
+  event.payload.resize(sizeof alarm);
+  std::memcpy(event.payload.data(), &alarm, sizeof alarm);
   EXPECT_EQ(format_event(event, false),
             "9000:9005 alarm from 0x0019fffe: id 46 (power supply) raised, instance 2, text "
             "\"Power supply 2 is missing voltage\"");

@@ -136,13 +136,7 @@ Result<void> PsMonitoring::get_ps_states(const ipc::Request& request) {
   }
   // Without reply information this throws std::bad_optional_access out of the handler, after
   // the board was read, as designed: the IPC library's dispatcher deals with it.
-  const ipc::ReplyTo& reply_to = request.reply_to.value();
-  static_cast<void>(reply_to);
-  auto sent = core::guarded_call(*logger_, [&] { return send_answer(request, std::move(payload)); });
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return answer_request(request, std::move(payload));
 }
 
 }  // namespace xpon::system_mgr

@@ -80,13 +80,7 @@ Result<void> PwrModuleMonitoring::get_pwr_module_state(const ipc::Request& reque
   std::memcpy(payload.data(), &state.value(), sizeof(Wake__pwr_module));
   // Without reply information this throws std::bad_optional_access out of the handler, after
   // the board was read, as designed: the IPC library's dispatcher deals with it.
-  const ipc::ReplyTo& reply_to = request.reply_to.value();
-  static_cast<void>(reply_to);
-  auto sent = core::guarded_call(*logger_, [&] { return send_answer(request, std::move(payload)); });
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return answer_request(request, std::move(payload));
 }
 
 }  // namespace xpon::system_mgr
