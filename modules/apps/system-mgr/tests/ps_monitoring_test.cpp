@@ -38,7 +38,7 @@ Brd__ps_info supply(std::uint8_t present, std::uint8_t power_good, std::uint8_t 
   info.has_info = has_info;
   info.alert = 0xA5;
   const auto put = [](char* field, std::size_t size, const std::string& text) {
-    std::memcpy(field, text.data(), std::min(size, text.size()));
+    std::copy_n(text.begin(), std::min(size, text.size()), field);
   };
   put(info.model, sizeof info.model, model);
   put(info.sn, sizeof info.sn, sn);

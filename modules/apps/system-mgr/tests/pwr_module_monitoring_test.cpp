@@ -20,7 +20,6 @@ namespace xpon::system_mgr {
 namespace {
 
 using namespace std::chrono_literals;
-using core::Error;
 using test::BoardOp;
 
 // A power module with every field set to a value of its own, so a misplaced byte shows.
