@@ -79,8 +79,7 @@ Result<void> PsMonitoring::polling() {
 Result<void> PsMonitoring::report(const Brd__ps_info& supply, std::uint32_t index) {
   const bool present = supply.is_present != 0;
   const bool power_good = supply.is_power_good != 0;
-  // Deliberately asymmetric: an empty slot clears the alarm as " is offline", while a supply
-  // reporting power good without being present raises it with no suffix at all.
+  // Deliberately asymmetric: an empty slot clears the alarm, power good without presence raises it.
   const bool normal = present == power_good;
   const char* suffix = "";
   if (present) {
@@ -97,6 +96,7 @@ Result<void> PsMonitoring::report(const Brd__ps_info& supply, std::uint32_t inde
   alarm.instance = index + 1;
   const int written =
       host_->format(alarm.text, sizeof alarm.text, "Power supply %d%s", static_cast<int>(index + 1), suffix);
+  // Strict comparisons on purpose: 1 to 255 characters pass, 0 or a truncated text does not.
   if (written < 1 || written > static_cast<int>(sizeof alarm.text) - 1) {
     // Logged as written, percent sequence and all: the text is not a printf format here.
     logger_->error("snprintf() failed(%d)");
@@ -129,8 +129,7 @@ Result<void> PsMonitoring::get_ps_states(const ipc::Request& request) {
   }
   const std::vector<Brd__ps_info>& records = supplies.value();
   ipc::Payload payload(records.size() * sizeof(Brd__ps_info), 0);
-  // Deliberately 8 bytes per record, not the record's 72: the answer is 72 bytes per supply of
-  // which only the first 8 x N carry data, and consumers receive exactly these bytes.
+  // Deliberately 8 bytes per record copied into 72 per supply: consumers receive exactly these bytes.
   if (!records.empty()) {
     std::memcpy(payload.data(), records.data(), records.size() * SYSTEM_MGR_PS_STATES_COPIED_PER_SUPPLY);
   }
