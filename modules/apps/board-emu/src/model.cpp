@@ -1,6 +1,7 @@
 #include "xpon/board_emu/model.hpp"
 
 #include "json_reader.hpp"
+#include "xpon/board/driver_abi.h"
 #include "xpon/board_emu/operations.hpp"
 
 #include <fmt/format.h>
@@ -150,12 +151,13 @@ PowerSupply read_power_supply(const Json& value, const std::string& path) {
   supply.present = reader.boolean("present", true);
   supply.power_good = reader.boolean("power_good", true);
   supply.alert = reader.integer<std::uint8_t>("alert", 0);
-  // The sizes leave room for the terminating NUL of the driver's text fields.
-  supply.model = reader.text("model", 30);
-  supply.serial = reader.text("serial", 16);
-  supply.version = reader.text("version", 5);
-  supply.revision = reader.text("revision", 1);
-  supply.date = reader.text("date", 10);
+  // A text may fill the driver's whole field; it then goes out without its NUL, as a supply
+  // that fills the field reports it, and readers must stop at the field's end.
+  supply.model = reader.text("model", sizeof(Brd__ps_info::model));
+  supply.serial = reader.text("serial", sizeof(Brd__ps_info::sn));
+  supply.version = reader.text("version", sizeof(Brd__ps_info::ver));
+  supply.revision = reader.text("revision", sizeof(Brd__ps_info::rev));
+  supply.date = reader.text("date", sizeof(Brd__ps_info::date));
   const bool any_text = !supply.model.empty() || !supply.serial.empty() || !supply.version.empty() ||
                         !supply.revision.empty() || !supply.date.empty();
   supply.has_info = reader.boolean("has_info", any_text);

@@ -157,10 +157,10 @@ TEST(ModelValidation, ListsAreBoundedByTheDriverRecords) {
 }
 
 TEST(ModelValidation, PowerSupplyTextsFitTheDriverFields) {
-  EXPECT_EQ(refusal(R"({"power_supplies": [{"revision": "AB"}]})"),
-            "power_supplies[0].revision: must be a text of at most 1 characters, not \"AB\"");
+  EXPECT_EQ(refusal(R"({"power_supplies": [{"revision": "ABC"}]})"),
+            "power_supplies[0].revision: must be a text of at most 2 characters, not \"ABC\"");
   EXPECT_EQ(refusal(R"({"power_supplies": [{"model": 5}]})"),
-            "power_supplies[0].model: must be a text of at most 30 characters, not 5");
+            "power_supplies[0].model: must be a text of at most 31 characters, not 5");
 }
 
 TEST(ModelValidation, FanModuleSpeedsAreBytesAndAtMost28) {

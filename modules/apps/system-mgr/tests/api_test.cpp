@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 namespace xpon::system_mgr {
 namespace {
@@ -41,6 +42,55 @@ TEST(ClientRecords, DiskAnswerIsTotalThenFreeAsTwoFloats) {
   ASSERT_EQ(bytes.size(), 8U);
   EXPECT_EQ(read_at<float>(bytes.data(), 0), 7.25F);
   EXPECT_EQ(read_at<float>(bytes.data(), 4), 1.5F);
+}
+
+TEST(ClientRecords, PowerSupplyRecordPlacesFlagsAndTextsAtTheirOffsets) {
+  System_mgr__ps_state supply;
+  std::memset(&supply, 0, sizeof supply);
+  supply.id = 3;
+  supply.is_present = 1;
+  supply.is_power_good = 2;
+  supply.has_info = 4;
+  supply.alert = 0x80;
+  std::memcpy(supply.model, "PSU", 3);
+  std::memcpy(supply.sn, "SN7", 3);
+  std::memcpy(supply.ver, "1.2", 3);
+  supply.rev[0] = 'B';
+  std::memcpy(supply.date, "2023-01-17", 10);
+  const auto bytes = bytes_of(supply);
+  ASSERT_EQ(bytes.size(), 72U);
+  EXPECT_EQ(bytes[0], 3);
+  EXPECT_EQ(bytes[1], 1);
+  EXPECT_EQ(bytes[2], 2);
+  EXPECT_EQ(bytes[3], 4);
+  EXPECT_EQ(bytes[4], 0x80);
+  EXPECT_EQ(std::string(bytes.begin() + 5, bytes.begin() + 8), "PSU");
+  EXPECT_EQ(bytes[8], 0);
+  EXPECT_EQ(std::string(bytes.begin() + 36, bytes.begin() + 39), "SN7");
+  EXPECT_EQ(std::string(bytes.begin() + 53, bytes.begin() + 56), "1.2");
+  EXPECT_EQ(bytes[59], 'B');
+  EXPECT_EQ(std::string(bytes.begin() + 61, bytes.begin() + 71), "2023-01-17");
+  EXPECT_EQ(bytes[71], 0);
+  EXPECT_EQ(SYSTEM_MGR_PS_STATES_COPIED_PER_SUPPLY, 8);
+}
+
+TEST(ClientRecords, PowerModuleStateIsTwentyLittleEndianBytes) {
+  System_mgr__pwr_module_state state;
+  std::memset(&state, 0, sizeof state);
+  state.present = 1;
+  state.power_good = 0;
+  state.fault = 1;
+  state.fan_fault = 0;
+  state.input_voltage = 2300;
+  state.output_voltage = 1200;
+  state.output_current = 1250;
+  state.output_power = 150;
+  state.temperature = -5;
+  state.reserved[5] = 0x11;
+  const auto bytes = bytes_of(state);
+  const std::array<std::uint8_t, 20> expected = {0x01, 0x00, 0x01, 0x00, 0xFC, 0x08, 0xB0, 0x04, 0xE2, 0x04,
+                                                 0x96, 0x00, 0xFB, 0xFF, 0x00, 0x00, 0x00, 0x00, 0x00, 0x11};
+  EXPECT_EQ(bytes, expected);
 }
 
 TEST(ClientRecords, DiagnosticsAnswerPlacesItsValuesAtTheirOffsets) {

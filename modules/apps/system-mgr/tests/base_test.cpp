@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 
 namespace xpon::system_mgr {
 namespace {
@@ -51,6 +52,7 @@ class ScriptedFunction : public SysFunction {
     return unsubscribe_result;
   }
 
+  using SysFunction::answer_request;
   using SysFunction::apply_config_changes;
   using SysFunction::create_alarm_and_send_trap;
   using SysFunction::mutex;
@@ -698,6 +700,33 @@ TEST_F(SysFunctionTest, FailedAnswerIsReturned) {
   const auto result = function.send_answer(request_with(15501), {});
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::InvalidState);
+}
+
+TEST_F(SysFunctionTest, AnswerRequestSendsTheAnswer) {
+  ScriptedFunction function(logger, ipc, 10s);
+  ASSERT_TRUE(function.answer_request(request_with(15529, ipc::ReplyTo{0x0042FFFE, 4}), ipc::Payload{7, 8}));
+  // The answer send_answer makes, sent to the request's sender.
+  const auto responses = ipc->responses();
+  ASSERT_EQ(responses.size(), 1U);
+  const auto& [to, response] = responses[0];
+  EXPECT_EQ(std::tie(to, response.address, response.reply_tag, response.result, response.payload),
+            std::make_tuple(0x0042FFFEU, 0x0000FFFEU, std::uint16_t{4}, 1U, ipc::Payload{7, 8}));
+}
+
+TEST_F(SysFunctionTest, AnswerRequestLetsTheMissingReplyInformationThrow) {
+  ScriptedFunction function(logger, ipc, 10s);
+  EXPECT_THROW((void)function.answer_request(request_with(15529, std::nullopt), {1}), std::bad_optional_access);
+  EXPECT_TRUE(ipc->responses().empty());
+}
+
+TEST_F(SysFunctionTest, AnswerRequestLogsAndReturnsAFailedSend) {
+  ScriptedFunction function(logger, ipc, 10s);
+  logger->clear();
+  ipc->fail_next_send(Error::InvalidState);
+  const auto result = function.answer_request(request_with(15529), {});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::InvalidState);
+  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
 }
 
 }  // namespace

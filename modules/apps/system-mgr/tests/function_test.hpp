@@ -8,6 +8,8 @@
 #include "xpon/cfgdb/sections.hpp"
 #include "xpon/cfgdb/store.hpp"
 #include "xpon/ipc/ipc.hpp"
+#include "xpon/system_mgr/api.h"
+#include "xpon/system_mgr/functions/base.hpp"
 #include "xpon/test/fake_host.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
@@ -16,13 +18,52 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace xpon::system_mgr {
+
+/// An endpoint whose n-th alarm event (counted from 1) fails to be sent with "send failed".
+class FailingNthEventIpc : public xpon::test::RecordingIpc {
+ public:
+  explicit FailingNthEventIpc(std::size_t failing) : failing_(failing) {}
+  core::Result<void> send_event(const ipc::Event& event) override {
+    if (++attempts_ == failing_) {
+      return core::ErrorPayload(core::Error::CommonError, "send failed");
+    }
+    return RecordingIpc::send_event(event);
+  }
+
+ private:
+  std::size_t failing_;
+  std::size_t attempts_ = 0;
+};
+
+/// A function whose polling thread a test can wake, so that it can end the thread even when
+/// stop's own wake-up falls into a poll (and is lost, as designed).
+template <typename Function>
+class Wakeable : public Function {
+ public:
+  using Function::Function;
+  using SysFunction::wake_polling_thread;
+};
+
+/// Stops a running function, waking its polling thread until stop has returned; stop's result.
+template <typename Function>
+Result<void> stop_waking(Wakeable<Function>& function) {
+  auto stopped = std::async(std::launch::async, [&] { return function.stop(); });
+  while (stopped.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
+    function.wake_polling_thread();
+  }
+  return stopped.get();
+}
 
 class FunctionTest : public ::testing::Test {
  protected:
@@ -65,6 +106,32 @@ class FunctionTest : public ::testing::Test {
     EXPECT_EQ(events.back().group, 9000);
     EXPECT_EQ(events.back().id, 9005);
     return events.back().payload;
+  }
+
+  /// The address and reply tag of the requests request_to makes.
+  static constexpr ipc::Address kRequestSender = ipc::make_address(0x0042);
+  static constexpr std::uint16_t kRequestTag = 0x2468;
+
+  /// A request of the daemon's module with this id and payload, from kRequestSender waiting for an answer.
+  static ipc::Request request_to(std::uint16_t id, ipc::Payload payload = {}) {
+    ipc::Request request;
+    request.payload = std::move(payload);
+    request.group = IPC_SYSTEM_MGR;
+    request.id = id;
+    request.reply_to = ipc::ReplyTo{kRequestSender, kRequestTag};
+    return request;
+  }
+
+  /// The alarm events sent so far, each checked for its header words.
+  [[nodiscard]] std::vector<ipc::Payload> alarms() const {
+    std::vector<ipc::Payload> payloads;
+    for (const auto& event : ipc->events()) {
+      EXPECT_EQ(event.address, 0x0000FFFEU);
+      EXPECT_EQ(event.group, 9000);
+      EXPECT_EQ(event.id, 9005);
+      payloads.push_back(event.payload);
+    }
+    return payloads;
   }
 
   /// The one response sent so far, checked for the address it went to, its address word and its tag.

@@ -49,22 +49,6 @@ constexpr Partition kLayout[] = {{"/boot", 262144, 131072},
                                  {"/firmware/primary_firmware", 65536, 65536},
                                  {"/firmware/secondary_firmware", 65536, 0}};
 
-// An endpoint whose n-th alarm event (counted from 1) fails to be sent.
-class FailingNthEventIpc : public test::RecordingIpc {
- public:
-  explicit FailingNthEventIpc(std::size_t failing) : failing_(failing) {}
-  core::Result<void> send_event(const ipc::Event& event) override {
-    if (++attempts_ == failing_) {
-      return core::ErrorPayload(Error::CommonError, "send failed");
-    }
-    return RecordingIpc::send_event(event);
-  }
-
- private:
-  std::size_t failing_;
-  std::size_t attempts_ = 0;
-};
-
 // The function over a real configuration database file and a fake host: the test sets the
 // threshold in the database and the file-system statistics in the host, and reads what was sent.
 class HddMonitoringTest : public FunctionTest {
@@ -126,18 +110,6 @@ class HddMonitoringTest : public FunctionTest {
       calls.push_back("statvfs " + mapped(kLayout[i].mount_point));
     }
     return calls;
-  }
-
-  // The alarm events sent so far, each checked for its header words.
-  [[nodiscard]] std::vector<ipc::Payload> alarms() const {
-    std::vector<ipc::Payload> payloads;
-    for (const auto& event : ipc->events()) {
-      EXPECT_EQ(event.address, 0x0000FFFEU);
-      EXPECT_EQ(event.group, 9000);
-      EXPECT_EQ(event.id, 9005);
-      payloads.push_back(event.payload);
-    }
-    return payloads;
   }
 
   // One poll of a fresh function, which must succeed: the five alarm records it sent (padded

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -115,6 +116,23 @@ class BusSubscriber {
   /// The next event of any subscribed key, or nothing after the time-out (probe echoes are
   /// passed over).
   std::optional<BusEvent> next_event(std::chrono::milliseconds timeout) {
+    return next_matching(timeout, [](const BusEvent&) { return true; });
+  }
+
+  /// The next alarm record of one kind (bytes 9-12 of the record), or nothing after the time-out;
+  /// other events are passed over.
+  std::optional<BusEvent> next_alarm_of(std::uint32_t alarm_id, std::chrono::milliseconds timeout) {
+    return next_matching(timeout, [alarm_id](const BusEvent& event) {
+      return event.payload.size() == sizeof(Alarm) && u32_at(event.payload, offsetof(Alarm, alarm_id)) == alarm_id;
+    });
+  }
+
+ private:
+  static constexpr std::uint16_t kProbeGroup = 0x7FF0;
+  static constexpr std::uint16_t kProbeId = 0x0001;
+
+  template <typename Wanted>
+  std::optional<BusEvent> next_matching(std::chrono::milliseconds timeout, Wanted wanted) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (true) {
       const auto left =
@@ -122,15 +140,11 @@ class BusSubscriber {
       if (left.count() <= 0) {
         return std::nullopt;
       }
-      if (auto event = next(left, /*keep_probes=*/false)) {
+      if (auto event = next(left, /*keep_probes=*/false); event && wanted(*event)) {
         return event;
       }
     }
   }
-
- private:
-  static constexpr std::uint16_t kProbeGroup = 0x7FF0;
-  static constexpr std::uint16_t kProbeId = 0x0001;
 
   std::optional<BusEvent> next(std::chrono::milliseconds timeout, bool keep_probes) {
     std::array<zmq::pollitem_t, 1> items{{{subscriber_.handle(), 0, ZMQ_POLLIN, 0}}};

@@ -31,4 +31,7 @@ void add_answer_options(CLI::App& command, AnswerOptions& options, const std::st
 /// `ram` and `disk`: the memory totals and the flash partitions' space.
 void add_memory_commands(CLI::App& app, Subcommands& commands);
 
+/// `psu` and `power-module`: the board's power supplies and the crate's power module.
+void add_power_commands(CLI::App& app, Subcommands& commands);
+
 }  // namespace xpon::system_mgr::ctl

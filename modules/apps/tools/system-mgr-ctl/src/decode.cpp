@@ -1,5 +1,6 @@
 #include "decode.hpp"
 
+#include "decode_power.hpp"
 #include "decode_support.hpp"
 
 #include "xpon/cfgdb/change_event.hpp"
@@ -169,10 +170,13 @@ std::string format_alarm(const ipc::Event& event, bool json) {
     }
     return line.dump();
   }
-  return fmt::format("{}:{} alarm from {}: id {} ({}) {}, instance {}, values {} {} {}, text \"{}\"{}", event.group,
-                     event.id, address_text(event.source), alarm_id, name.empty() ? "unknown" : name, state_text,
-                     instance, values[0], values[1], values[2], escaped(text, true),
-                     terminated ? "" : " (not NUL-terminated)");
+  // A supply alarm carries no value: its values would only be noise in the line.
+  const std::string values_text = alarm_id == SYSTEM_MGR_ALARM_POWER_SUPPLY
+                                      ? std::string()
+                                      : fmt::format(", values {} {} {}", values[0], values[1], values[2]);
+  return fmt::format("{}:{} alarm from {}: id {} ({}) {}, instance {}{}, text \"{}\"{}", event.group, event.id,
+                     address_text(event.source), alarm_id, name.empty() ? "unknown" : name, state_text, instance,
+                     values_text, escaped(text, true), terminated ? "" : " (not NUL-terminated)");
 }
 
 std::string format_sfp(const ipc::Event& event, bool p_ports, bool inserted, bool json) {
@@ -400,6 +404,10 @@ std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint
       return decode_sfp_modules(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_STATES:
       return decode_fans(bytes);
+    case IPC_SYSTEM_MGR__GET_PS_STATES:
+      return decode_ps_states(bytes);
+    case IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE:
+      return decode_pwr_module(bytes);
     default:
       return std::nullopt;
   }

@@ -330,11 +330,11 @@ TEST(CtlResponseFormatting, AnsweredRequestShowsNameResultAndPayload) {
   response.result = 1;
   EXPECT_EQ(format_response(kDaemon, 15533, response, false),
             "15500:15533 IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE from 0x0019fffe: result 1 (answered), payload [0102] "
-            "(2 bytes)");
+            "(2 bytes)\n  malformed answer: 2 bytes, expected 20");
   EXPECT_EQ(format_response(kDaemon, 15533, response, true),
             R"({"type":"response","group":15500,"id":15533,"name":"IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE",)"
             R"("from":"0x0019fffe","result":1,"answer":"answered","reply_tag":7,"address":"0x0000fffe",)"
-            R"("payload":"0102"})");
+            R"("payload":"0102","decoded":{"error":"malformed answer: 2 bytes, expected 20"}})");
 }
 
 ipc::Response answered(ipc::Payload payload) {

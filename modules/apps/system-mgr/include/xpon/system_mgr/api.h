@@ -160,6 +160,59 @@ SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__hdd_data) == 8, "System_mgr__hdd
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__hdd_data, total) == 0, "disk total at byte 0");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__hdd_data, free) == 4, "disk free at byte 4");
 
+/* One power supply in the answer to IPC_SYSTEM_MGR__GET_PS_STATES: the board driver's record,
+ * packed, 72 bytes, supply 1 first. Text fields are NUL-terminated when the supply terminates
+ * them; read them only within their field. The daemon copies only the first 8 bytes per supply
+ * into the answer (8 x N bytes of the record array for N supplies) and leaves the rest zero. */
+typedef struct SYSTEM_MGR_API_PACKED System_mgr__ps_state {
+  uint8_t id;            /* the driver's number of the supply, from 0 */
+  uint8_t is_present;    /* non-zero: the supply is installed */
+  uint8_t is_power_good; /* non-zero: the supply's output is good */
+  uint8_t has_info;      /* non-zero: the identification fields are valid */
+  uint8_t alert;         /* the driver's status bits of the supply, 0 when quiet */
+  char model[31];        /* model name */
+  char sn[17];           /* serial number */
+  char ver[6];           /* version */
+  char rev[2];           /* revision */
+  char date[11];         /* manufacturing date */
+} System_mgr__ps_state;
+
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__ps_state) == 72, "System_mgr__ps_state is 72 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, is_present) == 1, "supply present flag at byte 1");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, is_power_good) == 2, "supply power good at byte 2");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, has_info) == 3, "supply info flag at byte 3");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, model) == 5, "supply model at byte 5");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, sn) == 36, "supply serial number at byte 36");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, ver) == 53, "supply version at byte 53");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, rev) == 59, "supply revision at byte 59");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__ps_state, date) == 61, "supply date at byte 61");
+
+/* Bytes of each supply's record the daemon copies into the GET_PS_STATES answer. */
+enum { SYSTEM_MGR_PS_STATES_COPIED_PER_SUPPLY = 8 };
+
+/* The answer to IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE: the crate's power module as the board
+ * driver reports it, passed through unchanged. Packed, little-endian, 20 bytes. */
+typedef struct SYSTEM_MGR_API_PACKED System_mgr__pwr_module_state {
+  uint8_t present;         /* non-zero: the module is installed */
+  uint8_t power_good;      /* non-zero: the output is good */
+  uint8_t fault;           /* non-zero: the module reports a fault */
+  uint8_t fan_fault;       /* non-zero: the module's own fan failed */
+  uint16_t input_voltage;  /* 0.1 V */
+  uint16_t output_voltage; /* 10 mV */
+  uint16_t output_current; /* 10 mA */
+  uint16_t output_power;   /* W */
+  int16_t temperature;     /* degrees Celsius */
+  uint8_t reserved[6];     /* zero */
+} System_mgr__pwr_module_state;
+
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__pwr_module_state) == 20, "System_mgr__pwr_module_state is 20 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__pwr_module_state, input_voltage) == 4, "input voltage at byte 4");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__pwr_module_state, output_voltage) == 6, "output voltage at byte 6");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__pwr_module_state, output_current) == 8, "output current at byte 8");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__pwr_module_state, output_power) == 10, "output power at byte 10");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__pwr_module_state, temperature) == 12, "temperature at byte 12");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__pwr_module_state, reserved) == 14, "reserved from byte 14");
+
 /* The answer to IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA and IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
  * an SFP module's digital diagnostics in engineering units. Packed, little-endian, 133 bytes. */
 typedef struct SYSTEM_MGR_API_PACKED System_mgr__sfp_eddi_data {

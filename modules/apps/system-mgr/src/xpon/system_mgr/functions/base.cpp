@@ -255,6 +255,19 @@ Result<void> SysFunction::send_answer(const ipc::Request& request, ipc::Payload 
   return ipc_->send_response(reply_to.address, response);
 }
 
+Result<void> SysFunction::answer_request(const ipc::Request& request, ipc::Payload payload,
+                                         const std::source_location& caller) {
+  // Read unguarded on purpose: a missing reply address is the caller's exception to let go.
+  const ipc::ReplyTo& reply_to = request.reply_to.value();
+  static_cast<void>(reply_to);
+  auto sent = core::guarded_call(
+      log(), [&] { return send_answer(request, std::move(payload)); }, caller);
+  if (!sent) {
+    return core::propagate(log(), std::move(sent), caller);
+  }
+  return core::success();
+}
+
 Result<void> SysFunction::send_error_response(const ipc::Request& req) {
   // Reading reply information that is not there throws; the guard turns it into Error::Exception.
   auto reply_to = core::guarded_call(log(), [&req]() -> Result<ipc::ReplyTo> { return req.reply_to.value(); });

@@ -186,6 +186,13 @@ class SysFunction : public ISysFunction {
   /// functions decide whether that ends their handler or becomes Error::Exception.
   Result<void> send_answer(const ipc::Request& request, ipc::Payload payload);
 
+  /// Answers a request as send_answer does, for the handlers whose request must carry reply
+  /// information: a request without it throws std::bad_optional_access out of this call (and so
+  /// out of the handler, to the IPC library's dispatcher) before anything is sent, while the send
+  /// itself is guarded and a failed send is logged and returned.
+  Result<void> answer_request(const ipc::Request& request, ipc::Payload payload,
+                              const std::source_location& caller = std::source_location::current());
+
   /// Starts a thread running `body`; what std::thread's constructor does unless replaced.
   using ThreadStarter = std::function<std::thread(std::function<void()> body)>;
 
