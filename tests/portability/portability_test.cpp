@@ -32,26 +32,12 @@ Record from_driver_bytes(const std::array<std::uint8_t, N>& bytes) {
 }
 
 TEST(DriverRecordLayout, PackedRecordsNeedNoAlignment) {
-  EXPECT_EQ(alignof(Brd__temp_info), 1U);
-  EXPECT_EQ(alignof(Brd__fan_info), 1U);
-  EXPECT_EQ(alignof(Brd__ps_info), 1U);
-  EXPECT_EQ(alignof(Brd__sfp_eddi_data), 1U);
-  EXPECT_EQ(alignof(Brd__sfp_rx_power), 1U);
-  EXPECT_EQ(alignof(Wake__pwr_module), 1U);
-}
-
-TEST(DriverRecordLayout, FieldOffsetsAreTheDriversOnBothArchitectures) {
-  EXPECT_EQ(offsetof(Brd__temp_info, temperature), 4U);
-  EXPECT_EQ(offsetof(Brd__fan_info, speed), 2U);
-  EXPECT_EQ(offsetof(Brd__fan_list, info), 4U);
-  EXPECT_EQ(offsetof(Brd__ps_info, model), 5U);
-  EXPECT_EQ(offsetof(Brd__ps_info, date), 61U);
-  EXPECT_EQ(offsetof(Brd__ps_list, info), 4U);
-  EXPECT_EQ(offsetof(Brd__sfp_eddi_data, data), 4U);
-  EXPECT_EQ(offsetof(Brd__sfp_rx_power, rx_power), 4U);
-  EXPECT_EQ(offsetof(Brd__sfp_rx_power, coefficient), 8U);
-  EXPECT_EQ(offsetof(Wake__pwr_module, input_voltage), 4U);
-  EXPECT_EQ(offsetof(Wake__pwr_module, temperature), 12U);
+  // Sizes and field offsets are board_tests' business; here only that no record asks for alignment.
+  const std::array alignments{alignof(Brd__temp_info),     alignof(Brd__fan_info),     alignof(Brd__ps_info),
+                              alignof(Brd__sfp_eddi_data), alignof(Brd__sfp_rx_power), alignof(Wake__pwr_module)};
+  for (std::size_t i = 0; i < alignments.size(); ++i) {
+    EXPECT_EQ(alignments[i], 1U) << "record " << i << " of the list";
+  }
 }
 
 TEST(DriverRecordLayout, UnalignedFieldsOfAPackedRecordReadBack) {
