@@ -74,6 +74,9 @@ function(xpon_test)
          CONTENT "if(DEFINED ${ARG_NAME}_TESTS)\n  set_tests_properties(\${${ARG_NAME}_TESTS} PROPERTIES LABELS \"${ARG_LABELS}\")\nendif()\n")
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels_file}")
   endif()
+  if("threaded" IN_LIST ARG_LABELS)
+    set_property(GLOBAL APPEND PROPERTY XPON_THREADED_TEST_TARGETS ${ARG_NAME})
+  endif()
 endfunction()
 
 # xpon_test_case_labels(TARGET <test target> CASES <Suite.Case>... LABELS <label>...): gives single
