@@ -45,6 +45,9 @@ struct BoardRequest {
   /// Gives the board something to read; the answer's payload is then `answer`.
   void (*make_readable)(test::FakeBoard& board);
   ipc::Payload answer;
+  /// Whether a failed read without reply information throws (an error answer of its own) or
+  /// ends as Error::Exception (an error answer through send_error_response).
+  bool failed_read_without_reply_throws;
   std::unique_ptr<SysFunction> (*make)(const FunctionParts& parts);
   Result<void> (*handle)(SysFunction& function, const ipc::Request& request);
 };
@@ -116,7 +119,7 @@ ipc::Payload power_module_answer() {
 
 const BoardRequest kRequests[] = {
     {"PsMonitoring", 1000ms, IPC_SYSTEM_MGR__GET_PS_STATES, "IPC_SYSTEM_MGR__GET_PS_STATES", BoardOp::get_ps_info,
-     readable_supplies, supplies_answer(),
+     readable_supplies, supplies_answer(), true,
      [](const FunctionParts& parts) -> std::unique_ptr<SysFunction> {
        return std::make_unique<PsMonitoring>(parts.logger, parts.ipc, parts.board, parts.period, parts.host);
      },
@@ -124,7 +127,7 @@ const BoardRequest kRequests[] = {
        return static_cast<PsMonitoring&>(function).handle_request(request);
      }},
     {"PwrModuleMonitoring", 30000ms, IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, "IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE",
-     BoardOp::get_pwr_module_state, readable_power_module, power_module_answer(),
+     BoardOp::get_pwr_module_state, readable_power_module, power_module_answer(), false,
      [](const FunctionParts& parts) -> std::unique_ptr<SysFunction> {
        return std::make_unique<PwrModuleMonitoring>(parts.logger, parts.ipc, parts.cfgdb, parts.board, parts.period);
      },
@@ -152,6 +155,17 @@ TEST_P(BoardRequestTest, SubscribesAndUnsubscribesItsRequestOnly) {
   ASSERT_TRUE(function->ipc_unsubscribe());
   EXPECT_TRUE(ipc->request_subscriptions().empty());
   EXPECT_TRUE(board->calls().empty());
+}
+
+TEST_P(BoardRequestTest, AFailingUnsubscriptionIsLoggedAndReturned) {
+  auto function = make();
+  logger->clear();
+  const auto result = function->ipc_unsubscribe();
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Empty);
+  // The error's own line, then the same text where the function returns it.
+  EXPECT_EQ(logger->texts(), std::vector<std::string>(2, "Error: Empty. Message: request key not subscribed."));
+  EXPECT_TRUE(logger->contains("Error: Empty. Message: request key not subscribed.", 4));
 }
 
 TEST_P(BoardRequestTest, AFailingSubscriptionIsLoggedAndKeepsTheFunctionFromRunning) {
@@ -243,14 +257,19 @@ TEST_P(BoardRequestTest, WithoutReplyInformationTheHandlerThrowsAfterTheRead) {
   EXPECT_TRUE(ipc->responses().empty());
 }
 
-TEST_P(BoardRequestTest, WithoutReplyInformationAFailedReadIsAnExceptionError) {
+TEST_P(BoardRequestTest, WithoutReplyInformationAFailedReadThrowsOrIsAnExceptionError) {
   board->fail(GetParam().op, Error::ErrorCApi);
   auto function = subscribed();
   auto without_reply = request();
   without_reply.reply_to.reset();
-  const auto result = ipc->inject_request(without_reply);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::Exception);
+  if (GetParam().failed_read_without_reply_throws) {
+    EXPECT_THROW(static_cast<void>(ipc->inject_request(without_reply)), std::bad_optional_access);
+  } else {
+    const auto result = ipc->inject_request(without_reply);
+    ASSERT_TRUE(result.has_error());
+    EXPECT_EQ(result.error().error, Error::Exception);
+  }
+  EXPECT_EQ(board->count(GetParam().op), 1U);
   EXPECT_TRUE(ipc->responses().empty());
 }
 

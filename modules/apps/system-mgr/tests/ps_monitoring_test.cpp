@@ -135,13 +135,6 @@ TEST_F(PsMonitoringTest, ConfigurationAndMastershipChangesDoNothing) {
   EXPECT_TRUE(board->calls().empty());
 }
 
-TEST_F(PsMonitoringTest, AFailingUnsubscriptionIsReturned) {
-  auto function = make();
-  const auto result = function->ipc_unsubscribe();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::Empty);
-}
-
 // --- Classification of one supply -------------------------------------------------------------
 
 TEST_F(PsMonitoringTest, PresentAndPowerGoodIsBackToNormal) {

@@ -162,8 +162,9 @@ SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__hdd_data, free) == 4, "disk fr
 
 /* One power supply in the answer to IPC_SYSTEM_MGR__GET_PS_STATES: the board driver's record,
  * packed, 72 bytes, supply 1 first. Text fields are NUL-terminated when the supply terminates
- * them; read them only within their field. The daemon copies only the first 8 bytes per supply
- * into the answer (8 x N bytes of the record array for N supplies) and leaves the rest zero. */
+ * them; read them only within their field. For N supplies the daemon copies only the first
+ * 8 x N bytes of its record array into the answer and leaves the rest zero: with one supply,
+ * bytes 0-7 of its record; with two, bytes 0-15 of supply 1's record and supply 2 all zero. */
 typedef struct SYSTEM_MGR_API_PACKED System_mgr__ps_state {
   uint8_t id;            /* the driver's number of the supply, from 0 */
   uint8_t is_present;    /* non-zero: the supply is installed */

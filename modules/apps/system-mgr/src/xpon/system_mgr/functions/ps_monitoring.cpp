@@ -125,6 +125,9 @@ Result<void> PsMonitoring::get_ps_states(const ipc::Request& request) {
   auto supplies = core::guarded_call(*logger_, [this] { return board_->get_ps_info(); });
   if (!supplies) {
     // The board's error is dropped without a log line; the requester gets the error response.
+    // Its reply information is read unguarded, as for the answer: without it the handler
+    // leaves by std::bad_optional_access after the board read on this path too.
+    static_cast<void>(request.reply_to.value());
     return send_error_response(request);
   }
   const std::vector<Brd__ps_info>& records = supplies.value();
