@@ -31,4 +31,7 @@ void add_answer_options(CLI::App& command, AnswerOptions& options, const std::st
 /// `ram` and `disk`: the memory totals and the flash partitions' space.
 void add_memory_commands(CLI::App& app, Subcommands& commands);
 
+/// `factory`, `version`, `button` and `led`: the board's identity, the front button and its LEDs.
+void add_control_commands(CLI::App& app, Subcommands& commands);
+
 }  // namespace xpon::system_mgr::ctl
