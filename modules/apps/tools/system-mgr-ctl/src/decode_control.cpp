@@ -61,7 +61,7 @@ std::string field_text(std::span<const std::uint8_t> bytes, const TextField& fie
 void add_texts(std::span<const std::uint8_t> bytes, std::span<const TextField> fields, Decoded& decoded) {
   for (const auto& field : fields) {
     const std::string text = field_text(bytes, field);
-    decoded.lines.push_back(fmt::format("{}: {}", field.label, text));
+    decoded.lines.push_back(fmt::format("{}: {}", field.label, text.empty() ? "(none)" : text));
     decoded.json[std::string(field.key)] = text;
   }
 }

@@ -98,6 +98,23 @@ TEST(CtlFactory, CrateFactoryAsJsonHasEveryField) {
   EXPECT_EQ(line.size(), 19U);
 }
 
+TEST(CtlFactory, EmptyTextsAreShownAsNone) {
+  System_mgr__factory record;
+  std::memset(&record, 0, sizeof record);
+  record.family = SYSTEM_MGR_FAMILY_LC;
+  std::strcpy(record.data.device_name, "QD7R-LC-8");
+  record.data.fields_present = 1;
+  ipc::Payload bytes(sizeof record);
+  std::memcpy(bytes.data(), &record, sizeof record);
+  const auto text = format_factory(kDaemon, IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, answer_of(bytes), false);
+  EXPECT_NE(text.find("\n  part number: (none)\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n  base MAC address: 00:00:00:00:00:00\n"), std::string::npos) << text;
+  const auto line =
+      nlohmann::json::parse(format_factory(kDaemon, IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, answer_of(bytes), true));
+  EXPECT_EQ(line["part_number"], "");
+  EXPECT_EQ(line["family"], "LC");
+}
+
 TEST(CtlFactory, FamiliesByName) {
   EXPECT_EQ(family_name(0), "LT");
   EXPECT_EQ(family_name(1), "LC");
