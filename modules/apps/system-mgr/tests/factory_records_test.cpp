@@ -1,11 +1,12 @@
 #include "xpon/system_mgr/services/factory_records.hpp"
 
+#include "factory_image.hpp"
+
 #include "xpon/system_mgr/services/fc_service.hpp"
 #include "xpon/system_mgr/services/lc_service.hpp"
 
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/factory/factory_data.hpp"
-#include "xpon/factory/tlvinfo.hpp"
 #include "xpon/test/fake_board.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
@@ -16,16 +17,12 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace xpon::system_mgr {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr const char* kDeviceImage = "/sys/bus/nvmem/devices/device-eeprom0/nvmem";
 constexpr const char* kCrateImage = "/sys/bus/nvmem/devices/crate-eeprom0/nvmem";
@@ -48,17 +45,7 @@ class FactoryRecords : public ::testing::Test {
     fields.product_name = product;
     fields.serial_number = "SN0042";
     fields.base_mac = factory::parse_mac("a8:f9:4b:01:02:03");
-    const auto tlvs = factory::to_tlvs(fields);
-    auto encoded = factory::encode_image(tlvs);
-    ASSERT_TRUE(encoded.valid()) << encoded.reason;
-    auto bytes = *encoded.bytes;
-    if (corrupt_crc) {
-      bytes.back() ^= 0xFFU;
-    }
-    const fs::path path = sandbox_.path(logical_path);
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    write_factory_image(sandbox_.path(logical_path), fields, corrupt_crc);
   }
 
   // The MiscParameters among a service's functions.

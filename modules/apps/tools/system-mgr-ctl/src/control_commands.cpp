@@ -8,6 +8,8 @@
 #include "xpon/tool/console.hpp"
 
 #include <algorithm>
+#include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -15,42 +17,51 @@ namespace xpon::system_mgr::ctl {
 
 namespace {
 
-// A command that sends one request without payload and prints the answer with `format`.
-void add_plain_request(CLI::App& parent, Subcommands& commands, const std::string& name, const std::string& help,
-                       std::uint16_t id, AnswerFormat format, const std::string& json_help) {
-  auto options = std::make_shared<AnswerOptions>();
-  auto* command = parent.add_subcommand(name, help);
-  add_answer_options(*command, *options, json_help);
-  commands.push_back(
-      {command, [options, id, format] { return run_request(options->json, id, {}, options->timeout, format); }});
+// A command that sends one request without payload and prints its answer.
+struct PlainRequest {
+  const char* name;
+  const char* help;
+  std::uint16_t id;
+};
+
+// Adds `name` under `parent` with one command per request, each printing its answer with `format`.
+CLI::App* add_request_group(CLI::App& parent, Subcommands& commands, const std::string& name, const std::string& help,
+                            std::initializer_list<PlainRequest> requests, AnswerFormat format,
+                            const std::string& json_help) {
+  auto* group = parent.add_subcommand(name, help);
+  group->require_subcommand(1);
+  for (const PlainRequest& request : requests) {
+    auto options = std::make_shared<AnswerOptions>();
+    auto* command = group->add_subcommand(request.name, request.help);
+    add_answer_options(*command, *options, json_help);
+    commands.push_back({command, [options, id = request.id, format] {
+                          return run_request(options->json, id, {}, options->timeout, format);
+                        }});
+  }
+  return group;
 }
 
 void add_factory_commands(CLI::App& app, Subcommands& commands) {
-  auto* factory =
-      app.add_subcommand("factory", "Print the factory data of the board or of its crate, every field by name");
-  factory->require_subcommand(1);
-  add_plain_request(*factory, commands, "device", "The board's own factory data (GET_DEVICE_FACTORY)",
-                    IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, format_factory, "Print the fields as a JSON object");
-  add_plain_request(*factory, commands, "crate", "The crate's factory data, FC boards only (GET_CRATE_FACTORY)",
-                    IPC_SYSTEM_MGR__GET_CRATE_FACTORY, format_factory, "Print the fields as a JSON object");
+  add_request_group(
+      app, commands, "factory", "Print the factory data of the board or of its crate, every field by name",
+      {{"device", "The board's own factory data (GET_DEVICE_FACTORY)", IPC_SYSTEM_MGR__GET_DEVICE_FACTORY},
+       {"crate", "The crate's factory data, FC boards only (GET_CRATE_FACTORY)", IPC_SYSTEM_MGR__GET_CRATE_FACTORY}},
+      format_factory, "Print the fields as a JSON object");
 }
 
 void add_version_commands(CLI::App& app, Subcommands& commands) {
-  auto* version = app.add_subcommand("version", "Print the FPGA or CPLD configuration version");
-  version->require_subcommand(1);
-  add_plain_request(*version, commands, "fpga", "The FPGA configuration version (GET_FPGA_VERSION)",
-                    IPC_SYSTEM_MGR__GET_FPGA_VERSION, format_version, "Print the version as a JSON object");
-  add_plain_request(*version, commands, "cpld", "The CPLD configuration version (GET_CPLD_VERSION)",
-                    IPC_SYSTEM_MGR__GET_CPLD_VERSION, format_version, "Print the version as a JSON object");
+  add_request_group(app, commands, "version", "Print the FPGA or CPLD configuration version",
+                    {{"fpga", "The FPGA configuration version (GET_FPGA_VERSION)", IPC_SYSTEM_MGR__GET_FPGA_VERSION},
+                     {"cpld", "The CPLD configuration version (GET_CPLD_VERSION)", IPC_SYSTEM_MGR__GET_CPLD_VERSION}},
+                    format_version, "Print the version as a JSON object");
 }
 
 void add_button_commands(CLI::App& app, Subcommands& commands) {
-  auto* button = app.add_subcommand("button", "Control the front button or print its state");
-  button->require_subcommand(1);
-  add_plain_request(*button, commands, "enable", "Let the board watch the front button (ENABLE_F_BUTTON)",
-                    IPC_SYSTEM_MGR__ENABLE_F_BUTTON, format_setting, "Print the outcome as a JSON object");
-  add_plain_request(*button, commands, "disable", "Stop the board watching the front button (DISABLE_F_BUTTON)",
-                    IPC_SYSTEM_MGR__DISABLE_F_BUTTON, format_setting, "Print the outcome as a JSON object");
+  auto* button = add_request_group(
+      app, commands, "button", "Control the front button or print its state",
+      {{"enable", "Let the board watch the front button (ENABLE_F_BUTTON)", IPC_SYSTEM_MGR__ENABLE_F_BUTTON},
+       {"disable", "Stop the board watching the front button (DISABLE_F_BUTTON)", IPC_SYSTEM_MGR__DISABLE_F_BUTTON}},
+      format_setting, "Print the outcome as a JSON object");
 
   auto status = std::make_shared<AnswerOptions>();
   auto* status_command =
@@ -67,12 +78,12 @@ void add_button_commands(CLI::App& app, Subcommands& commands) {
                         return worst;
                       }});
 
-  auto* hard_reset = button->add_subcommand("hard-reset", "Let a long press of the button reset the board, or not");
-  hard_reset->require_subcommand(1);
-  add_plain_request(*hard_reset, commands, "enable", "A long press resets the board (ENABLE_F_BUTTON_HARD_RESET)",
-                    IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET, format_setting, "Print the outcome as a JSON object");
-  add_plain_request(*hard_reset, commands, "disable", "A long press does nothing (DISABLE_F_BUTTON_HARD_RESET)",
-                    IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET, format_setting, "Print the outcome as a JSON object");
+  add_request_group(*button, commands, "hard-reset", "Let a long press of the button reset the board, or not",
+                    {{"enable", "A long press resets the board (ENABLE_F_BUTTON_HARD_RESET)",
+                      IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET},
+                     {"disable", "A long press does nothing (DISABLE_F_BUTTON_HARD_RESET)",
+                      IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET}},
+                    format_setting, "Print the outcome as a JSON object");
 }
 
 struct PanelOptions : AnswerOptions {

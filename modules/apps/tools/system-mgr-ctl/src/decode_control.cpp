@@ -18,7 +18,6 @@ namespace {
 
 using detail::Decoded;
 using detail::escaped;
-using detail::hex;
 using detail::Json;
 using detail::read_u16;
 using detail::read_u32;

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <cstring>
+#include <initializer_list>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 namespace xpon::system_mgr {
@@ -19,6 +21,16 @@ using core::ErrorPayload;
 // The P-port LED selector of the driver: the red element, then the green one.
 constexpr std::uint32_t kRedLed = BRD_API__LED_COLOR_RED;
 constexpr std::uint32_t kGreenLed = BRD_API__LED_COLOR_GREEN;
+
+// The requests answered, in the order they are subscribed and unsubscribed.
+constexpr std::initializer_list<std::uint16_t> kRequestIds = {
+    IPC_SYSTEM_MGR__GET_DEVICE_FACTORY,        IPC_SYSTEM_MGR__GET_CRATE_FACTORY,
+    IPC_SYSTEM_MGR__GET_FPGA_VERSION,          IPC_SYSTEM_MGR__GET_CPLD_VERSION,
+    IPC_SYSTEM_MGR__ENABLE_F_BUTTON,           IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET,
+    IPC_SYSTEM_MGR__DISABLE_F_BUTTON,          IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET,
+    IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED,       IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED,
+    IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED,       IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF,
+    IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, IPC_SYSTEM_MGR__P_PORT_LED_OFF};
 
 }  // namespace
 
@@ -56,24 +68,11 @@ Result<std::uint8_t> MiscParameters::read_version(Result<std::uint8_t> (board::I
 }
 
 Result<void> MiscParameters::ipc_subscribe() {
-  return subscribe_requests(
-      {IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, IPC_SYSTEM_MGR__GET_CRATE_FACTORY, IPC_SYSTEM_MGR__GET_FPGA_VERSION,
-       IPC_SYSTEM_MGR__GET_CPLD_VERSION, IPC_SYSTEM_MGR__ENABLE_F_BUTTON, IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET,
-       IPC_SYSTEM_MGR__DISABLE_F_BUTTON, IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET,
-       IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED,
-       IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF,
-       IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, IPC_SYSTEM_MGR__P_PORT_LED_OFF},
-      [this](const ipc::Request& request) { return handle_request(request); });
+  return subscribe_requests(kRequestIds, [this](const ipc::Request& request) { return handle_request(request); });
 }
 
 Result<void> MiscParameters::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, IPC_SYSTEM_MGR__GET_CRATE_FACTORY,
-                               IPC_SYSTEM_MGR__GET_FPGA_VERSION, IPC_SYSTEM_MGR__GET_CPLD_VERSION,
-                               IPC_SYSTEM_MGR__ENABLE_F_BUTTON, IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET,
-                               IPC_SYSTEM_MGR__DISABLE_F_BUTTON, IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET,
-                               IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED,
-                               IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF,
-                               IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, IPC_SYSTEM_MGR__P_PORT_LED_OFF});
+  return unsubscribe_requests(kRequestIds);
 }
 
 Result<void> MiscParameters::handle_request(const ipc::Request& request) {
@@ -90,28 +89,28 @@ Result<void> MiscParameters::handle_request(const ipc::Request& request) {
        {IPC_SYSTEM_MGR__GET_CPLD_VERSION, "IPC_SYSTEM_MGR__GET_CPLD_VERSION",
         [this](const ipc::Request& req) { return answer(req, {cpld_version_}); }},
        {IPC_SYSTEM_MGR__ENABLE_F_BUTTON, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON",
-        [this](const ipc::Request& req) { return f_btn_command(req, &IBoard::f_btn__enable, "f_btn__enable"); }},
+        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__enable, "f_btn__enable"); }},
        {IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET",
         [this](const ipc::Request& req) {
-          return f_btn_command(req, &IBoard::f_btn__enable_hard_reset, "f_btn__enable_hard_reset");
+          return f_btn_call(req, &IBoard::f_btn__enable_hard_reset, "f_btn__enable_hard_reset");
         }},
        {IPC_SYSTEM_MGR__DISABLE_F_BUTTON, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON",
-        [this](const ipc::Request& req) { return f_btn_command(req, &IBoard::f_btn__disable, "f_btn__disable"); }},
+        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__disable, "f_btn__disable"); }},
        {IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET",
         [this](const ipc::Request& req) {
-          return f_btn_command(req, &IBoard::f_btn__disable_hard_reset, "f_btn__disable_hard_reset");
+          return f_btn_call(req, &IBoard::f_btn__disable_hard_reset, "f_btn__disable_hard_reset");
         }},
        // The operation is named "pooling", as the board interface names it.
        {IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED",
         [this](const ipc::Request& req) {
-          return f_btn_query(req, &IBoard::f_btn__is_pooling_enabled, "f_btn__is_pooling_enabled");
+          return f_btn_call(req, &IBoard::f_btn__is_pooling_enabled, "f_btn__is_pooling_enabled");
         }},
        {IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED",
         [this](const ipc::Request& req) {
-          return f_btn_query(req, &IBoard::f_btn__is_hard_reset_enabled, "f_btn__is_hard_reset_enabled");
+          return f_btn_call(req, &IBoard::f_btn__is_hard_reset_enabled, "f_btn__is_hard_reset_enabled");
         }},
        {IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, "IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED",
-        [this](const ipc::Request& req) { return f_btn_query(req, &IBoard::f_btn__is_pressed, "f_btn__is_pressed"); }},
+        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__is_pressed, "f_btn__is_pressed"); }},
        {IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF",
         [this](const ipc::Request& req) {
           return p_port_led_handlers(req, BRD_API__LED_MODE_ON, BRD_API__LED_MODE_OFF);
@@ -150,24 +149,20 @@ Result<void> MiscParameters::get_crate_factory(const ipc::Request& request) {
   return get_factory(request, crate_factory_);
 }
 
-Result<void> MiscParameters::f_btn_command(const ipc::Request& request, Result<void> (board::IBoard::*command)(),
-                                           std::string_view operation) {
-  auto done = core::guarded_call(*logger_, [this, command] { return ((*board_).*command)(); });
+template <typename Value>
+Result<void> MiscParameters::f_btn_call(const ipc::Request& request, Result<Value> (board::IBoard::*call)(),
+                                        std::string_view operation) {
+  auto done = core::guarded_call(*logger_, [this, call] { return ((*board_).*call)(); });
   if (!done) {
     logger_->error("{}() call failed ({})", operation, done.error().to_string());
     return send_error_response(request);
   }
-  return answer(request, {});
-}
-
-Result<void> MiscParameters::f_btn_query(const ipc::Request& request, Result<std::uint8_t> (board::IBoard::*query)(),
-                                         std::string_view operation) {
-  auto value = core::guarded_call(*logger_, [this, query] { return ((*board_).*query)(); });
-  if (!value) {
-    logger_->error("{}() call failed ({})", operation, value.error().to_string());
-    return send_error_response(request);
+  // A command answers nothing, a query the byte the board gave.
+  if constexpr (std::is_void_v<Value>) {
+    return answer(request, {});
+  } else {
+    return answer(request, {done.value()});
   }
-  return answer(request, {value.value()});
 }
 
 Result<void> MiscParameters::p_port_led_handlers(const ipc::Request& request, Brd_api__led_mode red,

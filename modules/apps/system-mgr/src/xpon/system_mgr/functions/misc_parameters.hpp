@@ -61,10 +61,9 @@ class MiscParameters : public SysFunction {
   Result<void> get_factory(const ipc::Request& request, const System_mgr__factory& record);
   Result<void> get_crate_factory(const ipc::Request& request);
   Result<void> answer(const ipc::Request& request, ipc::Payload payload);
-  Result<void> f_btn_command(const ipc::Request& request, Result<void> (board::IBoard::*command)(),
-                             std::string_view operation);
-  Result<void> f_btn_query(const ipc::Request& request, Result<std::uint8_t> (board::IBoard::*query)(),
-                           std::string_view operation);
+  template <typename Value>
+  Result<void> f_btn_call(const ipc::Request& request, Result<Value> (board::IBoard::*call)(),
+                          std::string_view operation);
   Result<void> p_port_led_handlers(const ipc::Request& request, Brd_api__led_mode red, Brd_api__led_mode green);
   Result<std::uint8_t> read_version(Result<std::uint8_t> (board::IBoard::*read)());
 
