@@ -463,6 +463,14 @@ TEST_F(MiscParametersTest, LedRequestUsesTheFirstFourBytesOfALongerPayload) {
   EXPECT_EQ(led_calls(), (std::vector<Brd__p_port_led>{port_led(2, 0, 2), port_led(2, 1, 0)}));
 }
 
+TEST_F(MiscParametersTest, LedRequestWithATwelveBytePayloadUsesItsFirstFourBytes) {
+  auto function = make();
+  ASSERT_TRUE(function->handle_request(
+      request(IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF, {5, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0})));
+  EXPECT_EQ(led_calls(), (std::vector<Brd__p_port_led>{port_led(5, 1, 2), port_led(5, 0, 0)}));
+  EXPECT_EQ(only_response().result, 1U);
+}
+
 TEST_F(MiscParametersTest, LedRequestPortIsLittleEndianAndPassedUnchecked) {
   // The driver judges the port: an unknown one still goes to the board.
   auto function = make();
