@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -114,6 +115,35 @@ TEST(ClientRecords, DiagnosticsAnswerPlacesItsValuesAtTheirOffsets) {
   for (std::size_t offset = 37; offset < 133; ++offset) {
     EXPECT_EQ(bytes[offset], 0) << offset;
   }
+}
+
+TEST(ClientRecords, FactoryAnswerIsTheFamilyIdThenTheFactoryRecord) {
+  System_mgr__factory answer;
+  std::memset(&answer, 0, sizeof answer);
+  answer.family = SYSTEM_MGR_FAMILY_FC;
+  Factory__data data;
+  std::memset(&data, 0, sizeof data);
+  std::memcpy(data.device_name, "QD7R-FC", 8);
+  const std::array<std::uint8_t, 6> mac{0xA8, 0xF9, 0x4B, 0x01, 0x02, 0x03};
+  std::memcpy(data.base_mac, mac.data(), mac.size());
+  data.mac_count = 0x0102;
+  data.device_version = 3;
+  data.fields_present = FACTORY__FIELD_BIT(0x21) | FACTORY__FIELD_BIT(0x24);
+  answer.data = data;
+  const auto bytes = bytes_of(answer);
+  ASSERT_EQ(bytes.size(), 280U);
+  EXPECT_EQ(read_at<std::uint32_t>(bytes.data(), 0), 2U);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.data() + 4)), "QD7R-FC");
+  EXPECT_TRUE(std::equal(mac.begin(), mac.end(), bytes.begin() + 132));
+  EXPECT_EQ(read_at<std::uint16_t>(bytes.data(), 138), 0x0102);
+  EXPECT_EQ(bytes[160], 3);
+  EXPECT_EQ(read_at<std::uint32_t>(bytes.data(), 276), 0x9U);
+}
+
+TEST(ClientRecords, FamilyIdsAreLtLcFc) {
+  EXPECT_EQ(SYSTEM_MGR_FAMILY_LT, 0);
+  EXPECT_EQ(SYSTEM_MGR_FAMILY_LC, 1);
+  EXPECT_EQ(SYSTEM_MGR_FAMILY_FC, 2);
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #include "xpon/system_mgr/factory.hpp"
 
+#include "factory_image.hpp"
+
 #include "xpon/factory/factory_data.hpp"
-#include "xpon/factory/tlvinfo.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
 #include "xpon/test/temp_dir.hpp"
@@ -10,7 +11,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -72,15 +72,7 @@ class FactoryImage : public ::testing::Test {
     factory::FactoryFields fields;
     fields.product_name = product_name;
     fields.serial_number = "SN0001";
-    const auto tlvs = factory::to_tlvs(fields);
-    auto encoded = factory::encode_image(tlvs);
-    ASSERT_TRUE(encoded.valid()) << encoded.reason;
-    auto bytes = *encoded.bytes;
-    if (corrupt_crc) {
-      bytes.back() ^= 0xFFU;
-    }
-    std::ofstream out(image_path_, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    write_factory_image(image_path_, fields, corrupt_crc);
   }
 
   std::string construction_failure() {

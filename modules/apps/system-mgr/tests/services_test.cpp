@@ -181,11 +181,13 @@ class RealServices : public ::testing::Test {
   test::Sandbox sandbox_;
   test::ScopedEnv root_{"XPON_ROOT", sandbox_.root()};
   std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_ = std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB");
+  // MiscParameters reads the FPGA and CPLD versions when it is made.
+  std::shared_ptr<test::FakeBoard> board_ = std::make_shared<test::FakeBoard>();
 };
 
 TEST_F(RealServices, FcServiceConnectsTheElectionManagerAndLogsItsLife) {
   {
-    const FcService service(logger_, ipc_, cfgdb_, nullptr);
+    const FcService service(logger_, ipc_, cfgdb_, board_);
     EXPECT_EQ(ipc_->connected(), (std::vector<ipc::Address>{0x0015FFFE}));
     EXPECT_TRUE(logger_->contains("FcService create successfully", 0));
     EXPECT_FALSE(service.functions().empty());
@@ -195,7 +197,7 @@ TEST_F(RealServices, FcServiceConnectsTheElectionManagerAndLogsItsLife) {
 
 TEST_F(RealServices, LcServiceConnectsTheElectionManagerAndLogsItsLife) {
   {
-    const LcService service(logger_, ipc_, cfgdb_, nullptr);
+    const LcService service(logger_, ipc_, cfgdb_, board_);
     EXPECT_EQ(ipc_->connected(), (std::vector<ipc::Address>{0x0015FFFE}));
     EXPECT_TRUE(logger_->contains("LcService create successfully", 0));
   }
@@ -204,7 +206,7 @@ TEST_F(RealServices, LcServiceConnectsTheElectionManagerAndLogsItsLife) {
 
 TEST_F(RealServices, LtServiceConnectsNothing) {
   {
-    const LtService service(logger_, ipc_, cfgdb_, nullptr);
+    const LtService service(logger_, ipc_, cfgdb_, board_);
     EXPECT_TRUE(ipc_->connected().empty());
     EXPECT_TRUE(logger_->contains("LtService create successfully", 0));
   }
@@ -212,9 +214,9 @@ TEST_F(RealServices, LtServiceConnectsNothing) {
 }
 
 TEST_F(RealServices, CpuLoadMonitoringIsTheFirstFunctionOfEveryFamily) {
-  const FcService fc(logger_, ipc_, cfgdb_, nullptr);
-  const LcService lc(logger_, ipc_, cfgdb_, nullptr);
-  const LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  const FcService fc(logger_, ipc_, cfgdb_, board_);
+  const LcService lc(logger_, ipc_, cfgdb_, board_);
+  const LtService lt(logger_, ipc_, cfgdb_, board_);
   for (const auto* functions : {&fc.functions(), &lc.functions(), &lt.functions()}) {
     ASSERT_FALSE(functions->empty());
     const auto* first = dynamic_cast<const SysFunction*>(functions->front().get());
@@ -228,7 +230,7 @@ class LtServiceWithProbe : public LtService {
  public:
   LtServiceWithProbe(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
                      const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, std::vector<std::string>& journal)
-      : LtService(logger, ipc, cfgdb, nullptr) {
+      : LtService(logger, ipc, cfgdb, std::make_shared<test::FakeBoard>()) {
     functions_.push_back(std::make_shared<ProbeFunction>("probe", journal));
   }
 };
@@ -360,25 +362,32 @@ std::vector<std::pair<std::string, std::chrono::milliseconds>> lineup(
 }
 
 TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
-  const FcService fc(logger_, ipc_, cfgdb_, nullptr);
-  const LcService lc(logger_, ipc_, cfgdb_, nullptr);
-  const LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  const FcService fc(logger_, ipc_, cfgdb_, board_);
+  const LcService lc(logger_, ipc_, cfgdb_, board_);
+  const LtService lt(logger_, ipc_, cfgdb_, board_);
   using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
   EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
                                             {"RamMonitoring", 30000ms},
                                             {"HddMonitoring", 30000ms},
+                                            {"LedPanelCntrl", 0ms},
+                                            {"MiscParameters", 0ms},
                                             {"PwrModuleMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
+                                            {"RamMonitoring", 30000ms},
+                                            {"LedPanelCntrl", 0ms},
+                                            {"MiscParameters", 0ms}}));
   EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
                                             {"RamMonitoring", 30000ms},
                                             {"HddMonitoring", 30000ms},
+                                            {"LedPanelCntrl", 0ms},
+                                            {"MiscParameters", 0ms},
                                             {"PsMonitoring", 1000ms}}));
 }
 
 TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {
-  FcService fc(logger_, ipc_, cfgdb_, nullptr);
-  LcService lc(logger_, ipc_, cfgdb_, nullptr);
-  LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  FcService fc(logger_, ipc_, cfgdb_, board_);
+  LcService lc(logger_, ipc_, cfgdb_, board_);
+  LtService lt(logger_, ipc_, cfgdb_, board_);
   EXPECT_TRUE(fc.health_check({}));
   EXPECT_TRUE(lc.health_check({}));
   EXPECT_TRUE(lt.health_check({}));
@@ -392,11 +401,17 @@ TEST_F(RealServices, EveryServiceKeepsTheBoardItIsGiven) {
   EXPECT_EQ(fc.board().get(), board.get());
   EXPECT_EQ(lc.board().get(), board.get());
   EXPECT_EQ(lt.board().get(), board.get());
-  // The test's own, the three services' and those of the functions that use the board: the FC
-  // power module's and the LT power supplies'.
-  EXPECT_EQ(board.use_count(), 6);
-  // Making a service asks nothing of the board yet.
-  EXPECT_TRUE(board->calls().empty());
+  // The test's own, each service's and its two control functions', and those of the power
+  // functions: the FC power module's and the LT power supplies'.
+  EXPECT_EQ(board.use_count(), 12);
+  // Making a service reads the FPGA and CPLD versions once (MiscParameters), nothing else.
+  const std::vector<test::BoardOp> versions{test::BoardOp::get_fpga_config_version,
+                                            test::BoardOp::get_cpld_config_version};
+  std::vector<test::BoardOp> expected;
+  for (int service = 0; service < 3; ++service) {
+    expected.insert(expected.end(), versions.begin(), versions.end());
+  }
+  EXPECT_EQ(board->ops(), expected);
 }
 
 TEST(SlotOrder, SystemFunctionInterface) {

@@ -22,6 +22,7 @@ using xpon::test::read_text_file;
 using xpon::test::wait_until;
 
 constexpr const char* kFactoryImage = "/sys/bus/nvmem/devices/device-eeprom0/nvmem";
+constexpr const char* kCrateFactoryImage = "/sys/bus/nvmem/devices/crate-eeprom0/nvmem";
 constexpr const char* kLogConfig = "/etc/zlog_modules_config/SYSTEM-MGR.conf";
 
 // The emulator's exit status when FUSE is missing or the mount is refused.
@@ -139,8 +140,17 @@ std::string DaemonRig::start_emulator(const std::string& example_scenario, std::
 }
 
 std::string DaemonRig::make_factory_image(const std::string& product) {
+  return write_factory_image(product, kFactoryImage);
+}
+
+std::string DaemonRig::make_crate_factory_image(const std::string& product) {
+  std::filesystem::create_directories(std::filesystem::path(path(kCrateFactoryImage)).parent_path());
+  return write_factory_image(product, kCrateFactoryImage);
+}
+
+std::string DaemonRig::write_factory_image(const std::string& product, const std::string& logical_path) {
   const auto run =
-      xpon::test::run_program({XPON_FACTORY_PROGRAM, "make", "--product", product, "-o", path(kFactoryImage)},
+      xpon::test::run_program({XPON_FACTORY_PROGRAM, "make", "--product", product, "-o", path(logical_path)},
                               {sandbox_.environment_entry()}, 10s);
   if (!run.end || !run.end->exited_with(0)) {
     return "xpon-factory make failed (" + (run.end ? run.end->describe() : std::string("time-out")) +

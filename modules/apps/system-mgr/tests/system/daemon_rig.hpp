@@ -55,6 +55,9 @@ class DaemonRig {
   /// Writes the device factory image with `xpon-factory make --product NAME`; an error text or empty.
   std::string make_factory_image(const std::string& product);
 
+  /// Writes the crate's factory image (FC boards) the same way; an error text or empty.
+  std::string make_crate_factory_image(const std::string& product);
+
   /// Writes the daemon's logging configuration (/etc/zlog_modules_config/SYSTEM-MGR.conf).
   void write_log_config(const std::string& text) const;
 
@@ -98,6 +101,7 @@ class DaemonRig {
 
  private:
   void stop_emulator();
+  std::string write_factory_image(const std::string& product, const std::string& logical_path);
 
   xpon::test::Sandbox sandbox_;
   std::unique_ptr<xpon::test::NotifyListener> listener_;

@@ -34,4 +34,7 @@ void add_memory_commands(CLI::App& app, Subcommands& commands);
 /// `psu` and `power-module`: the board's power supplies and the crate's power module.
 void add_power_commands(CLI::App& app, Subcommands& commands);
 
+/// `factory`, `version`, `button` and `led`: the board's identity, the front button and its LEDs.
+void add_control_commands(CLI::App& app, Subcommands& commands);
+
 }  // namespace xpon::system_mgr::ctl

@@ -1,5 +1,6 @@
 #include "decode.hpp"
 
+#include "decode_control.hpp"
 #include "decode_power.hpp"
 #include "decode_support.hpp"
 
@@ -383,6 +384,9 @@ std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint
       return decode_two_floats(bytes, "kB", "kb");
     case IPC_SYSTEM_MGR__GET_HDD_DATA:
       return decode_two_floats(bytes, "GiB", "gib");
+    case IPC_SYSTEM_MGR__GET_DEVICE_FACTORY:
+    case IPC_SYSTEM_MGR__GET_CRATE_FACTORY:
+      return decode_factory(bytes);
     case IPC_SYSTEM_MGR__GET_FPGA_VERSION:
     case IPC_SYSTEM_MGR__GET_CPLD_VERSION:
       return decode_version(bytes);
@@ -422,6 +426,9 @@ RequestArgument argument_of(std::uint16_t id) noexcept {
     case IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX:
     case IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX:
     case IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX:
+    case IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF:
+    case IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF:
+    case IPC_SYSTEM_MGR__P_PORT_LED_OFF:
       return RequestArgument::Port;
     case IPC_SYSTEM_MGR__SET_FAN_SPEED:
     case IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED:

@@ -13,7 +13,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -476,6 +478,78 @@ TEST_F(SystemMgrCtl, HelpIsThereForTheToolAndEachCommand) {
   auto request = run_ctl({"request", "--help"}, "help-request");
   EXPECT_EQ(request.exit_status(), 0);
   EXPECT_NE(request.out().find("--payload"), std::string::npos) << request.out();
+}
+
+// A stand-in daemon answering one request: result 1 with `answer` when the request carries
+// `expected`, an error answer otherwise.
+void serve(const std::shared_ptr<xpon::ipc::IIpc>& daemon, std::uint16_t id, const xpon::ipc::Payload& expected,
+           const xpon::ipc::Payload& answer) {
+  ASSERT_TRUE(daemon
+                  ->subscribe_request({sm::IPC_SYSTEM_MGR, id},
+                                      [&daemon, expected, answer](const xpon::ipc::Request& request) {
+                                        xpon::ipc::Response response;
+                                        response.reply_tag = request.reply_to->tag;
+                                        if (request.payload == expected) {
+                                          response.payload = answer;
+                                          response.result = 1;
+                                        }
+                                        return daemon->send_response(request.reply_to->address, response);
+                                      })
+                  .has_value());
+}
+
+TEST_F(SystemMgrCtl, LedPanelCommandSendsTheDriversRecord) {
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  // The alarm LED (2), blink (2), red (2).
+  ASSERT_NO_FATAL_FAILURE(serve(daemon, sm::IPC_SYSTEM_MGR__CNTRL_LED_PANEL, {2, 0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0}, {}));
+  auto client = run_ctl({"led", "panel", "alarm", "blink", "red"}, "led-panel");
+  EXPECT_EQ(client.exit_status(), 0) << client.err();
+  EXPECT_EQ(client.out(), "IPC_SYSTEM_MGR__CNTRL_LED_PANEL: done\n");
+  auto refused = run_ctl({"led", "panel", "alarm", "on", "red", "--json"}, "led-panel-refused");
+  EXPECT_EQ(refused.exit_status(), 1);
+  EXPECT_TRUE(refused.out().starts_with(R"({"type":"response","group":15500,"id":15503,)")) << refused.out();
+  auto usage = run_ctl({"led", "panel", "disk", "on", "red"}, "led-panel-usage");
+  EXPECT_EQ(usage.exit_status(), 2);
+  EXPECT_EQ(usage.err(),
+            "system-mgr-ctl: LED: \"disk\" is not one of power, status, alarm, master, fan nor a number\n");
+}
+
+TEST_F(SystemMgrCtl, PonLedCommandSendsThePortWithTheRequestOfItsState) {
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  ASSERT_NO_FATAL_FAILURE(serve(daemon, sm::IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, {3, 0, 0, 0}, {}));
+  auto client = run_ctl({"led", "pon", "3", "green", "--json"}, "led-pon");
+  EXPECT_EQ(client.exit_status(), 0) << client.err();
+  EXPECT_EQ(client.out(),
+            R"({"type":"setting","name":"IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF","from":"0x0019fffe","done":true})"
+            "\n");
+}
+
+TEST_F(SystemMgrCtl, ButtonStatusAsksTheThreeQueries) {
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  ASSERT_NO_FATAL_FAILURE(serve(daemon, sm::IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, {}, {1}));
+  ASSERT_NO_FATAL_FAILURE(serve(daemon, sm::IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED, {}, {0}));
+  ASSERT_NO_FATAL_FAILURE(serve(daemon, sm::IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, {}, {1}));
+  auto client = run_ctl({"button", "status"}, "button-status");
+  EXPECT_EQ(client.exit_status(), 0) << client.err();
+  EXPECT_EQ(client.out(),
+            "front button enabled: yes\nfront button hard reset enabled: no\nfront button pressed: yes\n");
+}
+
+TEST_F(SystemMgrCtl, FactoryCommandPrintsTheFamilyAndTheFields) {
+  const auto daemon = xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon");
+  xpon::ipc::Payload record(280, 0);
+  record[0] = 1;
+  const std::string name = "QD7R-LC-8";
+  std::copy(name.begin(), name.end(), record.begin() + 4);
+  ASSERT_NO_FATAL_FAILURE(serve(daemon, sm::IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, {}, record));
+  auto client = run_ctl({"factory", "device"}, "factory");
+  EXPECT_EQ(client.exit_status(), 0) << client.err();
+  EXPECT_TRUE(
+      client.out().starts_with("device factory data from 0x0019fffe:\n  family: LC (1)\n  device name: "
+                               "QD7R-LC-8\n"))
+      << client.out();
+  auto crate = run_ctl({"factory", "crate", "--timeout", "200"}, "factory-crate");
+  EXPECT_EQ(crate.exit_status(), 3);
 }
 
 }  // namespace

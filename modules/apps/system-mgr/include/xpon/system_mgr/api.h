@@ -20,6 +20,9 @@
 
 #define SYSTEM_MGR_API_PACKED __attribute__((packed))
 
+/* Factory__data, the decoded factory record carried by the factory answers. */
+#include "xpon/factory/factory.h"
+
 #ifdef __cplusplus
 namespace xpon::system_mgr {
 #endif
@@ -139,6 +142,25 @@ typedef struct SYSTEM_MGR_API_PACKED SfpModuleRecord {
 SYSTEM_MGR_API_STATIC_ASSERT(sizeof(SfpModuleRecord) == 64, "SfpModuleRecord is 64 bytes");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(SfpModuleRecord, state) == 4, "SfpModuleRecord state at byte 4");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(SfpModuleRecord, data) == 5, "SfpModuleRecord data at byte 5");
+
+/* Device family ids, the first word of System_mgr__factory. */
+enum System_mgr__device_family { SYSTEM_MGR_FAMILY_LT = 0, SYSTEM_MGR_FAMILY_LC = 1, SYSTEM_MGR_FAMILY_FC = 2 };
+
+/* The answer to IPC_SYSTEM_MGR__GET_DEVICE_FACTORY and IPC_SYSTEM_MGR__GET_CRATE_FACTORY: the
+ * family id of the board that answers, then the decoded factory data of the board (device) or of
+ * its crate (FC boards only), as the factory library fills it. Packed, little-endian, 280 bytes.
+ * An all-zero crate answer means the crate's factory image could not be read or is not valid. */
+typedef struct SYSTEM_MGR_API_PACKED System_mgr__factory {
+  uint32_t family;    /* System_mgr__device_family of the answering board */
+  Factory__data data; /* the 276-byte factory record; all zero when the image gave none */
+} System_mgr__factory;
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__factory) == 280, "System_mgr__factory is 280 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__factory, family) == 0, "family id at byte 0");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__factory, data) == 4, "factory record from byte 4");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__factory, data) + offsetof(Factory__data, base_mac) == 132,
+                             "base MAC address at byte 132");
+SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__factory, data) + offsetof(Factory__data, fields_present) == 276,
+                             "present-fields mask at byte 276");
 
 /* The answer to IPC_SYSTEM_MGR__GET_RAM_DATA: packed, little-endian, 8 bytes. */
 typedef struct SYSTEM_MGR_API_PACKED System_mgr__ram_data {

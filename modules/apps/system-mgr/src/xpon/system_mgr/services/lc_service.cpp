@@ -1,7 +1,9 @@
 #include "xpon/system_mgr/services/lc_service.hpp"
 
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+#include "xpon/system_mgr/functions/led_panel_cntrl.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
+#include "xpon/system_mgr/services/factory_records.hpp"
 
 #include <chrono>
 
@@ -15,6 +17,8 @@ LcService::LcService(const std::shared_ptr<logger::ILogger>& logger, const std::
   connect_election_manager("Unable to connect Election Manager IPC client [LcService]");
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  functions_.push_back(std::make_shared<LedPanelCntrl>(logger_, ipc_, board_));
+  functions_.push_back(make_misc_parameters(logger_, ipc_, board_, DeviceType::LC));
   logger_->progress("LcService create successfully");
 }
 
