@@ -364,11 +364,16 @@ TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
   const LcService lc(logger_, ipc_, cfgdb_, nullptr);
   const LtService lt(logger_, ipc_, cfgdb_, nullptr);
   using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
-  EXPECT_EQ(lineup(fc.functions()),
-            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lt.functions()),
-            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
+                                            {"RamMonitoring", 30000ms},
+                                            {"HddMonitoring", 30000ms},
+                                            {"SfpMonitoring", 1000ms}}));
+  EXPECT_EQ(lineup(lc.functions()),
+            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"SfpMonitoring", 1000ms}}));
+  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
+                                            {"RamMonitoring", 30000ms},
+                                            {"HddMonitoring", 30000ms},
+                                            {"SfpMonitoring", 1000ms}}));
 }
 
 TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {
@@ -388,7 +393,9 @@ TEST_F(RealServices, EveryServiceKeepsTheBoardItIsGiven) {
   EXPECT_EQ(fc.board().get(), board.get());
   EXPECT_EQ(lc.board().get(), board.get());
   EXPECT_EQ(lt.board().get(), board.get());
-  EXPECT_EQ(board.use_count(), 4);
+  // Each service holds it once; each service's SfpMonitoring once and once more in each of its
+  // eight bound board operations.
+  EXPECT_EQ(board.use_count(), 1 + 3 * (1 + 1 + 8));
   // Making a service asks nothing of the board yet.
   EXPECT_TRUE(board->calls().empty());
 }

@@ -3,6 +3,7 @@
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
 #include "xpon/system_mgr/functions/hdd_monitoring.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
+#include "xpon/system_mgr/functions/sfp_monitoring.hpp"
 
 #include <chrono>
 
@@ -17,6 +18,7 @@ FcService::FcService(const std::shared_ptr<logger::ILogger>& logger, const std::
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<HddMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  functions_.push_back(std::make_shared<SfpMonitoring>(logger_, ipc_, board_, milliseconds(1000)));
   logger_->progress("FcService create successfully");
 }
 
