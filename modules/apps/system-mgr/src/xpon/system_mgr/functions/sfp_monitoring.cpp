@@ -64,6 +64,8 @@ SfpMonitoring::SfpMonitoring(const std::shared_ptr<ILogger>& logger, const std::
       polling_fn_([this] { return lt_polling(); }),
       ipc_subscribe_fn_([this] { return lt_ipc_subscribe(); }),
       ipc_unsubscribe_fn_([this] { return lt_ipc_unsubscribe(); }),
+      // The board operations are held as bound objects, each keeping its own share of the board.
+      // NOLINTBEGIN(modernize-avoid-bind)
       cntrl_p_port_sfp_trx_(std::bind(&board::IBoard::cntrl_p_port_sfp_trx, board, _1)),
       cntrl_f_port_sfp_trx_(std::bind(&board::IBoard::cntrl_f_port_sfp_trx, board, _1)),
       get_f_port_sfp_state_(std::bind(&board::IBoard::get_f_port_sfp_state, board, _1)),
@@ -72,6 +74,7 @@ SfpMonitoring::SfpMonitoring(const std::shared_ptr<ILogger>& logger, const std::
       get_p_port_sfp_data_(std::bind(&board::IBoard::get_p_port_sfp_data, board, _1)),
       get_f_port_sfp_eddi_data_(std::bind(&board::IBoard::get_f_port_sfp_eddi_data, board, _1)),
       get_p_port_sfp_eddi_data_(std::bind(&board::IBoard::get_p_port_sfp_eddi_data, board, _1)) {
+  // NOLINTEND(modernize-avoid-bind)
   logger_->progress("{} create successfully", kName);
 }
 
