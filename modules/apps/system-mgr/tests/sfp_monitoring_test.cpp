@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -84,7 +85,7 @@ ipc::Payload record_bytes(std::uint32_t port, std::uint8_t state) {
 
 class SfpMonitoringTest : public FunctionTest {
  protected:
-  std::unique_ptr<FamilySfpMonitoring> make(std::shared_ptr<test::RecordingIpc> endpoint = nullptr,
+  std::unique_ptr<FamilySfpMonitoring> make(const std::shared_ptr<test::RecordingIpc>& endpoint = nullptr,
                                             std::chrono::milliseconds period = 1000ms) {
     return std::make_unique<FamilySfpMonitoring>(logger, endpoint ? endpoint : ipc, board, period);
   }
@@ -698,8 +699,10 @@ TEST_F(SfpMonitoringTest, RxPowerIsTheCalibrationPolynomialAsEightBytes) {
   EXPECT_EQ(only_answer(1), (ipc::Payload{0x00, 0x00, 0x00, 0x00, 0x00, 0x34, 0x8B, 0x40}));
   const auto reads = board->arguments<Brd__sfp_rx_power>(BoardOp::get_p_port_sfp_rx_power);
   ASSERT_EQ(reads.size(), 1U);
-  const Brd__sfp_rx_power zero{};
-  EXPECT_EQ(std::memcmp(&reads[0], &zero, sizeof zero), 0) << "the port is deliberately not written into the reading";
+  // Every byte zero: the port is deliberately not written into the reading.
+  std::array<std::uint8_t, sizeof(Brd__sfp_rx_power)> bytes{};
+  std::memcpy(bytes.data(), &reads[0], bytes.size());
+  EXPECT_EQ(bytes, (std::array<std::uint8_t, sizeof(Brd__sfp_rx_power)>{}));
 }
 
 TEST_F(SfpMonitoringTest, RxPowerForAPortWithoutAModuleIsAnErrorResponse) {
