@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -23,6 +24,22 @@
 #include <vector>
 
 namespace xpon::system_mgr {
+
+/// An endpoint whose n-th event (counted from 1) fails to be sent with Error::CommonError "send failed".
+class FailingNthEventIpc : public xpon::test::RecordingIpc {
+ public:
+  explicit FailingNthEventIpc(std::size_t failing) : failing_(failing) {}
+  core::Result<void> send_event(const ipc::Event& event) override {
+    if (++attempts_ == failing_) {
+      return core::ErrorPayload(core::Error::CommonError, "send failed");
+    }
+    return RecordingIpc::send_event(event);
+  }
+
+ private:
+  std::size_t failing_;
+  std::size_t attempts_ = 0;
+};
 
 class FunctionTest : public ::testing::Test {
  protected:

@@ -49,22 +49,6 @@ constexpr Partition kLayout[] = {{"/boot", 262144, 131072},
                                  {"/firmware/primary_firmware", 65536, 65536},
                                  {"/firmware/secondary_firmware", 65536, 0}};
 
-// An endpoint whose n-th alarm event (counted from 1) fails to be sent.
-class FailingNthEventIpc : public test::RecordingIpc {
- public:
-  explicit FailingNthEventIpc(std::size_t failing) : failing_(failing) {}
-  core::Result<void> send_event(const ipc::Event& event) override {
-    if (++attempts_ == failing_) {
-      return core::ErrorPayload(Error::CommonError, "send failed");
-    }
-    return RecordingIpc::send_event(event);
-  }
-
- private:
-  std::size_t failing_;
-  std::size_t attempts_ = 0;
-};
-
 // The function over a real configuration database file and a fake host: the test sets the
 // threshold in the database and the file-system statistics in the host, and reads what was sent.
 class HddMonitoringTest : public FunctionTest {

@@ -43,22 +43,6 @@ class FamilySfpMonitoring : public SfpMonitoring {
   }
 };
 
-// An endpoint whose n-th event (counted from 1) fails to be sent.
-class FailingNthEventIpc : public test::RecordingIpc {
- public:
-  explicit FailingNthEventIpc(std::size_t failing) : failing_(failing) {}
-  core::Result<void> send_event(const ipc::Event& event) override {
-    if (++attempts_ == failing_) {
-      return core::ErrorPayload(Error::CommonError, "send failed");
-    }
-    return RecordingIpc::send_event(event);
-  }
-
- private:
-  std::size_t failing_;
-  std::size_t attempts_ = 0;
-};
-
 ipc::Payload u32(std::uint32_t value) {
   return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8U),
           static_cast<std::uint8_t>(value >> 16U), static_cast<std::uint8_t>(value >> 24U)};

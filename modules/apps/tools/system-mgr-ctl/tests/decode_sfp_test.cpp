@@ -3,6 +3,7 @@
 
 #include "decode_sfp.hpp"
 #include "decode.hpp"
+#include "decode_test_support.hpp"
 #include "xpon/system_mgr/api.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +15,7 @@
 namespace xpon::system_mgr::ctl {
 namespace {
 
-constexpr ipc::Address kDaemon = 0x0019FFFE;
+using test::kDaemon;
 
 // The identification bytes of a module as the board driver lays them out (59 kept by the daemon).
 ipc::Payload identification(const std::string& vendor, const std::string& part, const std::string& revision,
@@ -48,27 +49,8 @@ ipc::Payload record(std::uint32_t port, std::uint8_t state, const ipc::Payload& 
   return bytes;
 }
 
-ipc::Response answered(ipc::Payload payload) {
-  ipc::Response response;
-  response.payload = std::move(payload);
-  response.result = 1;
-  return response;
-}
-
-template <typename Value>
-void put(ipc::Payload& payload, std::size_t offset, Value value) {
-  std::memcpy(payload.data() + offset, &value, sizeof value);
-}
-
-ipc::Event event_of(std::uint16_t id, ipc::Payload payload) {
-  ipc::Event event;
-  event.group = IPC_SYSTEM_MGR;
-  event.id = id;
-  event.payload = std::move(payload);
-  event.source = kDaemon;
-  event.address = 0x0000FFFE;
-  return event;
-}
+using test::answered;
+using test::put;
 
 TEST(CtlSfpIdentity, ReadsTheBaseIdFields) {
   const auto identity = detail::decode_sfp_identity(example_identification());
@@ -99,7 +81,7 @@ TEST(CtlSfpIdentity, EmptyDataGivesEmptyFields) {
 }
 
 TEST(CtlSfpEvents, PPortInsertionShowsTheModulesIdentity) {
-  const auto event = event_of(15539, record(3, 0x21, example_identification()));
+  const auto event = test::event_of(IPC_SYSTEM_MGR, 15539, record(3, 0x21, example_identification()));
   EXPECT_EQ(format_event(event, false),
             "15500:15539 IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED from 0x0019fffe: P-port 3 SFP module "
             "inserted: XPON-OPTICS GP-SFP-C++ rev A, serial XO2311000100, 1490 nm, state 0x21");
@@ -114,7 +96,8 @@ TEST(CtlSfpEvents, PPortInsertionShowsTheModulesIdentity) {
 }
 
 TEST(CtlSfpEvents, FPortInsertionUsesItsGroup) {
-  const auto event = event_of(15541, record(2, 0x01, identification("XPON-OPTICS", "SFP-10G-LR", "B", 1310, "S1")));
+  const auto event = test::event_of(IPC_SYSTEM_MGR, 15541,
+                                    record(2, 0x01, identification("XPON-OPTICS", "SFP-10G-LR", "B", 1310, "S1")));
   EXPECT_EQ(format_event(event, false),
             "15500:15541 IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED from 0x0019fffe: F-port 2 SFP module "
             "inserted: XPON-OPTICS SFP-10G-LR rev B, serial S1, 1310 nm, state 0x01");

@@ -1,4 +1,5 @@
 #include "decode.hpp"
+#include "decode_test_support.hpp"
 
 #include "xpon/system_mgr/api.h"
 #include "xpon/tool/console.hpp"
@@ -22,17 +23,8 @@ namespace {
 
 using tool::UsageError;
 
-constexpr ipc::Address kDaemon = 0x0019FFFE;
-
-ipc::Event event_of(std::uint16_t group, std::uint16_t id, ipc::Payload payload, ipc::Address source = kDaemon) {
-  ipc::Event event;
-  event.group = group;
-  event.id = id;
-  event.payload = std::move(payload);
-  event.source = source;
-  event.address = 0x0000FFFE;
-  return event;
-}
+using test::event_of;
+using test::kDaemon;
 
 ipc::Event alarm_event(const Alarm& alarm) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(&alarm);
@@ -319,20 +311,8 @@ TEST(CtlResponseFormatting, AnsweredRequestShowsNameResultAndPayload) {
             R"("payload":"0102"})");
 }
 
-ipc::Response answered(ipc::Payload payload) {
-  ipc::Response response;
-  response.payload = std::move(payload);
-  response.result = 1;
-  return response;
-}
-
-template <typename Value>
-void put(ipc::Payload& payload, std::size_t offset, Value value) {
-  if (payload.size() < offset + sizeof value) {
-    payload.resize(offset + sizeof value);
-  }
-  std::memcpy(payload.data() + offset, &value, sizeof value);
-}
+using test::answered;
+using test::put;
 
 TEST(CtlResponseDecoding, TemperaturesOnePerSensor) {
   ipc::Payload payload;

@@ -388,10 +388,11 @@ Result<void> SfpMonitoring::rx_power(const ipc::Request& req) {
   // reading itself names no port.
   Brd__sfp_rx_power reading;
   std::memset(&reading, 0, sizeof reading);
-  auto read = core::guarded_call(*logger_, [&] { return board_->get_p_port_sfp_rx_power(reading); });
+  // Called on the board itself, not through a bound operation.
+  auto read = board_call<Brd__sfp_rx_power>(
+      req, [this](Brd__sfp_rx_power& record) { return board_->get_p_port_sfp_rx_power(record); }, reading);
   if (!read) {
-    core::log_error(*logger_, read.error());
-    return answer_error(req, Error::CommonError);
+    return read;
   }
   double power = 0.0;
   const auto x = static_cast<double>(reading.rx_power);
@@ -401,30 +402,47 @@ Result<void> SfpMonitoring::rx_power(const ipc::Request& req) {
   return answer(req, bytes_of(power));
 }
 
-Result<void> SfpMonitoring::get_eddi_and_send_response(const ipc::Request& req, bool p_port) {
+Result<std::uint32_t> SfpMonitoring::requested_module(const ipc::Request& req, bool p_port) {
   std::uint32_t port = 0;
   if (req.payload.size() < sizeof port) {
-    return answer_error(req, Error::CommonError);
+    return answer_error(req, Error::CommonError).as_failure();
   }
   std::memcpy(&port, req.payload.data(), sizeof port);
   if (!is_known(p_port, port)) {
+    return answer_error(req, Error::CommonError).as_failure();
+  }
+  return port;
+}
+
+template <typename Record>
+Result<void> SfpMonitoring::board_call(const ipc::Request& req, const std::function<Result<void>(Record&)>& operation,
+                                       Record& record) {
+  auto called = core::guarded_call(*logger_, [&] { return operation(record); });
+  if (!called) {
+    core::log_error(*logger_, called.error());
     return answer_error(req, Error::CommonError);
+  }
+  return core::success();
+}
+
+Result<void> SfpMonitoring::get_eddi_and_send_response(const ipc::Request& req, bool p_port) {
+  auto port = requested_module(req, p_port);
+  if (!port) {
+    return std::move(port).as_failure();
   }
   Brd__sfp_eddi_data eddi;
   std::memset(&eddi, 0, sizeof eddi);
-  eddi.port = port;
-  const auto& get_eddi = group(p_port).get_eddi;
-  auto read = core::guarded_call(*logger_, [&] { return get_eddi(eddi); });
+  eddi.port = port.value();
+  auto read = board_call(req, group(p_port).get_eddi, eddi);
   if (!read) {
-    core::log_error(*logger_, read.error());
-    return answer_error(req, Error::CommonError);
+    return read;
   }
   // A copy of the words: the driver's record is packed.
   std::array<std::uint16_t, sizeof eddi.data / sizeof(std::uint16_t)> w{};
   std::memcpy(w.data(), eddi.data, sizeof eddi.data);
   System_mgr__sfp_eddi_data answer_record;
   std::memset(&answer_record, 0, sizeof answer_record);
-  answer_record.port = port;
+  answer_record.port = port.value();
   answer_record.valid = 1;
   answer_record.temperature = calibrate_sfp_temperature(w[2], w[3], w[4]);
   answer_record.voltage = centivolts_to_microvolts(calculate_fixed_decimal(w[5], w[6], w[7]));
@@ -434,23 +452,17 @@ Result<void> SfpMonitoring::get_eddi_and_send_response(const ipc::Request& req, 
 }
 
 Result<void> SfpMonitoring::cntrl_trx_and_send_response(const ipc::Request& req, bool enable, bool p_port) {
-  std::uint32_t port = 0;
-  if (req.payload.size() < sizeof port) {
-    return answer_error(req, Error::CommonError);
-  }
-  std::memcpy(&port, req.payload.data(), sizeof port);
-  if (!is_known(p_port, port)) {
-    return answer_error(req, Error::CommonError);
+  auto port = requested_module(req, p_port);
+  if (!port) {
+    return std::move(port).as_failure();
   }
   Brd__cntrl_sfp_trx trx;
   std::memset(&trx, 0, sizeof trx);
-  trx.port = port;
+  trx.port = port.value();
   trx.enable = enable ? 1 : 0;
-  const auto& cntrl_trx = group(p_port).cntrl_trx;
-  auto switched = core::guarded_call(*logger_, [&] { return cntrl_trx(trx); });
+  auto switched = board_call(req, group(p_port).cntrl_trx, trx);
   if (!switched) {
-    core::log_error(*logger_, switched.error());
-    return answer_error(req, Error::CommonError);
+    return switched;
   }
   return answer(req, {});
 }

@@ -108,6 +108,14 @@ class SfpMonitoring : public SysFunction {
   Result<void> answer_error(const ipc::Request& req, core::Error code);
   // Answers with result word 1, guarded: a request without reply information ends in Error::Exception.
   Result<void> answer(const ipc::Request& req, ipc::Payload payload);
+  // The port of a port request (its first 4 bytes) when a module is recorded there; otherwise
+  // the requester has had the error response and this is its result.
+  Result<std::uint32_t> requested_module(const ipc::Request& req, bool p_port);
+  // A board operation for a request, guarded; a failure is logged and answered with the error
+  // response, whose result is returned.
+  template <typename Record>
+  Result<void> board_call(const ipc::Request& req, const std::function<Result<void>(Record&)>& operation,
+                          Record& record);
   Result<void> send_module_event(std::uint16_t id, ipc::Payload payload);
   bool is_known(bool p_ports, std::uint32_t port);
 
