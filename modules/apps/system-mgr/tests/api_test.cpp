@@ -146,5 +146,32 @@ TEST(ClientRecords, FamilyIdsAreLtLcFc) {
   EXPECT_EQ(SYSTEM_MGR_FAMILY_FC, 2);
 }
 
+TEST(ClientRecords, SfpModuleRecordIsPortStateThenFiftyNineDataBytes) {
+  SfpModuleRecord record;
+  std::memset(&record, 0, sizeof record);
+  record.port = 0x0A0B0C0D;
+  record.state = 0x7E;
+  for (std::size_t i = 0; i < sizeof record.data; ++i) {
+    record.data[i] = static_cast<std::uint8_t>(0x80 + i);
+  }
+  const auto bytes = bytes_of(record);
+  ASSERT_EQ(bytes.size(), 64U);
+  EXPECT_EQ(bytes[0], 0x0D);
+  EXPECT_EQ(bytes[1], 0x0C);
+  EXPECT_EQ(bytes[2], 0x0B);
+  EXPECT_EQ(bytes[3], 0x0A);
+  EXPECT_EQ(bytes[4], 0x7E);
+  for (std::size_t offset = 5; offset < 64; ++offset) {
+    EXPECT_EQ(bytes[offset], 0x80 + offset - 5) << offset;
+  }
+}
+
+TEST(ClientRecords, ReceivePowerAnswerIsOneLittleEndianDouble) {
+  // 0.1 mW in 0.1 uW units, 1000.0: 0x408F400000000000.
+  const double power = 1000.0;
+  const auto bytes = bytes_of(power);
+  EXPECT_EQ(bytes, (std::array<std::uint8_t, 8>{0x00, 0x00, 0x00, 0x00, 0x00, 0x40, 0x8F, 0x40}));
+}
+
 }  // namespace
 }  // namespace xpon::system_mgr

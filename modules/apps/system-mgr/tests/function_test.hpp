@@ -30,7 +30,7 @@
 
 namespace xpon::system_mgr {
 
-/// An endpoint whose n-th alarm event (counted from 1) fails to be sent with "send failed".
+/// An endpoint whose n-th event (counted from 1) fails to be sent with Error::CommonError "send failed".
 class FailingNthEventIpc : public xpon::test::RecordingIpc {
  public:
   explicit FailingNthEventIpc(std::size_t failing) : failing_(failing) {}

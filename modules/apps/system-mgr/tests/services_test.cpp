@@ -371,16 +371,19 @@ TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
                                             {"HddMonitoring", 30000ms},
                                             {"LedPanelCntrl", 0ms},
                                             {"MiscParameters", 0ms},
+                                            {"SfpMonitoring", 1000ms},
                                             {"PwrModuleMonitoring", 30000ms}}));
   EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
                                             {"RamMonitoring", 30000ms},
                                             {"LedPanelCntrl", 0ms},
-                                            {"MiscParameters", 0ms}}));
+                                            {"MiscParameters", 0ms},
+                                            {"SfpMonitoring", 1000ms}}));
   EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
                                             {"RamMonitoring", 30000ms},
                                             {"HddMonitoring", 30000ms},
                                             {"LedPanelCntrl", 0ms},
                                             {"MiscParameters", 0ms},
+                                            {"SfpMonitoring", 1000ms},
                                             {"PsMonitoring", 1000ms}}));
 }
 
@@ -401,9 +404,10 @@ TEST_F(RealServices, EveryServiceKeepsTheBoardItIsGiven) {
   EXPECT_EQ(fc.board().get(), board.get());
   EXPECT_EQ(lc.board().get(), board.get());
   EXPECT_EQ(lt.board().get(), board.get());
-  // The test's own, each service's and its two control functions', and those of the power
-  // functions: the FC power module's and the LT power supplies'.
-  EXPECT_EQ(board.use_count(), 12);
+  // The test's own; each service's, its two control functions' and its SfpMonitoring's, once
+  // and once more in each of its eight bound board operations; those of the power functions:
+  // the FC power module's and the LT power supplies'.
+  EXPECT_EQ(board.use_count(), 1 + 3 * (1 + 2 + 1 + 8) + 2);
   // Making a service reads the FPGA and CPLD versions once (MiscParameters), nothing else.
   const std::vector<test::BoardOp> versions{test::BoardOp::get_fpga_config_version,
                                             test::BoardOp::get_cpld_config_version};

@@ -160,11 +160,15 @@ void FakeBoard::clear_calls() {
   calls_.clear();
 }
 
-std::optional<FakeBoard::Outcome> FakeBoard::record(BoardOp op, BoardArgument argument, std::any* data) {
+std::optional<FakeBoard::Outcome> FakeBoard::record(BoardOp op, BoardArgument argument, std::any* data,
+                                                    std::optional<std::uint32_t> port) {
   const std::lock_guard lock(mutex_);
   calls_.push_back(BoardCall{op, std::move(argument)});
   if (data != nullptr) {
-    if (const auto answer = answers_.find(op); answer != answers_.end()) {
+    const auto for_port = port ? port_answers_.find({op, *port}) : port_answers_.end();
+    if (for_port != port_answers_.end()) {
+      *data = for_port->second;
+    } else if (const auto answer = answers_.find(op); answer != answers_.end()) {
       *data = answer->second;
     }
   }
@@ -210,7 +214,12 @@ core::Result<T> FakeBoard::read(BoardOp op) {
 template <typename T>
 core::Result<void> FakeBoard::fill(BoardOp op, T& record_in_out) {
   std::any data;
-  if (auto error = act(record(op, record_in_out, &data))) {
+  std::optional<std::uint32_t> port;
+  if constexpr (requires { record_in_out.port; }) {
+    const std::uint32_t named = record_in_out.port;  // a copy: the field is packed
+    port = named;
+  }
+  if (auto error = act(record(op, record_in_out, &data, port))) {
     return std::move(*error);
   }
   if (data.has_value()) {

@@ -126,6 +126,29 @@ TEST(FakeBoardTest, AnswersReadOperationsWithTheGivenData) {
   EXPECT_TRUE(same_bytes(temps[1], record_with<Brd__temp_info>(0x09)));
 }
 
+TEST(FakeBoardTest, AnswersAPortOfItsOwnBeforeTheOperationsAnswer) {
+  FakeBoard board;
+  board.answer(BoardOp::get_p_port_sfp_state, Brd__sfp_state{0, 0, 0, 7, 0});
+  board.answer_port(BoardOp::get_p_port_sfp_state, 3, Brd__sfp_state{3, 1, 0, 9, 0});
+  Brd__sfp_state third{};
+  third.port = 3;
+  ASSERT_TRUE(board.get_p_port_sfp_state(third).has_value());
+  EXPECT_TRUE(same_bytes(third, Brd__sfp_state{3, 1, 0, 9, 0}));
+  Brd__sfp_state fourth{};
+  fourth.port = 4;
+  ASSERT_TRUE(board.get_p_port_sfp_state(fourth).has_value());
+  EXPECT_TRUE(same_bytes(fourth, Brd__sfp_state{0, 0, 0, 7, 0})) << "other ports keep the operation's answer";
+  Brd__sfp_state front{};
+  front.port = 3;
+  ASSERT_TRUE(board.get_f_port_sfp_state(front).has_value());
+  EXPECT_EQ(front.present, 0) << "the port's answer belongs to one operation only";
+
+  board.forget_port(BoardOp::get_p_port_sfp_state, 3);
+  ASSERT_TRUE(board.get_p_port_sfp_state(third).has_value());
+  EXPECT_EQ(third.state, 7);
+  EXPECT_THROW(board.answer_port(BoardOp::get_p_port_sfp_state, 1, Brd__sfp_data{}), std::invalid_argument);
+}
+
 TEST(FakeBoardTest, RefusesDataOfTheWrongTypeOrForACommand) {
   FakeBoard board;
   EXPECT_THROW(board.answer(BoardOp::get_fan_count, 3), std::invalid_argument);

@@ -27,6 +27,19 @@ TEST(UnitsTemperature, DecodesTheStandardExamples) {
   EXPECT_EQ(calibrate_sfp_temperature(0x8000, kSlopeOne, 0), -128.0);
 }
 
+// The conversion examples module makers print with their diagnostics tables.
+TEST(UnitsTemperature, DecodesHalfDegreeSteps) {
+  EXPECT_EQ(calibrate_sfp_temperature(0x4B00, kSlopeOne, 0), 75.0);
+  EXPECT_EQ(calibrate_sfp_temperature(0x4B80, kSlopeOne, 0), 75.5);
+  EXPECT_EQ(calibrate_sfp_temperature(0xDD00, kSlopeOne, 0), -35.0);
+  EXPECT_EQ(calibrate_sfp_temperature(0xDC80, kSlopeOne, 0), -35.5);
+}
+
+TEST(UnitsVoltage, DecodesTheSupplyExamples) {
+  EXPECT_EQ(centivolts_to_microvolts(calculate_fixed_decimal(0x80E8, kSlopeOne, 0)), 3300000.0);
+  EXPECT_EQ(centivolts_to_microvolts(calculate_fixed_decimal(0x7EF4, kSlopeOne, 0)), 3250000.0);
+}
+
 TEST(UnitsTemperature, AppliesSlopeBeforeOffset) {
   // 16 degC read with slope 1.5 is 24 degC; an offset of -256 (1 degC in raw units) takes it to 23.
   EXPECT_EQ(calibrate_sfp_temperature(0x1000, 0x0180, 0), 24.0);

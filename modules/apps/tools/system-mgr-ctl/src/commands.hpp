@@ -37,4 +37,7 @@ void add_power_commands(CLI::App& app, Subcommands& commands);
 /// `factory`, `version`, `button` and `led`: the board's identity, the front button and its LEDs.
 void add_control_commands(CLI::App& app, Subcommands& commands);
 
+/// `sfp list|eddi|rx-power|tx|inject`: the SFP modules of the PON and front ports.
+void add_sfp_commands(CLI::App& app, Subcommands& commands);
+
 }  // namespace xpon::system_mgr::ctl

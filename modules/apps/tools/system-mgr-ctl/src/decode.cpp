@@ -2,6 +2,7 @@
 
 #include "decode_control.hpp"
 #include "decode_power.hpp"
+#include "decode_sfp.hpp"
 #include "decode_support.hpp"
 
 #include "xpon/cfgdb/change_event.hpp"
@@ -193,16 +194,18 @@ std::string format_sfp(const ipc::Event& event, bool p_ports, bool inserted, boo
     const std::uint32_t port = read_u32(bytes, offsetof(SfpModuleRecord, port));
     const std::uint8_t state = bytes[offsetof(SfpModuleRecord, state)];
     const auto data = bytes.subspan(offsetof(SfpModuleRecord, data));
+    const SfpIdentity identity = decode_sfp_identity(data);
     if (json) {
       Json line = event_json("sfp_inserted", event);
       line["ports"] = group;
       line["port"] = port;
       line["state"] = state;
+      line.update(sfp_identity_json(identity));
       line["data"] = hex(data);
       return line.dump();
     }
-    return fmt::format("{}: {}-port {} SFP module inserted, state 0x{:02x}, data [{}]", event_prefix(event), group,
-                       port, state, hex(data));
+    return fmt::format("{}: {}-port {} SFP module inserted: {}, state 0x{:02x}", event_prefix(event), group, port,
+                       sfp_identity_text(identity), state);
   }
   if (bytes.size() != sizeof(std::uint32_t)) {
     return malformed(event, "sfp_removed",
@@ -248,7 +251,6 @@ std::string format_other(const ipc::Event& event, bool json) {
 
 constexpr std::size_t kTempRecordSize = 8;
 constexpr std::size_t kFanRecordSize = 4;
-constexpr std::size_t kEddiAnswerSize = 133;
 
 Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view unit, std::string_view key_suffix) {
   if (bytes.size() != 8) {
@@ -322,58 +324,6 @@ Decoded decode_fans(std::span<const std::uint8_t> bytes) {
     decoded.lines.emplace_back("no fans");
   }
   decoded.json["fans"] = fans;
-  return decoded;
-}
-
-Decoded decode_sfp_modules(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() % sizeof(SfpModuleRecord) != 0) {
-    return wrong_size(bytes.size(), "a multiple of 64 (one record per module)");
-  }
-  Decoded decoded;
-  Json modules = Json::array();
-  for (std::size_t offset = 0; offset < bytes.size(); offset += sizeof(SfpModuleRecord)) {
-    const auto record = bytes.subspan(offset, sizeof(SfpModuleRecord));
-    const std::uint32_t port = read_u32(record, offsetof(SfpModuleRecord, port));
-    const std::uint8_t state = record[offsetof(SfpModuleRecord, state)];
-    const auto data = record.subspan(offsetof(SfpModuleRecord, data));
-    decoded.lines.push_back(fmt::format("port {}: state 0x{:02x}, data [{}]", port, state, hex(data)));
-    modules.push_back(Json{{"port", port}, {"state", state}, {"data", hex(data)}});
-  }
-  if (bytes.empty()) {
-    decoded.lines.emplace_back("no modules");
-  }
-  decoded.json["modules"] = modules;
-  return decoded;
-}
-
-Decoded decode_eddi(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() != kEddiAnswerSize) {
-    return wrong_size(bytes.size(), "133");
-  }
-  const std::uint32_t port = read_u32(bytes, 0);
-  const bool valid = bytes[4] != 0;
-  const double temperature = read_f64(bytes, 5);
-  const double voltage = read_f64(bytes, 13);
-  const double bias = read_f64(bytes, 21);
-  const double power = read_f64(bytes, 29);
-  Decoded decoded;
-  decoded.lines.push_back(fmt::format(
-      "port {}: diagnostics {}, temperature {} C, supply {} uV, bias {} mA, "
-      "optical power {} mW",
-      port, valid ? "valid" : "not valid", number(temperature), number(voltage), number(bias), number(power)));
-  decoded.json = Json{{"port", port},         {"valid", valid},  {"temperature_c", temperature},
-                      {"supply_uv", voltage}, {"bias_ma", bias}, {"optical_power_mw", power}};
-  return decoded;
-}
-
-Decoded decode_rx_power(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() != 8) {
-    return wrong_size(bytes.size(), "8");
-  }
-  const double power = read_f64(bytes, 0);
-  Decoded decoded;
-  decoded.lines.push_back(fmt::format("received power {} (calibrated)", number(power)));
-  decoded.json["rx_power"] = power;
   return decoded;
 }
 

@@ -1,4 +1,5 @@
 #include "decode.hpp"
+#include "decode_test_support.hpp"
 
 #include "xpon/system_mgr/api.h"
 #include "xpon/tool/console.hpp"
@@ -22,17 +23,8 @@ namespace {
 
 using tool::UsageError;
 
-constexpr ipc::Address kDaemon = 0x0019FFFE;
-
-ipc::Event event_of(std::uint16_t group, std::uint16_t id, ipc::Payload payload, ipc::Address source = kDaemon) {
-  ipc::Event event;
-  event.group = group;
-  event.id = id;
-  event.payload = std::move(payload);
-  event.source = source;
-  event.address = 0x0000FFFE;
-  return event;
-}
+using test::event_of;
+using test::kDaemon;
 
 ipc::Event alarm_event(const Alarm& alarm) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(&alarm);
@@ -253,24 +245,6 @@ TEST(CtlAlarmDecoding, AnyPayloadOfAnyKnownKeyGivesOneLine) {
 
 // --- the daemon's other events -----------------------------------------------------------------
 
-TEST(CtlEventDecoding, PPortSfpInsertionShowsPortStateAndData) {
-  ipc::Payload payload(64, 0);
-  payload[0] = 3;
-  payload[4] = 0x21;
-  payload[5] = 0x03;
-  payload[63] = 0xEE;
-  const auto event = event_of(15500, 15539, payload);
-  EXPECT_EQ(format_event(event, false),
-            "15500:15539 IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED from 0x0019fffe: P-port 3 SFP module "
-            "inserted, state 0x21, data [03" +
-                std::string(std::size_t{57} * 2, '0') + "ee]");
-  EXPECT_EQ(
-      format_event(event, true),
-      R"({"type":"sfp_inserted","group":15500,"id":15539,"name":"IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED",)"
-      R"("source":"0x0019fffe","slot":65534,"address":"0x0000fffe","ports":"P","port":3,"state":33,"data":"03)" +
-          std::string(std::size_t{57} * 2, '0') + R"(ee"})");
-}
-
 TEST(CtlEventDecoding, FPortSfpRemovalShowsThePort) {
   const auto event = event_of(15500, 15542, {0x10, 0x01, 0x00, 0x00});
   EXPECT_EQ(
@@ -337,20 +311,8 @@ TEST(CtlResponseFormatting, AnsweredRequestShowsNameResultAndPayload) {
             R"("payload":"0102","decoded":{"error":"malformed answer: 2 bytes, expected 20"}})");
 }
 
-ipc::Response answered(ipc::Payload payload) {
-  ipc::Response response;
-  response.payload = std::move(payload);
-  response.result = 1;
-  return response;
-}
-
-template <typename Value>
-void put(ipc::Payload& payload, std::size_t offset, Value value) {
-  if (payload.size() < offset + sizeof value) {
-    payload.resize(offset + sizeof value);
-  }
-  std::memcpy(payload.data() + offset, &value, sizeof value);
-}
+using test::answered;
+using test::put;
 
 TEST(CtlResponseDecoding, TemperaturesOnePerSensor) {
   ipc::Payload payload;
@@ -473,43 +435,6 @@ TEST(CtlResponseDecoding, FanStatesOnePerFan) {
   EXPECT_TRUE(format_response(kDaemon, 15527, answered(payload), true)
                   .ends_with(R"("decoded":{"fans":[{"fan":1,"present":true,"fault":false,"speed_rps":50},)"
                              R"({"fan":2,"present":false,"fault":true,"speed_rps":300}]}})"));
-}
-
-TEST(CtlResponseDecoding, TotalInfoListsTheModules) {
-  ipc::Payload payload(128, 0);
-  payload[0] = 1;
-  payload[4] = 0x21;
-  payload[64] = 7;
-  payload[68] = 0x05;
-  payload[127] = 0xAA;
-  const auto text = format_response(kDaemon, 15521, answered(payload), false);
-  EXPECT_TRUE(text.ends_with("(128 bytes)\n  port 1: state 0x21, data [" + std::string(118, '0') +
-                             "]\n  port 7: state 0x05, data [" + std::string(116, '0') + "aa]"))
-      << text;
-  EXPECT_TRUE(format_response(kDaemon, 15522, answered({}), false).ends_with("(0 bytes)\n  no modules"));
-}
-
-TEST(CtlResponseDecoding, EddiAnswerCarriesFourDoubles) {
-  ipc::Payload payload(133, 0);
-  put<std::uint32_t>(payload, 0, 3);
-  payload[4] = 1;
-  put<double>(payload, 5, 35.5);
-  put<double>(payload, 13, 3300000.0);
-  put<double>(payload, 21, 6.25);
-  put<double>(payload, 29, 0.5);
-  EXPECT_TRUE(format_response(kDaemon, 15518, answered(payload), false)
-                  .ends_with("(133 bytes)\n  port 3: diagnostics valid, temperature 35.5 C, supply 3300000 uV, "
-                             "bias 6.25 mA, optical power 0.5 mW"));
-  EXPECT_TRUE(format_response(kDaemon, 15519, answered(payload), true)
-                  .ends_with(R"("decoded":{"port":3,"valid":true,"temperature_c":35.5,"supply_uv":3300000.0,)"
-                             R"("bias_ma":6.25,"optical_power_mw":0.5}})"));
-}
-
-TEST(CtlResponseDecoding, RxPowerIsOneDouble) {
-  ipc::Payload payload;
-  put<double>(payload, 0, 12.5);
-  EXPECT_TRUE(format_response(kDaemon, 15520, answered(payload), false)
-                  .ends_with("(8 bytes)\n  received power 12.5 (calibrated)"));
 }
 
 TEST(CtlResponseDecoding, AnswersOfTheWrongSizeAreReportedNotDecoded) {

@@ -157,6 +157,22 @@ typedef struct BRD_ABI_PACKED Brd__sfp_state {
 } Brd__sfp_state;
 BRD_ABI_STATIC_ASSERT(sizeof(Brd__sfp_state) == 8, "Brd__sfp_state is 8 bytes");
 
+/* Where the driver puts the module's SFF-8472 A0h base ID fields in Brd__sfp_data.data: offset and
+   length of each, the A0h bytes they come from in brackets. Texts are ASCII padded with blanks, the
+   wavelength is big-endian nanometres, as in the module's memory. The last byte (59) is zero; clients
+   of system-mgr do not get it (SfpModuleRecord keeps bytes 0 to 58). The date code (A0h 84-91) does
+   not fit and is not delivered. */
+#define BRD_SFP_ID_IDENTIFIER 0   /* 1 byte [0]: 0x03 SFP/SFP+ */
+#define BRD_SFP_ID_CONNECTOR 1    /* 1 byte [2]: 0x07 LC */
+#define BRD_SFP_ID_VENDOR_NAME 2  /* 16 bytes [20-35] */
+#define BRD_SFP_ID_VENDOR_OUI 18  /* 3 bytes [37-39] */
+#define BRD_SFP_ID_PART_NUMBER 21 /* 16 bytes [40-55] */
+#define BRD_SFP_ID_REVISION 37    /* 4 bytes [56-59] */
+#define BRD_SFP_ID_WAVELENGTH 41  /* 2 bytes [60-61] */
+#define BRD_SFP_ID_SERIAL 43      /* 16 bytes [68-83] */
+#define BRD_SFP_ID_TEXT_LENGTH 16
+#define BRD_SFP_ID_REVISION_LENGTH 4
+
 /* Identification data of the SFP module of one port. */
 typedef struct BRD_ABI_PACKED Brd__sfp_data {
   uint32_t port;    /* in: Brd_api__port_id */

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <typeinfo>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -107,6 +108,22 @@ class FakeBoard : public board::IBoard {
     answers_[op] = data;
   }
 
+  /// Sets what a read operation that names its port in the record (the SFP state, data and
+  /// diagnostics) answers for that port from now on; it takes precedence over `answer`, and the
+  /// other ports keep answering as before. T must be the operation's own type.
+  template <typename T>
+  void answer_port(BoardOp op, std::uint32_t port, const T& data) {
+    check_data_type(op, typeid(T));
+    const std::lock_guard lock(mutex_);
+    port_answers_[{op, port}] = data;
+  }
+
+  /// Forgets the answer set for one port with answer_port.
+  void forget_port(BoardOp op, std::uint32_t port) {
+    const std::lock_guard lock(mutex_);
+    port_answers_.erase({op, port});
+  }
+
   /// Every call so far, in the order they came.
   [[nodiscard]] std::vector<BoardCall> calls() const;
 
@@ -183,7 +200,9 @@ class FakeBoard : public board::IBoard {
   void tell(BoardOp op, Outcome outcome, Times times);
 
   // Records the call and takes the outcome and the data that apply to it, under the mutex.
-  std::optional<Outcome> record(BoardOp op, BoardArgument argument, std::any* data);
+  // A record that names its port is answered from that port's data first.
+  std::optional<Outcome> record(BoardOp op, BoardArgument argument, std::any* data,
+                                std::optional<std::uint32_t> port = std::nullopt);
 
   // Returns the told error or throws the told exception, if any; empty when the call goes on.
   static std::optional<core::ErrorPayload> act(const std::optional<Outcome>& outcome);
@@ -203,6 +222,7 @@ class FakeBoard : public board::IBoard {
   std::vector<BoardCall> calls_;
   std::map<BoardOp, Told> told_;
   std::map<BoardOp, std::any> answers_;
+  std::map<std::pair<BoardOp, std::uint32_t>, std::any> port_answers_;
 };
 
 }  // namespace xpon::test
