@@ -181,11 +181,13 @@ class RealServices : public ::testing::Test {
   test::Sandbox sandbox_;
   test::ScopedEnv root_{"XPON_ROOT", sandbox_.root()};
   std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_ = std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB");
+  // The temperature function reads the sensor count at construction.
+  std::shared_ptr<test::FakeBoard> board_ = std::make_shared<test::FakeBoard>();
 };
 
 TEST_F(RealServices, FcServiceConnectsTheElectionManagerAndLogsItsLife) {
   {
-    const FcService service(logger_, ipc_, cfgdb_, nullptr);
+    const FcService service(logger_, ipc_, cfgdb_, board_);
     EXPECT_EQ(ipc_->connected(), (std::vector<ipc::Address>{0x0015FFFE}));
     EXPECT_TRUE(logger_->contains("FcService create successfully", 0));
     EXPECT_FALSE(service.functions().empty());
@@ -195,7 +197,7 @@ TEST_F(RealServices, FcServiceConnectsTheElectionManagerAndLogsItsLife) {
 
 TEST_F(RealServices, LcServiceConnectsTheElectionManagerAndLogsItsLife) {
   {
-    const LcService service(logger_, ipc_, cfgdb_, nullptr);
+    const LcService service(logger_, ipc_, cfgdb_, board_);
     EXPECT_EQ(ipc_->connected(), (std::vector<ipc::Address>{0x0015FFFE}));
     EXPECT_TRUE(logger_->contains("LcService create successfully", 0));
   }
@@ -204,7 +206,7 @@ TEST_F(RealServices, LcServiceConnectsTheElectionManagerAndLogsItsLife) {
 
 TEST_F(RealServices, LtServiceConnectsNothing) {
   {
-    const LtService service(logger_, ipc_, cfgdb_, nullptr);
+    const LtService service(logger_, ipc_, cfgdb_, board_);
     EXPECT_TRUE(ipc_->connected().empty());
     EXPECT_TRUE(logger_->contains("LtService create successfully", 0));
   }
@@ -212,9 +214,9 @@ TEST_F(RealServices, LtServiceConnectsNothing) {
 }
 
 TEST_F(RealServices, CpuLoadMonitoringIsTheFirstFunctionOfEveryFamily) {
-  const FcService fc(logger_, ipc_, cfgdb_, nullptr);
-  const LcService lc(logger_, ipc_, cfgdb_, nullptr);
-  const LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  const FcService fc(logger_, ipc_, cfgdb_, board_);
+  const LcService lc(logger_, ipc_, cfgdb_, board_);
+  const LtService lt(logger_, ipc_, cfgdb_, board_);
   for (const auto* functions : {&fc.functions(), &lc.functions(), &lt.functions()}) {
     ASSERT_FALSE(functions->empty());
     const auto* first = dynamic_cast<const SysFunction*>(functions->front().get());
@@ -227,15 +229,16 @@ TEST_F(RealServices, CpuLoadMonitoringIsTheFirstFunctionOfEveryFamily) {
 class LtServiceWithProbe : public LtService {
  public:
   LtServiceWithProbe(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
-                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, std::vector<std::string>& journal)
-      : LtService(logger, ipc, cfgdb, nullptr) {
+                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, const std::shared_ptr<board::IBoard>& board,
+                     std::vector<std::string>& journal)
+      : LtService(logger, ipc, cfgdb, board) {
     functions_.push_back(std::make_shared<ProbeFunction>("probe", journal));
   }
 };
 
 TEST_F(RealServices, LtMasterChangeReachesNoFunction) {
   std::vector<std::string> journal;
-  LtServiceWithProbe service(logger_, ipc_, cfgdb_, journal);
+  LtServiceWithProbe service(logger_, ipc_, cfgdb_, board_, journal);
   ASSERT_TRUE(service.master_change({}).has_value());
   EXPECT_TRUE(journal.empty());
   ASSERT_TRUE(service.config_change({}, {{80, 1, 0}}).has_value());
@@ -360,21 +363,28 @@ std::vector<std::pair<std::string, std::chrono::milliseconds>> lineup(
 }
 
 TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
-  const FcService fc(logger_, ipc_, cfgdb_, nullptr);
-  const LcService lc(logger_, ipc_, cfgdb_, nullptr);
-  const LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  const FcService fc(logger_, ipc_, cfgdb_, board_);
+  const LcService lc(logger_, ipc_, cfgdb_, board_);
+  const LtService lt(logger_, ipc_, cfgdb_, board_);
   using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
-  EXPECT_EQ(lineup(fc.functions()),
-            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lt.functions()),
-            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
+                                            {"RamMonitoring", 30000ms},
+                                            {"HddMonitoring", 30000ms},
+                                            {"TempMonitoring", 20000ms},
+                                            {"FanModuleMonitoring", 30000ms}}));
+  EXPECT_EQ(lineup(lc.functions()),
+            (Lineup{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"TempMonitoring", 20000ms}}));
+  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
+                                            {"RamMonitoring", 30000ms},
+                                            {"HddMonitoring", 30000ms},
+                                            {"TempMonitoring", 20000ms},
+                                            {"FanMonitoring", 30000ms}}));
 }
 
 TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {
-  FcService fc(logger_, ipc_, cfgdb_, nullptr);
-  LcService lc(logger_, ipc_, cfgdb_, nullptr);
-  LtService lt(logger_, ipc_, cfgdb_, nullptr);
+  FcService fc(logger_, ipc_, cfgdb_, board_);
+  LcService lc(logger_, ipc_, cfgdb_, board_);
+  LtService lt(logger_, ipc_, cfgdb_, board_);
   EXPECT_TRUE(fc.health_check({}));
   EXPECT_TRUE(lc.health_check({}));
   EXPECT_TRUE(lt.health_check({}));
@@ -388,9 +398,12 @@ TEST_F(RealServices, EveryServiceKeepsTheBoardItIsGiven) {
   EXPECT_EQ(fc.board().get(), board.get());
   EXPECT_EQ(lc.board().get(), board.get());
   EXPECT_EQ(lt.board().get(), board.get());
-  EXPECT_EQ(board.use_count(), 4);
-  // Making a service asks nothing of the board yet.
-  EXPECT_TRUE(board->calls().empty());
+  // The services, and the functions of theirs that reach the board: TempMonitoring in every
+  // family, FanModuleMonitoring on FC and FanMonitoring on LT.
+  EXPECT_EQ(board.use_count(), 1 + 3 + 3 + 2);
+  // Making a service asks the board only for its number of temperature sensors.
+  EXPECT_EQ(board->ops(), (std::vector<test::BoardOp>{test::BoardOp::get_temp_count, test::BoardOp::get_temp_count,
+                                                      test::BoardOp::get_temp_count}));
 }
 
 TEST(SlotOrder, SystemFunctionInterface) {

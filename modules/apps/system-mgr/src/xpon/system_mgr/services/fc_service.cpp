@@ -1,8 +1,10 @@
 #include "xpon/system_mgr/services/fc_service.hpp"
 
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+#include "xpon/system_mgr/functions/fan_module_monitoring.hpp"
 #include "xpon/system_mgr/functions/hdd_monitoring.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
+#include "xpon/system_mgr/functions/temp_monitoring.hpp"
 
 #include <chrono>
 
@@ -17,6 +19,8 @@ FcService::FcService(const std::shared_ptr<logger::ILogger>& logger, const std::
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<HddMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  functions_.push_back(std::make_shared<TempMonitoring>(logger_, ipc_, cfgdb_, board_, milliseconds(20000)));
+  functions_.push_back(std::make_shared<FanModuleMonitoring>(logger_, ipc_, cfgdb_, board_, milliseconds(30000)));
   logger_->progress("FcService create successfully");
 }
 

@@ -2,6 +2,7 @@
 
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
+#include "xpon/system_mgr/functions/temp_monitoring.hpp"
 
 #include <chrono>
 
@@ -15,6 +16,7 @@ LcService::LcService(const std::shared_ptr<logger::ILogger>& logger, const std::
   connect_election_manager("Unable to connect Election Manager IPC client [LcService]");
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  functions_.push_back(std::make_shared<TempMonitoring>(logger_, ipc_, cfgdb_, board_, milliseconds(20000)));
   logger_->progress("LcService create successfully");
 }
 

@@ -1,8 +1,10 @@
 #include "xpon/system_mgr/services/lt_service.hpp"
 
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
+#include "xpon/system_mgr/functions/fan_monitoring.hpp"
 #include "xpon/system_mgr/functions/hdd_monitoring.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
+#include "xpon/system_mgr/functions/temp_monitoring.hpp"
 
 #include <chrono>
 
@@ -16,6 +18,8 @@ LtService::LtService(const std::shared_ptr<logger::ILogger>& logger, const std::
   functions_.push_back(std::make_shared<CpuLoadMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<HddMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
+  functions_.push_back(std::make_shared<TempMonitoring>(logger_, ipc_, cfgdb_, board_, milliseconds(20000)));
+  functions_.push_back(std::make_shared<FanMonitoring>(logger_, ipc_, cfgdb_, board_, milliseconds(30000)));
   logger_->progress("LtService create successfully");
 }
 
