@@ -1,5 +1,7 @@
 #include "decode.hpp"
 
+#include "decode_fans.hpp"
+
 #include "decode_support.hpp"
 
 #include "xpon/cfgdb/change_event.hpp"
@@ -400,6 +402,10 @@ std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint
       return decode_sfp_modules(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_STATES:
       return decode_fans(bytes);
+    case IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE:
+      return decode_fan_module_state(bytes);
+    case IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY:
+      return decode_fan_module_factory(bytes);
     default:
       return std::nullopt;
   }

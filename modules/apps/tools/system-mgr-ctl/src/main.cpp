@@ -141,6 +141,7 @@ int main(int argc, char** argv) {
   // The typed commands, one group of requests per source.
   Subcommands typed;
   add_memory_commands(app, typed);
+  add_fan_commands(app, typed);
 
   // One command per request of the daemon; a deque keeps each one's options where the parser points.
   std::deque<CommandOptions> commands;
