@@ -40,35 +40,14 @@ class FanMonitoringTest : public FunctionTest {
 
   static ipc::Payload expected_alarm(std::uint8_t state, std::uint32_t number, std::uint32_t rpm,
                                      const std::string& text) {
-    ipc::Payload bytes(305, 0);
-    bytes[8] = state;
-    bytes[9] = 2;
-    bytes[17] = static_cast<std::uint8_t>(number);
-    for (std::size_t b = 0; b < 4; ++b) {
-      bytes[33 + b] = static_cast<std::uint8_t>((rpm >> (8 * b)) & 0xFFU);
-    }
-    std::copy(text.begin(), text.end(), bytes.begin() + 45);
-    return bytes;
+    return alarm_record(state, 2, number, rpm, text);
   }
 
   static ipc::Request request(std::uint16_t id, ipc::Payload payload = {}) {
-    ipc::Request req;
-    req.payload = std::move(payload);
-    req.group = IPC_SYSTEM_MGR;
-    req.id = id;
-    req.reply_to = ipc::ReplyTo{kSender, kTag};
-    return req;
+    return daemon_request(id, std::move(payload), kSender, kTag);
   }
 
-  [[nodiscard]] std::vector<ipc::Payload> alarms() const {
-    std::vector<ipc::Payload> payloads;
-    for (const auto& event : ipc->events()) {
-      EXPECT_EQ(event.group, 9000);
-      EXPECT_EQ(event.id, 9005);
-      payloads.push_back(event.payload);
-    }
-    return payloads;
-  }
+  [[nodiscard]] std::vector<ipc::Payload> alarms() const { return alarm_payloads(); }
 
   std::shared_ptr<test::FakeBoard> board = std::make_shared<test::FakeBoard>();
 };
@@ -89,12 +68,7 @@ TEST_F(FanMonitoringTest, ConstructionReadsTheLimitsAndLogsItsLife) {
 
 TEST_F(FanMonitoringTest, UnreadableSectionFailsConstruction) {
   store_raw_field(cfgdb::kAlarmSystemFan, "upper_speed", "70000");
-  try {
-    make();
-    FAIL() << "constructed";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Config update for FanMonitoring failed (Error: ErrorCApi) ");
-  }
+  expect_construction_failure([&] { make(); }, "Config update for FanMonitoring failed (Error: ErrorCApi) ");
 }
 
 TEST_F(FanMonitoringTest, SpeedEqualToEitherLimitIsAnAlarmOneInsideIsNot) {

@@ -74,22 +74,11 @@ class TempMonitoringTest : public FunctionTest {
 
   static ipc::Payload expected_alarm(std::uint8_t state, std::uint32_t instance, std::int8_t temperature,
                                      const std::string& text) {
-    ipc::Payload bytes(305, 0);
-    bytes[8] = state;
-    bytes[9] = 4;
-    bytes[17] = static_cast<std::uint8_t>(instance);
-    bytes[33] = static_cast<std::uint8_t>(temperature);
-    std::copy(text.begin(), text.end(), bytes.begin() + 45);
-    return bytes;
+    return alarm_record(state, 4, instance, static_cast<std::uint8_t>(temperature), text);
   }
 
   static ipc::Request temp_request(ipc::Payload payload = {}) {
-    ipc::Request request;
-    request.payload = std::move(payload);
-    request.group = IPC_SYSTEM_MGR;
-    request.id = IPC_SYSTEM_MGR__GET_TEMP;
-    request.reply_to = ipc::ReplyTo{kSender, kTag};
-    return request;
+    return daemon_request(IPC_SYSTEM_MGR__GET_TEMP, std::move(payload), kSender, kTag);
   }
 
   static ipc::Event rate_event(std::uint16_t id, std::uint16_t slot) {
@@ -101,16 +90,7 @@ class TempMonitoringTest : public FunctionTest {
     return event;
   }
 
-  // The payloads of the alarm events sent so far.
-  [[nodiscard]] std::vector<ipc::Payload> alarms() const {
-    std::vector<ipc::Payload> payloads;
-    for (const auto& event : ipc->events()) {
-      if (event.group == 9000 && event.id == 9005) {
-        payloads.push_back(event.payload);
-      }
-    }
-    return payloads;
-  }
+  [[nodiscard]] std::vector<ipc::Payload> alarms() const { return alarm_payloads(); }
 
   // The ids of the fan rate events sent so far.
   [[nodiscard]] std::vector<std::uint16_t> rate_events() const {
@@ -149,36 +129,22 @@ TEST_F(TempMonitoringTest, ConstructionReadsTheSensorCountAndLogsItsLife) {
 
 TEST_F(TempMonitoringTest, UnreadableTemperatureSectionFailsConstruction) {
   store_raw_field(cfgdb::kAlarmSystemTemperature, "sensor0_upper", "300");
-  try {
-    make();
-    FAIL() << "constructed";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Config update for TempMonitoring failed (Error: ErrorCApi) ");
-  }
+  expect_construction_failure([&] { make(); }, "Config update for TempMonitoring failed (Error: ErrorCApi) ");
   EXPECT_TRUE(logger->contains("C API function returned -1, errno=22", 4));
   EXPECT_TRUE(board->calls().empty());
 }
 
 TEST_F(TempMonitoringTest, UnreadableFanSectionFailsConstruction) {
   store_raw_field(cfgdb::kFan, "family", "9");
-  try {
-    make();
-    FAIL() << "constructed";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Fan config update for TempMonitoring failed (Error: ErrorCApi) ");
-  }
+  expect_construction_failure([&] { make(); }, "Fan config update for TempMonitoring failed (Error: ErrorCApi) ");
   EXPECT_TRUE(board->calls().empty());
 }
 
 TEST_F(TempMonitoringTest, SensorCountFailureFailsConstruction) {
   board->fail(BoardOp::get_temp_count, Error::ErrorCApi, "no count");
-  try {
-    make();
-    FAIL() << "constructed";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(),
-                 "Get temperature sensor count for TempMonitoring failed (Error: ErrorCApi. Message: no count.) ");
-  }
+  expect_construction_failure(
+      [&] { make(); },
+      "Get temperature sensor count for TempMonitoring failed (Error: ErrorCApi. Message: no count.) ");
 }
 
 TEST_F(TempMonitoringTest, FcFamilyAsksTheElectionManagerBeforeItKnowsItsOwnSlot) {
@@ -204,14 +170,9 @@ TEST_F(TempMonitoringTest, FcFamilyAsksTheElectionManagerBeforeItKnowsItsOwnSlot
 
 TEST_F(TempMonitoringTest, FcFamilyWithoutAnElectionAnswerFailsConstruction) {
   store_fan(0, 2);
-  try {
-    make();
-    FAIL() << "constructed";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(),
-                 "Triggering master change for TempMonitoring failed (Error: CommonError. Message: no "
-                 "answer to the mastership query.) ");
-  }
+  expect_construction_failure([&] { make(); },
+                              "Triggering master change for TempMonitoring failed (Error: CommonError. Message: no "
+                              "answer to the mastership query.) ");
 }
 
 // --- Mastership -------------------------------------------------------------------------------

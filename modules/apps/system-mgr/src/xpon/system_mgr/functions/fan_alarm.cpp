@@ -3,8 +3,12 @@
 #include "xpon/core/guard.hpp"
 #include "xpon/system_mgr/functions/base.hpp"
 
+#include <fmt/format.h>
+
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
+#include <utility>
 
 namespace xpon::system_mgr {
 
@@ -44,6 +48,43 @@ Alarm fan_speed_alarm(std::uint32_t number, std::int32_t rpm, bool normal) {
   static_cast<void>(std::snprintf(alarm.text, sizeof alarm.text, "Fan %d speed %u rpm%s", static_cast<int>(number),
                                   static_cast<unsigned>(rpm), normal ? " is back to normal" : ""));
   return alarm;
+}
+
+FanAlarmFunction::FanAlarmFunction(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
+                                   const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
+                                   const std::shared_ptr<board::IBoard>& board, std::string_view name,
+                                   std::chrono::milliseconds period)
+    : SysFunction(logger, ipc, name, period), logger_(logger), ipc_(ipc), cfgdb_(cfgdb), board_(board) {
+  auto updated = core::guarded_call(*logger_, [this] { return cfg_update(); });
+  if (!updated) {
+    // The trailing blank is part of the system's text.
+    throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", name, updated.error().to_string()));
+  }
+  logger_->progress("{} create successfully", name);
+}
+
+FanAlarmFunction::~FanAlarmFunction() {
+  logger_->progress("{} destroy successfully", name());
+}
+
+Result<void> FanAlarmFunction::cfg_update() {
+  return fan_alarm_cfg_.update(*logger_, cfgdb_);
+}
+
+Result<void> FanAlarmFunction::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
+  return apply_config_changes(changes, {{kConfigSection, [this] { return cfg_update(); }}});
+}
+
+Result<void> FanAlarmFunction::master_change(const ServiceCtx& /*ctx*/) {
+  return core::success();
+}
+
+Result<void> FanAlarmFunction::send_alarm(const Alarm& alarm) {
+  auto sent = core::guarded_call(*logger_, [&] { return create_alarm_and_send_trap(&alarm); });
+  if (!sent) {
+    return core::propagate(*logger_, std::move(sent));
+  }
+  return core::success();
 }
 
 }  // namespace xpon::system_mgr

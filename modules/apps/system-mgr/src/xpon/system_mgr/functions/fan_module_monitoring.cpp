@@ -25,30 +25,7 @@ constexpr std::size_t kFirstSpeedByte = 2;
 FanModuleMonitoring::FanModuleMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                                          const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
                                          const std::shared_ptr<board::IBoard>& board, std::chrono::milliseconds period)
-    : SysFunction(logger, ipc, kName, period), logger_(logger), ipc_(ipc), cfgdb_(cfgdb), board_(board) {
-  auto updated = core::guarded_call(*logger_, [this] { return cfg_update(); });
-  if (!updated) {
-    // The trailing blank is part of the system's text.
-    throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", kName, updated.error().to_string()));
-  }
-  logger_->progress("{} create successfully", kName);
-}
-
-FanModuleMonitoring::~FanModuleMonitoring() {
-  logger_->progress("{} destroy successfully", kName);
-}
-
-Result<void> FanModuleMonitoring::cfg_update() {
-  return fan_alarm_cfg_.update(*logger_, cfgdb_);
-}
-
-Result<void> FanModuleMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
-  return apply_config_changes(changes, {{kConfigSection, [this] { return cfg_update(); }}});
-}
-
-Result<void> FanModuleMonitoring::master_change(const ServiceCtx& /*ctx*/) {
-  return core::success();
-}
+    : FanAlarmFunction(logger, ipc, cfgdb, board, kName, period) {}
 
 Result<void> FanModuleMonitoring::fan_module_fault_handler(bool ok) {
   Alarm alarm;
@@ -57,11 +34,7 @@ Result<void> FanModuleMonitoring::fan_module_fault_handler(bool ok) {
   alarm.alarm_id = SYSTEM_MGR_ALARM_FAN;
   // Unchecked as designed: the text always fits the field.
   static_cast<void>(std::snprintf(alarm.text, sizeof alarm.text, "Fan Module fault%s", ok ? " is back to normal" : ""));
-  auto sent = core::guarded_call(*logger_, [&] { return create_alarm_and_send_trap(&alarm); });
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return send_alarm(alarm);
 }
 
 Result<void> FanModuleMonitoring::polling() {
@@ -88,9 +61,9 @@ Result<void> FanModuleMonitoring::polling() {
     const std::int32_t rpm = static_cast<std::int32_t>(bytes[byte]) * kRpmPerRps;
     // No presence or fault flag per fan: only the limits decide.
     const Alarm alarm = fan_speed_alarm(static_cast<std::uint32_t>(number), rpm, fan_alarm_cfg_.inside(rpm));
-    auto sent = core::guarded_call(*logger_, [&] { return create_alarm_and_send_trap(&alarm); });
+    auto sent = send_alarm(alarm);
     if (!sent) {
-      return core::propagate(*logger_, std::move(sent));
+      return sent;
     }
   }
   return core::success();

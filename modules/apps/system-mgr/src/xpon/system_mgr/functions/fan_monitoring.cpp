@@ -23,30 +23,7 @@ constexpr std::int32_t kRpmPerRps = 60;
 FanMonitoring::FanMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                              const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
                              const std::shared_ptr<board::IBoard>& board, std::chrono::milliseconds period)
-    : SysFunction(logger, ipc, kName, period), logger_(logger), ipc_(ipc), cfgdb_(cfgdb), board_(board) {
-  auto updated = core::guarded_call(*logger_, [this] { return cfg_update(); });
-  if (!updated) {
-    // The trailing blank is part of the system's text.
-    throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", kName, updated.error().to_string()));
-  }
-  logger_->progress("{} create successfully", kName);
-}
-
-FanMonitoring::~FanMonitoring() {
-  logger_->progress("{} destroy successfully", kName);
-}
-
-Result<void> FanMonitoring::cfg_update() {
-  return fan_alarm_cfg_.update(*logger_, cfgdb_);
-}
-
-Result<void> FanMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
-  return apply_config_changes(changes, {{kConfigSection, [this] { return cfg_update(); }}});
-}
-
-Result<void> FanMonitoring::master_change(const ServiceCtx& /*ctx*/) {
-  return core::success();
-}
+    : FanAlarmFunction(logger, ipc, cfgdb, board, kName, period) {}
 
 Result<void> FanMonitoring::polling() {
   auto fans = core::guarded_call(*logger_, [this] { return board_->get_fan_info(); });
@@ -60,9 +37,9 @@ Result<void> FanMonitoring::polling() {
     const bool normal = fan.present != 0 && fan.fault == 0 && fan_alarm_cfg_.inside(rpm);
     const Alarm alarm = fan_speed_alarm(number, rpm, normal);
     // Level-triggered on purpose: every poll reports every fan; a failed send ends the poll.
-    auto sent = core::guarded_call(*logger_, [&] { return create_alarm_and_send_trap(&alarm); });
+    auto sent = send_alarm(alarm);
     if (!sent) {
-      return core::propagate(*logger_, std::move(sent));
+      return sent;
     }
   }
   return core::success();

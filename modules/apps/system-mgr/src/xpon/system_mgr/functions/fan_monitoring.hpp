@@ -17,28 +17,14 @@ namespace xpon::system_mgr {
 
 /// Watches the speed of every fan of the board and publishes one alarm record per fan on every
 /// poll; answers the request for the fans' states and the one that sets their speed.
-class FanMonitoring : public SysFunction {
+class FanMonitoring : public FanAlarmFunction {
  public:
   /// The function's name, as logged and as it appears in messages.
   static constexpr std::string_view kName = "FanMonitoring";
-  /// The configuration section read, whose name is also that of its change event.
-  static constexpr cfgdb::SectionRef kConfigSection = cfgdb::kAlarmSystemFan;
-
   /// Reads the fan alarm section once; throws std::runtime_error when it cannot.
   FanMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                 const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, const std::shared_ptr<board::IBoard>& board,
                 std::chrono::milliseconds period);
-  ~FanMonitoring() override;
-  FanMonitoring(const FanMonitoring&) = delete;
-  FanMonitoring& operator=(const FanMonitoring&) = delete;
-  FanMonitoring(FanMonitoring&&) = delete;
-  FanMonitoring& operator=(FanMonitoring&&) = delete;
-
-  /// Re-reads the fan alarm section for every change record naming it.
-  Result<void> config_change(const ServiceCtx& ctx, const std::vector<Config_change>& changes) override;
-
-  /// Does nothing: mastership does not concern the board's own fans.
-  Result<void> master_change(const ServiceCtx& ctx) override;
 
   /// Publishes the speed alarm of every fan with its current state.
   Result<void> polling() override;
@@ -53,21 +39,10 @@ class FanMonitoring : public SysFunction {
   /// without reply information leaves as std::bad_optional_access after the board call.
   Result<void> handle_request(const ipc::Request& request);
 
-  /// The limits in use.
-  [[nodiscard]] const FanAlarmConfig& limits() const noexcept { return fan_alarm_cfg_; }
-
  private:
-  Result<void> cfg_update();
   Result<void> get_fan_states(const ipc::Request& request);
   Result<void> set_fan_speed(const ipc::Request& request);
   Result<void> answer_error(const ipc::Request& request);
-
-  // The function's own copies of the shared objects; the base keeps its own as well.
-  std::shared_ptr<ILogger> logger_;
-  std::shared_ptr<IIpc> ipc_;
-  std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_;
-  std::shared_ptr<board::IBoard> board_;
-  FanAlarmConfig fan_alarm_cfg_;
 };
 
 }  // namespace xpon::system_mgr

@@ -217,6 +217,7 @@ Result<void> TempMonitoring::report_sensor(const Brd__temp_info& record) {
     logger_->warning("Temperature sensor {} ({}) not yet supported in data-model", name, id);
     return core::success();
   }
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse): the reading is a signed byte by design
   const int temperature = record.temperature;
   const CfgDb__temperature_limits& limits = temp_thresholds_.sensor[id];
   // Strict on purpose: a reading equal to a limit is an alarm.
