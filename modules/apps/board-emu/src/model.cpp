@@ -632,6 +632,7 @@ bool thermal_step(BoardModel& model) {
   const int target = thermal.ambient + thermal.load - thermal.cooling * setting / 255;
   bool changed = false;
   for (auto& sensor : model.sensors) {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): a temperature is a signed byte
     const int now = sensor.temperature;
     const int distance = target - now;
     if (distance == 0) {

@@ -398,6 +398,8 @@ TEST_F(SystemMgrTest, RamAlarmIsPublishedOnTheBusAtStartUp) {
 TEST_F(SystemMgrTest, RamDataAnswerIsTwoPlausibleFloats) {
   XPON_START_BOARD("board-lt.json", kLtProduct);
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  // READY comes before the functions subscribe their requests: wait until they have.
+  ASSERT_NO_FATAL_FAILURE(settle(1));
 
   // A client endpoint in the daemon's sandbox, as any other daemon of the board would have.
   const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
@@ -454,6 +456,8 @@ TEST_F(SystemMgrTest, EachFlashPartitionHasItsAlarmWithItsLogicalMountPoint) {
 TEST_F(SystemMgrTest, DiskDataAnswerIsTwoPlausibleFloats) {
   XPON_START_BOARD("board-lt.json", kLtProduct);
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  // READY comes before the functions subscribe their requests: wait until they have.
+  ASSERT_NO_FATAL_FAILURE(settle(1));
 
   const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
   auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), "disk-client");

@@ -10,11 +10,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <fstream>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <regex>
 #include <set>
 #include <string>
@@ -293,6 +295,78 @@ TEST_F(TempFanSystemTest, FanModuleRequestsReadAndSetTheEmulatorsModule) {
   ASSERT_TRUE(set.has_value()) << set.error().to_string();
   EXPECT_EQ(set.value().result, 1U);
   EXPECT_EQ(state_value("speed_setting"), 159U);
+}
+
+// One board operation a request reaches, made to fail (EIO) after 1500 ms once.
+struct FaultyOperation {
+  const char* scenario;
+  const char* product;
+  const char* command;
+  std::uint16_t request;
+  std::vector<std::uint8_t> payload;
+};
+
+void PrintTo(const FaultyOperation& operation, std::ostream* out) {
+  *out << operation.command;
+}
+
+class FaultyOperationTest : public TempFanSystemTest, public testing::WithParamInterface<FaultyOperation> {};
+
+TEST_P(FaultyOperationTest, ASlowFailingBoardCallGivesTheErrorAnswerAndTheNextCallRecovers) {
+  const FaultyOperation& operation = GetParam();
+  XPON_START_BOARD(operation.scenario, operation.product);
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  ASSERT_NO_FATAL_FAILURE(patch(std::string(R"({"faults": {")") + operation.command +
+                                R"(": {"errno": "EIO", "delay_ms": 1500, "count": 1}}})"));
+  const auto started = std::chrono::steady_clock::now();
+  const auto failed = ask(operation.request, operation.payload);
+  ASSERT_TRUE(failed.has_value()) << failed.error().to_string() << rig_.daemon_log();
+  EXPECT_EQ(failed.value().result, 0U);
+  EXPECT_TRUE(failed.value().payload.empty());
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 1500ms);
+  const auto recovered = ask(operation.request, operation.payload);
+  ASSERT_TRUE(recovered.has_value()) << recovered.error().to_string() << rig_.daemon_log();
+  EXPECT_EQ(recovered.value().result, 1U);
+  EXPECT_TRUE(rig_.daemon().running());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    BoardOperations, FaultyOperationTest,
+    testing::Values(
+        FaultyOperation{"board-lt.json", kLtProduct, "BOARD_GET_TEMP_INFO", IPC_SYSTEM_MGR__GET_TEMP, {}},
+        FaultyOperation{"board-lt.json", kLtProduct, "BOARD_GET_FAN_INFO", IPC_SYSTEM_MGR__GET_FAN_STATES, {}},
+        FaultyOperation{"board-lt.json", kLtProduct, "BOARD_SET_FAN_SPEED", IPC_SYSTEM_MGR__SET_FAN_SPEED, {0x66}},
+        FaultyOperation{
+            "board-fc.json", kFcProduct, "BOARD_GET_FAN_MODULE_STATE", IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, {}},
+        FaultyOperation{
+            "board-fc.json", kFcProduct, "BOARD_GET_FAN_MODULE_FACTORY", IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY, {}},
+        FaultyOperation{
+            "board-fc.json", kFcProduct, "BOARD_SET_FAN_MODULE_SPEED", IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED, {0x9F}}),
+    [](const testing::TestParamInfo<FaultyOperation>& operation) {
+      return std::string(operation.param.command).substr(6);
+    });
+
+TEST_F(TempFanSystemTest, AnUnreadableFanModuleRaisesItsAlarmAndAReadableOneClearsIt) {
+  XPON_START_BOARD("board-fc.json", kFcProduct);
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  ASSERT_NO_FATAL_FAILURE(patch(R"({"faults": {"BOARD_GET_FAN_MODULE_STATE": {"errno": "EIO", "count": 1}}})"));
+  // The restart's first poll finds the module unreadable.
+  ASSERT_NO_FATAL_FAILURE(restart(2));
+  std::vector<std::string> module_alarms;
+  while (module_alarms.size() < 2) {
+    const auto alarm = subscriber.next_alarm(kStepTimeout);
+    ASSERT_TRUE(alarm.has_value()) << "module alarms seen: " << module_alarms.size() << rig_.daemon_log();
+    if (u32_at(alarm->payload, 9) == kAlarmFan && u32_at(alarm->payload, 17) == 0) {
+      module_alarms.push_back(text_of(alarm->payload));
+    }
+  }
+  // The first start reported the module readable; the restart's poll could not read it.
+  EXPECT_EQ(module_alarms, (std::vector<std::string>{"Fan Module fault is back to normal", "Fan Module fault"}));
+  EXPECT_TRUE(rig_.daemon().running());
 }
 
 }  // namespace
