@@ -244,7 +244,6 @@ std::string format_other(const ipc::Event& event, bool json) {
 }
 
 constexpr std::size_t kTempRecordSize = 8;
-constexpr std::size_t kFanRecordSize = 4;
 constexpr std::size_t kEddiAnswerSize = 133;
 
 Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view unit, std::string_view key_suffix) {
@@ -297,28 +296,6 @@ Decoded decode_temperatures(std::span<const std::uint8_t> bytes) {
     decoded.lines.emplace_back("no sensors");
   }
   decoded.json["sensors"] = sensors;
-  return decoded;
-}
-
-Decoded decode_fans(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() % kFanRecordSize != 0) {
-    return wrong_size(bytes.size(), "a multiple of 4 (one record per fan)");
-  }
-  Decoded decoded;
-  Json fans = Json::array();
-  for (std::size_t offset = 0; offset < bytes.size(); offset += kFanRecordSize) {
-    const std::size_t fan = offset / kFanRecordSize + 1;
-    const bool fault = bytes[offset] != 0;
-    const bool present = bytes[offset + 1] != 0;
-    const auto speed = static_cast<std::uint16_t>(bytes[offset + 2] | (bytes[offset + 3] << 8U));
-    decoded.lines.push_back(fmt::format("fan {}: {}, {}, speed {} rps", fan, present ? "present" : "absent",
-                                        fault ? "fault" : "no fault", speed));
-    fans.push_back(Json{{"fan", fan}, {"present", present}, {"fault", fault}, {"speed_rps", speed}});
-  }
-  if (bytes.empty()) {
-    decoded.lines.emplace_back("no fans");
-  }
-  decoded.json["fans"] = fans;
   return decoded;
 }
 
@@ -401,7 +378,7 @@ std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint
     case IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO:
       return decode_sfp_modules(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_STATES:
-      return decode_fans(bytes);
+      return decode_fan_states(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE:
       return decode_fan_module_state(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY:

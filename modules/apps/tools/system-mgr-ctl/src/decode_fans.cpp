@@ -67,6 +67,29 @@ std::string_view sensor_name(std::int32_t id) noexcept {
 
 namespace detail {
 
+Decoded decode_fan_states(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() % kFanRecordSize != 0) {
+    return wrong_size(bytes.size(), "a multiple of 4 (one record per fan)");
+  }
+  Decoded decoded;
+  Json fans = Json::array();
+  for (std::size_t offset = 0; offset < bytes.size(); offset += kFanRecordSize) {
+    const std::size_t fan = offset / kFanRecordSize + 1;
+    const bool fault = bytes[offset] != 0;
+    const bool present = bytes[offset + 1] != 0;
+    const unsigned rps = read_u16(bytes, offset + 2);
+    decoded.lines.push_back(fmt::format("fan {}: {}, {}, {} rpm ({} rps)", fan, present ? "present" : "absent",
+                                        fault ? "fault" : "no fault", rps * kRpmPerRps, rps));
+    fans.push_back(
+        Json{{"fan", fan}, {"present", present}, {"fault", fault}, {"rpm", rps * kRpmPerRps}, {"speed_rps", rps}});
+  }
+  if (bytes.empty()) {
+    decoded.lines.emplace_back("no fans");
+  }
+  decoded.json["fans"] = fans;
+  return decoded;
+}
+
 Decoded decode_fan_module_state(std::span<const std::uint8_t> bytes) {
   if (bytes.size() != kFanModuleStateSize) {
     return wrong_size(bytes.size(), "50");
@@ -132,23 +155,7 @@ std::string format_fan_states(ipc::Address from, const ipc::Response& response, 
   if (!answered_with(response, bytes.size() % kFanRecordSize == 0)) {
     return format_response(from, IPC_SYSTEM_MGR__GET_FAN_STATES, response, json);
   }
-  Decoded decoded;
-  Json fans = Json::array();
-  for (std::size_t offset = 0; offset < bytes.size(); offset += kFanRecordSize) {
-    const std::size_t fan = offset / kFanRecordSize + 1;
-    const bool fault = bytes[offset] != 0;
-    const bool present = bytes[offset + 1] != 0;
-    const unsigned rps = detail::read_u16(bytes, offset + 2);
-    decoded.lines.push_back(fmt::format("fan {}: {}, {}, {} rpm ({} rps)", fan, present ? "present" : "absent",
-                                        fault ? "fault" : "no fault", rps * kRpmPerRps, rps));
-    fans.push_back(
-        Json{{"fan", fan}, {"present", present}, {"fault", fault}, {"rpm", rps * kRpmPerRps}, {"speed_rps", rps}});
-  }
-  if (bytes.empty()) {
-    decoded.lines.emplace_back("no fans");
-  }
-  decoded.json["fans"] = fans;
-  return render(from, "fans", decoded, json);
+  return render(from, "fans", detail::decode_fan_states(bytes), json);
 }
 
 std::string format_fan_module(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {

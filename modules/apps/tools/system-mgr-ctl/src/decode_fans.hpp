@@ -18,6 +18,9 @@ std::string_view sensor_name(std::int32_t id) noexcept;
 
 namespace detail {
 
+/// The board's fans, 4 bytes each: presence, fault and speed in rpm (and the driver's rps).
+Decoded decode_fan_states(std::span<const std::uint8_t> bytes);
+
 /// The 50-byte fan module state: presence, fault, count, setting and each fan's speed in rpm.
 Decoded decode_fan_module_state(std::span<const std::uint8_t> bytes);
 
