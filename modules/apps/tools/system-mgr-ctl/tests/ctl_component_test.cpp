@@ -487,7 +487,10 @@ struct FanStandIn {
         daemon
             ->subscribe_request({sm::IPC_SYSTEM_MGR, id},
                                 [this, payload, result](const xpon::ipc::Request& request) -> xpon::core::Result<void> {
-                                  received.push_back(request.payload);
+                                  {
+                                    const std::lock_guard lock(mutex);
+                                    received.push_back(request.payload);
+                                  }
                                   xpon::ipc::Response response;
                                   response.reply_tag = request.reply_to->tag;
                                   response.payload = payload;
@@ -501,10 +504,11 @@ struct FanStandIn {
     const std::lock_guard lock(mutex);
     return received;
   }
-  std::shared_ptr<xpon::ipc::IIpc> daemon;
-  bool subscribed = false;
+  // Declared before the endpoint, so that the endpoint (and its delivery threads) goes first.
   std::mutex mutex;
   std::vector<xpon::ipc::Payload> received;
+  std::shared_ptr<xpon::ipc::IIpc> daemon;
+  bool subscribed = false;
 };
 
 TEST_F(SystemMgrCtl, TempCommandPrintsEverySensorWithItsName) {
