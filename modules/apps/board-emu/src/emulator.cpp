@@ -109,7 +109,7 @@ BoardModel Emulator::snapshot() const {
 
 void Emulator::start_timeline() {
   std::lock_guard lock(mutex_);
-  if (timeline_thread_.joinable() || timeline_.empty()) {
+  if (thermal_thread_.joinable()) {
     return;
   }
   timeline_stopping_ = false;
@@ -122,7 +122,11 @@ void Emulator::start_timeline() {
   sigaddset(&blocked, SIGTERM);
   sigaddset(&blocked, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-  timeline_thread_ = std::thread([this] { run_timeline(); });
+  if (!timeline_.empty()) {
+    timeline_thread_ = std::thread([this] { run_timeline(); });
+  }
+  // The thermal model runs from the start, idle until a scenario or a patch enables it.
+  thermal_thread_ = std::thread([this] { run_thermal(); });
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
@@ -134,6 +138,20 @@ void Emulator::stop_timeline() {
   timeline_wakeup_.notify_all();
   if (timeline_thread_.joinable()) {
     timeline_thread_.join();
+  }
+  if (thermal_thread_.joinable()) {
+    thermal_thread_.join();
+  }
+}
+
+void Emulator::run_thermal() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    const std::chrono::milliseconds step(model_.thermal.step_ms);
+    if (timeline_wakeup_.wait_for(lock, step, [this] { return timeline_stopping_; })) {
+      return;
+    }
+    thermal_step(model_);
   }
 }
 

@@ -191,6 +191,24 @@ FanModule read_fan_module(const Json& value, const std::string& path) {
   return module;
 }
 
+Thermal read_thermal(const Json& value, const std::string& path) {
+  ObjectReader fields(value, path);
+  Thermal thermal;
+  thermal.enabled = fields.boolean("enabled", thermal.enabled);
+  thermal.ambient = fields.integer<std::int8_t>("ambient", thermal.ambient);
+  thermal.load = fields.integer<std::uint8_t>("load", thermal.load);
+  thermal.cooling = fields.integer<std::uint8_t>("cooling", thermal.cooling);
+  if (const Json* step = fields.get("step_ms")) {
+    thermal.step_ms = static_cast<std::uint16_t>(detail::read_integer(*step, fields.path_of("step_ms"), 10, 60000));
+  }
+  if (const Json* rate = fields.get("rate_percent")) {
+    thermal.rate_percent =
+        static_cast<std::uint8_t>(detail::read_integer(*rate, fields.path_of("rate_percent"), 1, 100));
+  }
+  fields.finish();
+  return thermal;
+}
+
 PowerModule read_power_module(const Json& value, const std::string& path) {
   ObjectReader reader(value, path);
   PowerModule module;
@@ -367,6 +385,9 @@ BoardModel read_model(const Json& document, const std::string& base_path) {
       }
     }
     fields.finish();
+  }
+  if (const Json* thermal = reader.get("thermal")) {
+    model.thermal = read_thermal(*thermal, reader.path_of("thermal"));
   }
   reader.finish();
   return model;
@@ -569,6 +590,9 @@ Json model_to_json(const BoardModel& model) {
   json["front_button"] = {{"pressed", model.front_button.pressed},
                           {"polling_enabled", model.front_button.polling_enabled},
                           {"hard_reset_enabled", model.front_button.hard_reset_enabled}};
+  json["thermal"] = {{"enabled", model.thermal.enabled}, {"ambient", model.thermal.ambient},
+                     {"load", model.thermal.load},       {"cooling", model.thermal.cooling},
+                     {"step_ms", model.thermal.step_ms}, {"rate_percent", model.thermal.rate_percent}};
   json["faults"] = Json::object();
   for (const auto& [name, fault] : model.faults) {
     Json entry = {{"delay_ms", fault.delay_ms}};
@@ -599,6 +623,31 @@ core::Result<Json> merge_patch(const Json& document, const Json& patch, const st
   } catch (const FieldError& refused) {
     return core::ErrorPayload(core::Error::InvalidInputArg, refused.what());
   }
+}
+
+bool thermal_step(BoardModel& model) {
+  const Thermal& thermal = model.thermal;
+  if (!thermal.enabled) {
+    return false;
+  }
+  const int setting = model.fan_module ? model.fan_module->speed_setting : model.fan_speed_setting;
+  const int target = thermal.ambient + thermal.load - thermal.cooling * setting / 255;
+  bool changed = false;
+  for (auto& sensor : model.sensors) {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): a temperature is a signed byte
+    const int now = sensor.temperature;
+    const int distance = target - now;
+    if (distance == 0) {
+      continue;
+    }
+    int move = distance * thermal.rate_percent / 100;
+    if (move == 0) {
+      move = distance > 0 ? 1 : -1;
+    }
+    sensor.temperature = static_cast<std::int8_t>(std::clamp(now + move, -128, 127));
+    changed = true;
+  }
+  return changed;
 }
 
 core::Result<BoardModel> apply_patch(const BoardModel& model, const Json& patch, const std::string& base_path) {

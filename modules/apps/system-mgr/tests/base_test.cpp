@@ -536,6 +536,32 @@ TEST_F(SysFunctionTest, DerivedFunctionHoldsThePollingMutex) {
   EXPECT_TRUE(stopped.get());
 }
 
+TEST_F(SysFunctionTest, FirstPollHoldsThePollingMutex) {
+  auto function = std::make_unique<ScriptedFunction>(logger, ipc, 10s);
+  bool held_in_first_poll = false;
+  function->poll = [&](int call) {
+    if (call == 1) {
+      // Another thread cannot take the mutex while the first poll runs.
+      const bool free = std::async(std::launch::async, [&] {
+                          if (!function->mutex().try_lock()) {
+                            return false;
+                          }
+                          function->mutex().unlock();
+                          return true;
+                        }).get();
+      held_in_first_poll = !free;
+    }
+    return Result<void>(core::success());
+  };
+  ASSERT_TRUE(function->run());
+  EXPECT_TRUE(held_in_first_poll);
+  auto stopped = std::async(std::launch::async, [&] { return function->stop(); });
+  while (stopped.wait_for(5ms) != std::future_status::ready) {
+    function->wake_polling_thread();
+  }
+  EXPECT_TRUE(stopped.get());
+}
+
 TEST_F(SysFunctionTest, ConfigChangesReReadEachNamedSectionInOrderAndLogTheirNames) {
   ScriptedFunction function(logger, ipc, 10s);
   std::vector<std::string> reads;

@@ -18,12 +18,14 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <future>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -145,6 +147,53 @@ class FunctionTest : public ::testing::Test {
     EXPECT_EQ(responses.back().response.address, 0x0000FFFEU);
     EXPECT_EQ(responses.back().response.reply_tag, tag);
     return responses.back().response;
+  }
+
+  /// A 305-byte alarm record as a function fills it: state, kind, instance, the first value and the text.
+  static ipc::Payload alarm_record(std::uint8_t state, std::uint32_t kind, std::uint32_t instance, std::uint32_t value,
+                                   const std::string& text) {
+    ipc::Payload bytes(305, 0);
+    for (std::size_t b = 0; b < 4; ++b) {
+      bytes[9 + b] = static_cast<std::uint8_t>((kind >> (8 * b)) & 0xFFU);
+      bytes[17 + b] = static_cast<std::uint8_t>((instance >> (8 * b)) & 0xFFU);
+      bytes[33 + b] = static_cast<std::uint8_t>((value >> (8 * b)) & 0xFFU);
+    }
+    bytes[8] = state;
+    std::copy(text.begin(), text.end(), bytes.begin() + 45);
+    return bytes;
+  }
+
+  /// A request of this daemon (module word IPC_SYSTEM_MGR) whose sender waits for the answer.
+  static ipc::Request daemon_request(std::uint16_t id, ipc::Payload payload, ipc::Address sender, std::uint16_t tag) {
+    ipc::Request request;
+    request.payload = std::move(payload);
+    request.group = IPC_SYSTEM_MGR;
+    request.id = id;
+    request.reply_to = ipc::ReplyTo{sender, tag};
+    return request;
+  }
+
+  /// The payloads of the alarm events sent so far, in order.
+  [[nodiscard]] std::vector<ipc::Payload> alarm_payloads() const {
+    std::vector<ipc::Payload> payloads;
+    for (const auto& event : ipc->events()) {
+      if (event.group == 9000 && event.id == 9005) {
+        EXPECT_EQ(event.address, 0x0000FFFEU);
+        payloads.push_back(event.payload);
+      }
+    }
+    return payloads;
+  }
+
+  /// Expects `make` to throw std::runtime_error with exactly `text`.
+  template <typename Make>
+  static void expect_construction_failure(Make make, const std::string& text) {
+    try {
+      make();
+      ADD_FAILURE() << "constructed";
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(std::string(error.what()), text);
+    }
   }
 
   /// The text of a 305-byte alarm record.

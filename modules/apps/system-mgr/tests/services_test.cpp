@@ -181,7 +181,8 @@ class RealServices : public ::testing::Test {
   test::Sandbox sandbox_;
   test::ScopedEnv root_{"XPON_ROOT", sandbox_.root()};
   std::shared_ptr<cfgdb::CfgDbWrapper> cfgdb_ = std::make_shared<cfgdb::CfgDbWrapper>("SYSTEM-MGR_CFGDB");
-  // MiscParameters reads the FPGA and CPLD versions when it is made.
+  // MiscParameters reads the FPGA and CPLD versions when it is made, the temperature function
+  // the sensor count.
   std::shared_ptr<test::FakeBoard> board_ = std::make_shared<test::FakeBoard>();
 };
 
@@ -229,15 +230,16 @@ TEST_F(RealServices, CpuLoadMonitoringIsTheFirstFunctionOfEveryFamily) {
 class LtServiceWithProbe : public LtService {
  public:
   LtServiceWithProbe(const std::shared_ptr<logger::ILogger>& logger, const std::shared_ptr<ipc::IIpc>& ipc,
-                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, std::vector<std::string>& journal)
-      : LtService(logger, ipc, cfgdb, std::make_shared<test::FakeBoard>()) {
+                     const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb, const std::shared_ptr<board::IBoard>& board,
+                     std::vector<std::string>& journal)
+      : LtService(logger, ipc, cfgdb, board) {
     functions_.push_back(std::make_shared<ProbeFunction>("probe", journal));
   }
 };
 
 TEST_F(RealServices, LtMasterChangeReachesNoFunction) {
   std::vector<std::string> journal;
-  LtServiceWithProbe service(logger_, ipc_, cfgdb_, journal);
+  LtServiceWithProbe service(logger_, ipc_, cfgdb_, board_, journal);
   ASSERT_TRUE(service.master_change({}).has_value());
   EXPECT_TRUE(journal.empty());
   ASSERT_TRUE(service.config_change({}, {{80, 1, 0}}).has_value());
@@ -371,19 +373,24 @@ TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
                                             {"HddMonitoring", 30000ms},
                                             {"LedPanelCntrl", 0ms},
                                             {"MiscParameters", 0ms},
+                                            {"TempMonitoring", 20000ms},
                                             {"SfpMonitoring", 1000ms},
+                                            {"FanModuleMonitoring", 30000ms},
                                             {"PwrModuleMonitoring", 30000ms}}));
   EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
                                             {"RamMonitoring", 30000ms},
                                             {"LedPanelCntrl", 0ms},
                                             {"MiscParameters", 0ms},
+                                            {"TempMonitoring", 20000ms},
                                             {"SfpMonitoring", 1000ms}}));
   EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
                                             {"RamMonitoring", 30000ms},
                                             {"HddMonitoring", 30000ms},
                                             {"LedPanelCntrl", 0ms},
                                             {"MiscParameters", 0ms},
+                                            {"TempMonitoring", 20000ms},
                                             {"SfpMonitoring", 1000ms},
+                                            {"FanMonitoring", 30000ms},
                                             {"PsMonitoring", 1000ms}}));
 }
 
@@ -404,16 +411,17 @@ TEST_F(RealServices, EveryServiceKeepsTheBoardItIsGiven) {
   EXPECT_EQ(fc.board().get(), board.get());
   EXPECT_EQ(lc.board().get(), board.get());
   EXPECT_EQ(lt.board().get(), board.get());
-  // The test's own; each service's, its two control functions' and its SfpMonitoring's, once
-  // and once more in each of its eight bound board operations; those of the power functions:
-  // the FC power module's and the LT power supplies'.
-  EXPECT_EQ(board.use_count(), 1 + 3 * (1 + 2 + 1 + 8) + 2);
-  // Making a service reads the FPGA and CPLD versions once (MiscParameters), nothing else.
-  const std::vector<test::BoardOp> versions{test::BoardOp::get_fpga_config_version,
-                                            test::BoardOp::get_cpld_config_version};
+  // The test's own; each service's, its two control functions', its TempMonitoring's and its
+  // SfpMonitoring's, once and once more in each of its eight bound board operations; those of
+  // the FC fan module's and power module's functions and the LT fans' and power supplies'.
+  EXPECT_EQ(board.use_count(), 1 + 3 * (1 + 2 + 1 + 1 + 8) + 2 + 2);
+  // Making a service reads the FPGA and CPLD versions once (MiscParameters) and the number of
+  // temperature sensors (TempMonitoring), nothing else.
+  const std::vector<test::BoardOp> construction{test::BoardOp::get_fpga_config_version,
+                                                test::BoardOp::get_cpld_config_version, test::BoardOp::get_temp_count};
   std::vector<test::BoardOp> expected;
   for (int service = 0; service < 3; ++service) {
-    expected.insert(expected.end(), versions.begin(), versions.end());
+    expected.insert(expected.end(), construction.begin(), construction.end());
   }
   EXPECT_EQ(board->ops(), expected);
 }

@@ -398,7 +398,7 @@ TEST_F(SystemMgrTest, RamAlarmIsPublishedOnTheBusAtStartUp) {
 TEST_F(SystemMgrTest, RamDataAnswerIsTwoPlausibleFloats) {
   XPON_START_BOARD("board-lt.json", kLtProduct);
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
-  // READY comes before the functions subscribe their requests: ask once the daemon has settled.
+  // READY comes before the functions subscribe their requests: wait until they have.
   ASSERT_NO_FATAL_FAILURE(settle(1));
 
   // A client endpoint in the daemon's sandbox, as any other daemon of the board would have.
@@ -456,7 +456,7 @@ TEST_F(SystemMgrTest, EachFlashPartitionHasItsAlarmWithItsLogicalMountPoint) {
 TEST_F(SystemMgrTest, DiskDataAnswerIsTwoPlausibleFloats) {
   XPON_START_BOARD("board-lt.json", kLtProduct);
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
-  // READY comes before the functions subscribe their requests: ask once the daemon has settled.
+  // READY comes before the functions subscribe their requests: wait until they have.
   ASSERT_NO_FATAL_FAILURE(settle(1));
 
   const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());

@@ -40,4 +40,7 @@ void add_control_commands(CLI::App& app, Subcommands& commands);
 /// `sfp list|eddi|rx-power|tx|inject`: the SFP modules of the PON and front ports.
 void add_sfp_commands(CLI::App& app, Subcommands& commands);
 
+/// `temp`, `fans`, `fan-speed SET` and `fan-module state|factory|speed SET`.
+void add_fan_commands(CLI::App& app, Subcommands& commands);
+
 }  // namespace xpon::system_mgr::ctl

@@ -1,6 +1,7 @@
 #include "decode.hpp"
 
 #include "decode_control.hpp"
+#include "decode_fans.hpp"
 #include "decode_power.hpp"
 #include "decode_sfp.hpp"
 #include "decode_support.hpp"
@@ -250,7 +251,6 @@ std::string format_other(const ipc::Event& event, bool json) {
 }
 
 constexpr std::size_t kTempRecordSize = 8;
-constexpr std::size_t kFanRecordSize = 4;
 
 Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view unit, std::string_view key_suffix) {
   if (bytes.size() != 8) {
@@ -305,28 +305,6 @@ Decoded decode_temperatures(std::span<const std::uint8_t> bytes) {
   return decoded;
 }
 
-Decoded decode_fans(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() % kFanRecordSize != 0) {
-    return wrong_size(bytes.size(), "a multiple of 4 (one record per fan)");
-  }
-  Decoded decoded;
-  Json fans = Json::array();
-  for (std::size_t offset = 0; offset < bytes.size(); offset += kFanRecordSize) {
-    const std::size_t fan = offset / kFanRecordSize + 1;
-    const bool fault = bytes[offset] != 0;
-    const bool present = bytes[offset + 1] != 0;
-    const auto speed = static_cast<std::uint16_t>(bytes[offset + 2] | (bytes[offset + 3] << 8U));
-    decoded.lines.push_back(fmt::format("fan {}: {}, {}, speed {} rps", fan, present ? "present" : "absent",
-                                        fault ? "fault" : "no fault", speed));
-    fans.push_back(Json{{"fan", fan}, {"present", present}, {"fault", fault}, {"speed_rps", speed}});
-  }
-  if (bytes.empty()) {
-    decoded.lines.emplace_back("no fans");
-  }
-  decoded.json["fans"] = fans;
-  return decoded;
-}
-
 /// The decoded answer of a request whose answer layout is known; nothing otherwise.
 std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint8_t> bytes) {
   switch (id) {
@@ -357,7 +335,11 @@ std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint
     case IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO:
       return decode_sfp_modules(bytes);
     case IPC_SYSTEM_MGR__GET_FAN_STATES:
-      return decode_fans(bytes);
+      return decode_fan_states(bytes);
+    case IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE:
+      return decode_fan_module_state(bytes);
+    case IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY:
+      return decode_fan_module_factory(bytes);
     case IPC_SYSTEM_MGR__GET_PS_STATES:
       return decode_ps_states(bytes);
     case IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE:

@@ -144,6 +144,7 @@ int main(int argc, char** argv) {
   add_power_commands(app, typed);
   add_control_commands(app, typed);
   add_sfp_commands(app, typed);
+  add_fan_commands(app, typed);
 
   // One command per request of the daemon; a deque keeps each one's options where the parser points.
   std::deque<CommandOptions> commands;

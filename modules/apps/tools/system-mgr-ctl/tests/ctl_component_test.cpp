@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -549,6 +550,72 @@ TEST_F(SystemMgrCtl, FactoryCommandPrintsTheFamilyAndTheFields) {
       << client.out();
   auto crate = run_ctl({"factory", "crate", "--timeout", "200"}, "factory-crate");
   EXPECT_EQ(crate.exit_status(), 3);
+}
+
+// A stand-in daemon that answers one request with `payload` and `result` and keeps what it was sent.
+struct FanStandIn {
+  explicit FanStandIn(std::uint16_t id, xpon::ipc::Payload payload, std::uint32_t result = 1)
+      : daemon(xpon::ipc::make_zmq_ipc(sm::SYSTEM_MGR_IPC_ADDRESS, "test-daemon")) {
+    subscribed =
+        daemon
+            ->subscribe_request({sm::IPC_SYSTEM_MGR, id},
+                                [this, payload, result](const xpon::ipc::Request& request) -> xpon::core::Result<void> {
+                                  {
+                                    const std::lock_guard lock(mutex);
+                                    received.push_back(request.payload);
+                                  }
+                                  xpon::ipc::Response response;
+                                  response.reply_tag = request.reply_to->tag;
+                                  response.payload = payload;
+                                  response.result = result;
+                                  return daemon->send_response(request.reply_to->address, response);
+                                })
+            .has_value();
+  }
+  // What the stand-in was sent, in order.
+  std::vector<xpon::ipc::Payload> payloads() {
+    const std::lock_guard lock(mutex);
+    return received;
+  }
+  // Declared before the endpoint, so that the endpoint (and its delivery threads) goes first.
+  std::mutex mutex;
+  std::vector<xpon::ipc::Payload> received;
+  std::shared_ptr<xpon::ipc::IIpc> daemon;
+  bool subscribed = false;
+};
+
+TEST_F(SystemMgrCtl, TempCommandPrintsEverySensorWithItsName) {
+  FanStandIn stand_in(sm::IPC_SYSTEM_MGR__GET_TEMP, {0, 0, 0, 0, 41, 0, 0, 0, 4, 0, 0, 0, 57, 0, 0, 0});
+  ASSERT_TRUE(stand_in.subscribed);
+  auto text = run_ctl({"temp"}, "temp");
+  EXPECT_EQ(text.exit_status(), 0) << text.err();
+  EXPECT_EQ(text.out(), "sensor 0 (PON SFP 1): 41 °C\nsensor 4 (PON chip): 57 °C\n");
+  EXPECT_EQ(stand_in.payloads(), (std::vector<xpon::ipc::Payload>{{}}));
+}
+
+TEST_F(SystemMgrCtl, FanSpeedCommandSendsTheSettingAsOneByte) {
+  FanStandIn stand_in(sm::IPC_SYSTEM_MGR__SET_FAN_SPEED, {});
+  ASSERT_TRUE(stand_in.subscribed);
+  auto text = run_ctl({"fan-speed", "159"}, "fan-speed");
+  EXPECT_EQ(text.exit_status(), 0) << text.err();
+  EXPECT_EQ(text.out(), "fan speed set\n");
+  EXPECT_EQ(stand_in.payloads(), (std::vector<xpon::ipc::Payload>{{0x9F}}));
+}
+
+TEST_F(SystemMgrCtl, FanModuleSpeedRefusedExits1) {
+  FanStandIn stand_in(sm::IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED, {}, 0);
+  ASSERT_TRUE(stand_in.subscribed);
+  auto text = run_ctl({"fan-module", "speed", "0x66"}, "fan-module-speed");
+  EXPECT_EQ(text.exit_status(), 1) << text.err();
+  EXPECT_EQ(stand_in.payloads(), (std::vector<xpon::ipc::Payload>{{0x66}}));
+}
+
+TEST_F(SystemMgrCtl, FanSpeedOutsideAByteIsAUsageError) {
+  auto text = run_ctl({"fan-speed", "256"}, "fan-speed-usage");
+  EXPECT_EQ(text.exit_status(), 2);
+  EXPECT_EQ(text.err(), "system-mgr-ctl: SET: 256 is out of range (at most 0xff)\n");
+  auto missing = run_ctl({"fan-module"}, "fan-module-usage");
+  EXPECT_EQ(missing.exit_status(), 2);
 }
 
 }  // namespace

@@ -431,10 +431,11 @@ TEST(CtlResponseDecoding, FanStatesOnePerFan) {
   const ipc::Payload payload{0, 1, 50, 0, 1, 0, 0x2c, 0x01};
   EXPECT_TRUE(
       format_response(kDaemon, 15527, answered(payload), false)
-          .ends_with("(8 bytes)\n  fan 1: present, no fault, speed 50 rps\n  fan 2: absent, fault, speed 300 rps"));
+          .ends_with(
+              "(8 bytes)\n  fan 1: present, no fault, 3000 rpm (50 rps)\n  fan 2: absent, fault, 18000 rpm (300 rps)"));
   EXPECT_TRUE(format_response(kDaemon, 15527, answered(payload), true)
-                  .ends_with(R"("decoded":{"fans":[{"fan":1,"present":true,"fault":false,"speed_rps":50},)"
-                             R"({"fan":2,"present":false,"fault":true,"speed_rps":300}]}})"));
+                  .ends_with(R"("decoded":{"fans":[{"fan":1,"present":true,"fault":false,"rpm":3000,"speed_rps":50},)"
+                             R"({"fan":2,"present":false,"fault":true,"rpm":18000,"speed_rps":300}]}})"));
 }
 
 TEST(CtlResponseDecoding, AnswersOfTheWrongSizeAreReportedNotDecoded) {

@@ -48,14 +48,16 @@ class Emulator {
   /// A copy of the model as it stands.
   [[nodiscard]] BoardModel snapshot() const;
 
-  /// Starts the timeline clock and its thread (the steps' times count from here).
+  /// Starts the timeline clock and its thread (the steps' times count from here), and the thread
+  /// that steps the thermal model while it is enabled.
   void start_timeline();
 
-  /// Stops the timeline thread; steps not yet due are dropped.
+  /// Stops the timeline and thermal threads; steps not yet due are dropped.
   void stop_timeline();
 
  private:
   void run_timeline();
+  void run_thermal();
 
   std::shared_ptr<logger::ILogger> logger_;
   mutable std::mutex mutex_;
@@ -65,6 +67,7 @@ class Emulator {
   std::condition_variable timeline_wakeup_;
   bool timeline_stopping_ = false;
   std::thread timeline_thread_;
+  std::thread thermal_thread_;
 };
 
 }  // namespace xpon::board_emu

@@ -136,6 +136,19 @@ struct Fault {
 /// Names of the front-panel LEDs in the order of their driver numbers.
 inline constexpr std::array<std::string_view, 5> kPanelLedNames = {"power", "status", "alarm", "master", "fan"};
 
+/// A simple thermal model, off unless enabled: every step each sensor's temperature moves
+/// `rate_percent` of the way (at least 1 °C) toward ambient + load - cooling × setting / 255,
+/// where the setting is the fan module's on a board that has one, else the board's fan setting.
+/// So the faster the fans are set, the cooler the board gets, and a closed loop can be watched.
+struct Thermal {
+  bool enabled = false;
+  std::int8_t ambient = 25;        ///< °C
+  std::uint8_t load = 45;          ///< °C above ambient with the fans stopped
+  std::uint8_t cooling = 60;       ///< °C the fans take off at the full setting (255)
+  std::uint16_t step_ms = 1000;    ///< time between steps, 10 to 60000 ms
+  std::uint8_t rate_percent = 20;  ///< share of the distance to the target covered per step, 1 to 100
+};
+
 /// Whole state of the emulated board: what the scenario gave and what the daemon set.
 struct BoardModel {
   Inventory inventory;
@@ -151,6 +164,7 @@ struct BoardModel {
   std::array<PanelLed, 5> led_panel{};
   FrontButton front_button;
   std::map<std::string, Fault, std::less<>> faults;  ///< by command name, e.g. "BOARD_GET_FAN_INFO"
+  Thermal thermal;
 };
 
 /// Limits of the driver's records, which bound the lists a model may hold.
@@ -186,6 +200,9 @@ core::Result<Json> merge_patch(const Json& document, const Json& patch, const st
 /// Applies a patch to a model as one step: the result is the patched model, or an error and
 /// nothing changed.
 core::Result<BoardModel> apply_patch(const BoardModel& model, const Json& patch, const std::string& base_path = {});
+
+/// One step of the thermal model when it is enabled (nothing otherwise); true when a sensor changed.
+bool thermal_step(BoardModel& model);
 
 /// The errno for a name such as "EIO", or none for an unknown name.
 std::optional<int> errno_from_name(std::string_view name);

@@ -119,8 +119,12 @@ Result<void> SysFunction::run() {
   }
 
   // The first poll runs here, on the caller's thread. Its error does not stop the start:
-  // the thread polls again one period later.
-  const auto first_poll = core::guarded_call(log(), [this] { return polling(); });
+  // the thread polls again one period later. It holds the polling mutex like every later poll,
+  // so that request and event paths that take it (subscribed just before) never overlap it.
+  const auto first_poll = core::guarded_call(log(), [this] {
+    const std::lock_guard lock(mutex_);
+    return polling();
+  });
   if (first_poll.has_error() && first_poll.error().error == Error::NotImplemented) {
     log().progress("Polling not required for System function: {}", name_);
     return core::success();

@@ -138,8 +138,9 @@ class SysFunction : public ISysFunction {
   /// comes while it polls is lost, exactly as for stop.
   void wake_polling_thread() noexcept { cv_.notify_one(); }
 
-  /// The mutex the polling thread holds for each poll and its wait; a function whose request,
-  /// event or configuration paths share state with its poll takes it there.
+  /// The mutex held for each poll (the first, made by run, included) and the polling thread's
+  /// wait; a function whose request, event or configuration paths share state with its poll
+  /// takes it there.
   [[nodiscard]] std::mutex& mutex() noexcept { return mutex_; }
 
   /// One configuration section a function reads, with the call that re-reads it.

@@ -4,6 +4,7 @@
 #include "xpon/system_mgr/functions/led_panel_cntrl.hpp"
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
 #include "xpon/system_mgr/functions/sfp_monitoring.hpp"
+#include "xpon/system_mgr/functions/temp_monitoring.hpp"
 #include "xpon/system_mgr/services/factory_records.hpp"
 
 #include <chrono>
@@ -20,6 +21,7 @@ LcService::LcService(const std::shared_ptr<logger::ILogger>& logger, const std::
   functions_.push_back(std::make_shared<RamMonitoring>(logger_, ipc_, cfgdb_, milliseconds(30000)));
   functions_.push_back(std::make_shared<LedPanelCntrl>(logger_, ipc_, board_));
   functions_.push_back(make_misc_parameters(logger_, ipc_, board_, DeviceType::LC));
+  functions_.push_back(std::make_shared<TempMonitoring>(logger_, ipc_, cfgdb_, board_, milliseconds(20000)));
   functions_.push_back(std::make_shared<SfpMonitoring>(logger_, ipc_, board_, milliseconds(1000)));
   logger_->progress("LcService create successfully");
 }
