@@ -192,6 +192,7 @@ TEST_F(LedPanelCntrlTest, FailedSendOfTheAnswerIsReturned) {
   const auto result = function->handle_request(led_request(alarm_blink_red()));
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::InvalidState);
+  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
   EXPECT_EQ(led_calls().size(), 1U);
   EXPECT_TRUE(ipc->responses().empty());
 }
@@ -205,17 +206,23 @@ TEST_F(LedPanelCntrlTest, RequestWithoutReplyInformationThrowsAfterTheBoardCall)
   EXPECT_TRUE(ipc->responses().empty());
 }
 
-TEST_F(LedPanelCntrlTest, ShortRequestWithoutReplyInformationFailsBeforeAnyBoardCall) {
+TEST_F(LedPanelCntrlTest, ShortRequestWithoutReplyInformationThrowsBeforeAnyBoardCall) {
   auto function = make();
   auto request = led_request({1, 2, 3});
   request.reply_to.reset();
-  const auto result = function->handle_request(request);
-  ASSERT_TRUE(result.has_error());
-  // The error response cannot be addressed; its helper reports that as an exception.
-  EXPECT_EQ(result.error().error, Error::Exception);
+  EXPECT_THROW(static_cast<void>(function->handle_request(request)), std::bad_optional_access);
   EXPECT_TRUE(board->calls().empty());
   EXPECT_TRUE(ipc->responses().empty());
-  EXPECT_TRUE(logger->contains("An std::exception was thrown: bad optional access ", 4));
+}
+
+TEST_F(LedPanelCntrlTest, FailedBoardCallWithoutReplyInformationThrowsAfterIt) {
+  auto function = make();
+  board->fail(BoardOp::cntrl_led_panel, Error::ErrorCApi);
+  auto request = led_request(alarm_blink_red());
+  request.reply_to.reset();
+  EXPECT_THROW(static_cast<void>(function->handle_request(request)), std::bad_optional_access);
+  EXPECT_EQ(led_calls().size(), 1U);
+  EXPECT_TRUE(ipc->responses().empty());
 }
 
 TEST_F(LedPanelCntrlTest, UnknownRequestIsNeitherAnsweredNorLogged) {

@@ -35,7 +35,9 @@ Result<void> LedPanelCntrl::handle_request(const ipc::Request& request) {
 Result<void> LedPanelCntrl::cntrl_led_panel(const ipc::Request& request) {
   Brd__led led;
   if (request.payload.size() < sizeof led) {
-    // Refused before the board is asked anything.
+    // Refused before the board is asked anything. The reply information is read unguarded, as
+    // on every path of this request: without it the handler leaves by std::bad_optional_access.
+    static_cast<void>(request.reply_to.value());
     return send_error_response(request);
   }
   // The record goes to the driver as it stands; bytes after it are ignored.
@@ -43,10 +45,11 @@ Result<void> LedPanelCntrl::cntrl_led_panel(const ipc::Request& request) {
   auto applied = core::guarded_call(*logger_, [this, &led] { return board_->cntrl_led_panel(led); });
   if (!applied) {
     // Deliberately dropped without a log line: the requester gets the error response.
+    static_cast<void>(request.reply_to.value());
     return send_error_response(request);
   }
-  // Not guarded on purpose: a request without reply information throws out of the handler.
-  return send_answer(request, {});
+  // A request without reply information throws out of the handler here, after the board call.
+  return answer_request(request, {});
 }
 
 }  // namespace xpon::system_mgr
