@@ -183,10 +183,29 @@ TEST_F(SfpSystemTest, ModulePulledAndPluggedByPatchIsReportedEachTime) {
 TEST_F(SfpSystemTest, ModulePulledAndPluggedBackWithinTheSecondYieldsNothing) {
   XPON_START_BOARD("board-lt.json", kLtProduct);
   ASSERT_NO_FATAL_FAILURE(start_and_take_initial_events());
+  // The two patches are milliseconds apart. Should a poll fall just between them, it rightly
+  // reports the empty cage and then the module again; that attempt proves nothing and is made
+  // again. Any other event, or that pair every time, is a failure.
+  bool quiet = false;
+  for (int attempt = 0; attempt < 3 && !quiet; ++attempt) {
+    ASSERT_NO_FATAL_FAILURE(patch(R"({"front_ports": {"0": {"present": false}}})"));
+    ASSERT_NO_FATAL_FAILURE(patch(R"({"front_ports": {"0": {"present": true}}})"));
+    const auto events = events_within(kQuiet);
+    quiet = events.empty();
+    if (!quiet) {
+      ASSERT_EQ(events.size(), 2U) << rig_.daemon_log();
+      EXPECT_EQ(events[0].id, IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_REMOVED);
+      EXPECT_EQ(events[1].id, IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_INSERTED);
+      EXPECT_EQ(events[1].port, 0U);
+    }
+  }
+  EXPECT_TRUE(quiet) << "every attempt gave a removal and an insertion";
+  // Still polling: pulling the module for good is reported.
   ASSERT_NO_FATAL_FAILURE(patch(R"({"front_ports": {"0": {"present": false}}})"));
-  ASSERT_NO_FATAL_FAILURE(patch(R"({"front_ports": {"0": {"present": true}}})"));
-  const auto events = events_within(kQuiet);
-  EXPECT_TRUE(events.empty()) << events.size() << " events, the first " << events[0].id;
+  const auto removed = events_until(1, 3000ms);
+  ASSERT_EQ(removed.size(), 1U) << rig_.daemon_log();
+  EXPECT_EQ(removed[0].id, IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_REMOVED);
+  EXPECT_EQ(removed[0].payload, port(0));
 }
 
 TEST_F(SfpSystemTest, ModulePulledForTwoSecondsYieldsOneRemovalAndOneInsertion) {
