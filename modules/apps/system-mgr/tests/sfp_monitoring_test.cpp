@@ -12,7 +12,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,19 +27,10 @@ constexpr ipc::Address kSender = ipc::make_address(0x0042);
 constexpr std::uint16_t kTag = 0x2468;
 
 // The function with its family set by the test: the class itself never changes it.
-class FamilySfpMonitoring : public SfpMonitoring {
+class FamilySfpMonitoring : public Wakeable<SfpMonitoring> {
  public:
-  using SfpMonitoring::SfpMonitoring;
+  using Wakeable<SfpMonitoring>::Wakeable;
   void set_family(DeviceFamily family) { device_family_ = family; }
-  // Stop's own wake-up is lost when it falls into a poll (as designed); the test wakes the thread
-  // until stop has joined it.
-  core::Result<void> stop_surely() {
-    auto stopped = std::async(std::launch::async, [this] { return stop(); });
-    while (stopped.wait_for(5ms) != std::future_status::ready) {
-      wake_polling_thread();
-    }
-    return stopped.get();
-  }
 };
 
 ipc::Payload u32(std::uint32_t value) {
@@ -418,7 +408,7 @@ TEST_F(SfpMonitoringTest, PollsOnItsThreadUntilStopped) {
   ASSERT_TRUE(ipc->wait_for_events(1, 5s));
   unplug(true, 8);
   ASSERT_TRUE(ipc->wait_for_events(2, 5s));
-  EXPECT_TRUE(function->stop_surely());
+  EXPECT_TRUE(stop_waking(*function));
   const auto sent = events();
   ASSERT_EQ(sent.size(), 2U);
   EXPECT_EQ(sent[0].id, 15539);
@@ -438,7 +428,7 @@ TEST_F(SfpMonitoringTest, RequestsRaceThePollingThreadSafely) {
     static_cast<void>(ipc->inject_request(request(IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT)));
     static_cast<void>(ipc->inject_request(request(IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA, u32(1))));
   }
-  EXPECT_TRUE(function->stop_surely());
+  EXPECT_TRUE(stop_waking(*function));
   EXPECT_EQ(ipc->responses().size(), 150U);
 }
 
