@@ -60,7 +60,7 @@ class TempFanSystemTest : public SystemMgrTest {
   std::optional<unsigned> state_value(const std::string& key) const {
     const std::string state = xpon::test::read_text_file(rig_.path("/dev/board-state.json"));
     std::smatch match;
-    if (std::regex_search(state, match, std::regex("\"" + key + "\"\\s*:\\s*(\\d+)"))) {
+    if (std::regex_search(state, match, std::regex("\"" + key + R"("\s*:\s*(\d+))"))) {
       return static_cast<unsigned>(std::stoul(match[1].str()));
     }
     return std::nullopt;
