@@ -135,6 +135,46 @@ TEST_F(FanModuleMonitoringTest, ACountBeyondTheSpeedBytesReadsOnUpToTheRecordsEn
   EXPECT_EQ(sent[48][17], 48);
 }
 
+TEST_F(FanModuleMonitoringTest, AFanByteOfZeroIsZeroRpmAndAnActiveSpeedAlarm) {
+  store_limits(6000, 1200);
+  board->answer(BoardOp::get_fan_module_state, module_with({0}));
+  auto function = make();
+  ASSERT_TRUE(function->polling());
+  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{module_alarm(true), fan_alarm(0, 1, 0, "Fan 1 speed 0 rpm")}));
+}
+
+// The function with its limits put back to the never-filled record.
+class NeverFilledFanModuleMonitoring : public FanModuleMonitoring {
+ public:
+  using FanModuleMonitoring::FanModuleMonitoring;
+  void forget_limits() { fan_alarm_cfg_.clear(); }
+};
+
+TEST_F(FanModuleMonitoringTest, LimitsZeroAndZeroRaiseEveryFanAlarmButClearTheModuleAlarm) {
+  store_limits(6000, 1200);
+  board->answer(BoardOp::get_fan_module_state, module_with({0, 1, 50}));
+  NeverFilledFanModuleMonitoring function(logger, ipc, cfgdb, board, 30000ms);
+  function.forget_limits();
+  ASSERT_TRUE(function.polling());
+  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{module_alarm(true), fan_alarm(0, 1, 0, "Fan 1 speed 0 rpm"),
+                                                 fan_alarm(0, 2, 60, "Fan 2 speed 60 rpm"),
+                                                 fan_alarm(0, 3, 3000, "Fan 3 speed 3000 rpm")}));
+}
+
+TEST_F(FanModuleMonitoringTest, FailedAnswerSendsAreLoggedAndReturned) {
+  board->answer(BoardOp::get_fan_module_state, module_with({50}));
+  auto function = make();
+  for (const std::uint16_t id : {IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED}) {
+    logger->clear();
+    ipc->fail_next_send(Error::Empty);
+    const auto result = function->handle_request(request(id, {1}));
+    ASSERT_TRUE(result.has_error()) << id;
+    EXPECT_EQ(result.error().error, Error::Empty) << id;
+    EXPECT_TRUE(logger->contains("Error: Empty. Message: injected failure.", 4)) << id;
+  }
+  EXPECT_TRUE(ipc->responses().empty());
+}
+
 TEST_F(FanModuleMonitoringTest, FailedModuleAlarmSendEndsThePoll) {
   board->answer(BoardOp::get_fan_module_state, module_with({50}));
   auto function = make();

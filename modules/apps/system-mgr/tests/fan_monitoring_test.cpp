@@ -104,6 +104,24 @@ TEST(FanAlarmConfig, ARecordNeverFilledMakesEverySpeedAnAlarm) {
   }
 }
 
+// The function with its limits put back to the never-filled record.
+class NeverFilledFanMonitoring : public FanMonitoring {
+ public:
+  using FanMonitoring::FanMonitoring;
+  void forget_limits() { fan_alarm_cfg_.clear(); }
+};
+
+TEST_F(FanMonitoringTest, LimitsZeroAndZeroMakeEveryFanAnAlarmThroughThePoll) {
+  store_limits(6000, 1200);
+  board->answer(BoardOp::get_fan_info, std::vector<Brd__fan_info>{fan(0, 1, 0), fan(0, 1, 1), fan(0, 1, 50)});
+  NeverFilledFanMonitoring function(logger, ipc, cfgdb, board, 30000ms);
+  function.forget_limits();
+  ASSERT_TRUE(function.polling());
+  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{expected_alarm(0, 1, 0, "Fan 1 speed 0 rpm"),
+                                                 expected_alarm(0, 2, 60, "Fan 2 speed 60 rpm"),
+                                                 expected_alarm(0, 3, 3000, "Fan 3 speed 3000 rpm")}));
+}
+
 TEST_F(FanMonitoringTest, RefusedLimitsLeaveTheLastOnesInForce) {
   store_limits(6000, 1200);
   auto function = make();
@@ -256,12 +274,24 @@ TEST_F(FanMonitoringTest, SetFanSpeedWithoutReplyInformationStillSetsTheSpeed) {
   EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
 }
 
-TEST_F(FanMonitoringTest, SetFanSpeedFailedSendIsReturned) {
+TEST_F(FanMonitoringTest, SetFanSpeedFailedSendIsLoggedAndReturned) {
   auto function = make();
   ipc->fail_next_send(Error::Empty);
   const auto result = function->handle_request(request(IPC_SYSTEM_MGR__SET_FAN_SPEED, {1}));
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Empty);
+  EXPECT_TRUE(logger->contains("Error: Empty. Message: injected failure.", 4));
+}
+
+TEST_F(FanMonitoringTest, GetFanStatesFailedSendIsLoggedAndReturned) {
+  board->answer(BoardOp::get_fan_info, std::vector<Brd__fan_info>{fan(0, 1, 50)});
+  auto function = make();
+  ipc->fail_next_send(Error::Empty);
+  const auto result = function->handle_request(request(IPC_SYSTEM_MGR__GET_FAN_STATES));
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::Empty);
+  EXPECT_TRUE(logger->contains("Error: Empty. Message: injected failure.", 4));
+  EXPECT_TRUE(ipc->responses().empty());
 }
 
 TEST_F(FanMonitoringTest, UnexpectedRequestIsCommonError) {

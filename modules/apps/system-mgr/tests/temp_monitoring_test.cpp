@@ -14,6 +14,7 @@
 #include <cstring>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -328,6 +329,41 @@ TEST_F(TempMonitoringTest, BoardReadFailureEndsThePollWithoutSending) {
   EXPECT_TRUE(logger->contains("Error: ErrorCApi. Message: no readings.", 4));
 }
 
+TEST_F(TempMonitoringTest, NoSensorsPollSendsNothingAndSucceeds) {
+  set_readings({});
+  auto function = make();
+  EXPECT_EQ(function->sensor_count(), 0);
+  ASSERT_TRUE(function->polling());
+  EXPECT_TRUE(ipc->events().empty());
+  const auto asked = board->arguments<std::vector<Brd__temp_info>>(BoardOp::get_temp_info);
+  ASSERT_EQ(asked.size(), 1U);
+  EXPECT_TRUE(asked[0].empty());
+}
+
+// The function with its sensor limits zeroed, as the record of a section never filled (the
+// database itself refuses a lower limit at or above the upper one).
+class NeverFilledTempMonitoring : public TempMonitoring {
+ public:
+  using TempMonitoring::TempMonitoring;
+  void forget_limits() {
+    const std::lock_guard lock(mutex());
+    std::memset(&thresholds(), 0, sizeof(CfgDb__alarm_system_temperature));
+  }
+};
+
+TEST_F(TempMonitoringTest, LimitsZeroAndZeroMakeEverySensorAnAlarm) {
+  store_fan(1, 0);
+  set_readings({reading(0, 0), reading(1, 1), reading(2, -1), reading(3, 30), reading(4, 127)});
+  NeverFilledTempMonitoring function(logger, ipc, cfgdb, board, 20000ms, host);
+  function.forget_limits();
+  ASSERT_TRUE(function.polling());
+  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{expected_alarm(0, 1, 0, "Sensor PON SFP 1 temperature 0C"),
+                                                 expected_alarm(0, 2, 1, "Sensor PON SFP 2 temperature 1C"),
+                                                 expected_alarm(0, 3, -1, "Sensor Front SFP temperature -1C"),
+                                                 expected_alarm(0, 4, 30, "Sensor Switch chip temperature 30C"),
+                                                 expected_alarm(0, 5, 127, "Sensor PON chip   temperature 127C")}));
+}
+
 TEST_F(TempMonitoringTest, TheBoardIsAskedForExactlyTheSensorCount) {
   set_readings({reading(0, 30), reading(1, 30), reading(2, 30)});
   auto function = make();
@@ -459,15 +495,20 @@ TEST_F(TempMonitoringTest, TheEventFlagIsSharedByEveryInstance) {
 
 TEST_F(TempMonitoringTest, FailedEventSendKeepsTheFlag) {
   store_fan(0, 1);
-  set_readings({reading(0, 70)});
-  auto function = make();
-  ASSERT_TRUE(function->polling());
   set_readings({reading(0, 40)});
-  ipc->clear_sent();
-  // The alarm goes out, the minimum-rate event fails.
-  ipc->fail_next_send();
-  auto result = function->polling();
+  // The master was asked for the maximum rate earlier; this poll's first send (the alarm) goes
+  // out, its second (the minimum-rate event) fails.
+  TempMonitoring::set_event_max_rate_sent(true);
+  auto failing = std::make_shared<FailingNthEventIpc>(2);
+  TempMonitoring function(logger, failing, cfgdb, board, 20000ms, host);
+  auto result = function.polling();
   ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: send failed.");
+  const auto events = failing->events();
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0].group, 9000);
+  EXPECT_EQ(events[0].id, 9005);
+  EXPECT_EQ(events[0].payload, expected_alarm(1, 1, 40, "Sensor PON SFP 1 temperature 40C is back to normal"));
   EXPECT_TRUE(TempMonitoring::event_max_rate_sent());
 }
 
@@ -602,6 +643,15 @@ TEST_F(TempMonitoringTest, GetTempForThreeSensorsIsExactly24RawBytes) {
   EXPECT_EQ(response.result, 1U);
   EXPECT_EQ(response.payload,
             (ipc::Payload{0, 0, 0, 0, 30, 0, 0, 0, 1, 0, 0, 0, 0xEC, 0, 0, 0, 3, 0, 0, 0, 99, 0, 0, 0}));
+}
+
+TEST_F(TempMonitoringTest, GetTempWithNoSensorsAnswersAnEmptyPayload) {
+  set_readings({});
+  auto function = make();
+  ASSERT_TRUE(function->handle_request(temp_request()));
+  const auto response = only_response(kSender, kTag);
+  EXPECT_EQ(response.result, 1U);
+  EXPECT_TRUE(response.payload.empty());
 }
 
 TEST_F(TempMonitoringTest, GetTempIgnoresAnyPayload) {

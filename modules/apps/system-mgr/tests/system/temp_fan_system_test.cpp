@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -59,7 +60,7 @@ class TempFanSystemTest : public SystemMgrTest {
   std::optional<unsigned> state_value(const std::string& key) const {
     const std::string state = xpon::test::read_text_file(rig_.path("/dev/board-state.json"));
     std::smatch match;
-    if (std::regex_search(state, match, std::regex("\"" + key + "\"\\s*:\\s*(\\d+)"))) {
+    if (std::regex_search(state, match, std::regex("\"" + key + R"("\s*:\s*(\d+))"))) {
       return static_cast<unsigned>(std::stoul(match[1].str()));
     }
     return std::nullopt;
@@ -219,6 +220,53 @@ TEST_F(TempFanSystemTest, ADelayedFailingTemperatureReadIsAnsweredWithTheErrorRe
   ASSERT_TRUE(next.has_value()) << next.error().to_string();
   EXPECT_EQ(next.value().result, 1U);
   EXPECT_EQ(next.value().payload.size(), 40U);
+}
+
+TEST_F(TempFanSystemTest, ATemperatureReadDelayedPastTheIpcTimeOutLeavesTheSupplyPollsGoing) {
+  XPON_START_BOARD("board-lt.json", kLtProduct);
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+  // Every function has subscribed and made its first poll.
+  ASSERT_NO_FATAL_FAILURE(settle(1));
+  // What the first cycle sent is left behind: from here on, a temperature alarm can only come
+  // from the restart's delayed read (the next regular one is 20 s away).
+  while (subscriber.next_event(300ms)) {
+  }
+  // Past the IPC time-out of one second.
+  constexpr auto kDelay = 1500ms;
+  ASSERT_NO_FATAL_FAILURE(patch(R"({"faults": {"BOARD_GET_TEMP_INFO": {"delay_ms": 1500, "count": 1}}})"));
+  ASSERT_NO_FATAL_FAILURE(restart(2));
+  const auto start = std::chrono::steady_clock::now();
+
+  // Supply 1's alarm (a poll every second) may wait for the board while the temperature read
+  // hangs, but not beyond it: no gap between two of them longer than the period, the delay and a
+  // margin, and the polls go on after the slow read.
+  std::vector<std::chrono::steady_clock::duration> supply_alarms;
+  std::optional<std::chrono::steady_clock::duration> temperature_alarm;
+  while (!temperature_alarm || supply_alarms.empty() || supply_alarms.back() < *temperature_alarm + 1500ms) {
+    const auto event = subscriber.next_event(kStepTimeout);
+    ASSERT_TRUE(event.has_value()) << supply_alarms.size() << " supply alarms; daemon log:\n" << rig_.daemon_log();
+    if (event->payload.size() != sizeof(Alarm)) {
+      continue;
+    }
+    const auto at = std::chrono::steady_clock::now() - start;
+    const std::uint32_t kind = u32_at(event->payload, 9);
+    if (kind == SYSTEM_MGR_ALARM_POWER_SUPPLY && u32_at(event->payload, 17) == 1) {
+      supply_alarms.push_back(at);
+    } else if (kind == kAlarmTemperature && !temperature_alarm) {
+      temperature_alarm = at;
+    }
+  }
+  // The temperature poll did wait for its read (it starts after READY).
+  EXPECT_GE(*temperature_alarm, kDelay - 500ms) << rig_.daemon_log();
+  std::chrono::steady_clock::duration longest_gap = supply_alarms.front();
+  for (std::size_t i = 1; i < supply_alarms.size(); ++i) {
+    longest_gap = std::max(longest_gap, supply_alarms[i] - supply_alarms[i - 1]);
+  }
+  EXPECT_LT(longest_gap, 1000ms + kDelay + 1000ms)
+      << "longest gap " << std::chrono::duration_cast<std::chrono::milliseconds>(longest_gap).count() << " ms";
+  EXPECT_TRUE(rig_.daemon().running());
 }
 
 TEST_F(TempFanSystemTest, FcMasterRaisesTheFanModuleWhenSlotFiveAsks) {

@@ -13,7 +13,13 @@
 namespace xpon::system_mgr {
 
 FanAlarmConfig::FanAlarmConfig() {
+  clear();
+}
+
+void FanAlarmConfig::clear() noexcept {
   std::memset(&record_, 0, sizeof record_);
+  upper_.store(0);
+  lower_.store(0);
 }
 
 core::Result<void> FanAlarmConfig::update(logger::ILogger& logger, const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb) {

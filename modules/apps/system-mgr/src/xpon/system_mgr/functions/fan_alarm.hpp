@@ -35,6 +35,9 @@ class FanAlarmConfig {
   /// to either limit is an alarm, and lower at or above upper makes every speed an alarm).
   [[nodiscard]] bool inside(std::int32_t rpm) const noexcept;
 
+  /// Back to the never-filled record (limits 0/0), as before the first update.
+  void clear() noexcept;
+
   [[nodiscard]] std::uint16_t upper() const noexcept { return upper_.load(); }
   [[nodiscard]] std::uint16_t lower() const noexcept { return lower_.load(); }
 

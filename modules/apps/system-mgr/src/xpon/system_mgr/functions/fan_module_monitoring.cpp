@@ -98,11 +98,7 @@ Result<void> FanModuleMonitoring::answer_record(const ipc::Request& request, Res
   ipc::Payload payload(sizeof(Record));
   std::memcpy(payload.data(), &read.value(), payload.size());
   // Without reply information this throws, after the board call, on purpose.
-  auto sent = send_answer(request, std::move(payload));
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return answer_request(request, std::move(payload));
 }
 
 Result<void> FanModuleMonitoring::get_state(const ipc::Request& request) {
@@ -127,11 +123,7 @@ Result<void> FanModuleMonitoring::set_speed(const ipc::Request& request) {
     return send_error_response(request);
   }
   // Without reply information this throws, after the speed was set, on purpose.
-  auto sent = send_answer(request, {});
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return answer_request(request, {});
 }
 
 }  // namespace xpon::system_mgr

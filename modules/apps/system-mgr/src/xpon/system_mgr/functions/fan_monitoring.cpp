@@ -89,11 +89,7 @@ Result<void> FanMonitoring::get_fan_states(const ipc::Request& request) {
     std::memcpy(payload.data(), records.data(), payload.size());
   }
   // Without reply information this throws, after the board was read, on purpose.
-  auto sent = send_answer(request, std::move(payload));
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return answer_request(request, std::move(payload));
 }
 
 Result<void> FanMonitoring::set_fan_speed(const ipc::Request& request) {
@@ -108,11 +104,7 @@ Result<void> FanMonitoring::set_fan_speed(const ipc::Request& request) {
     return answer_error(request);
   }
   // Without reply information this throws, after the speed was set, on purpose.
-  auto sent = send_answer(request, {});
-  if (!sent) {
-    return core::propagate(*logger_, std::move(sent));
-  }
-  return core::success();
+  return answer_request(request, {});
 }
 
 }  // namespace xpon::system_mgr

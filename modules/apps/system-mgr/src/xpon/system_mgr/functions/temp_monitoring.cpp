@@ -184,8 +184,8 @@ Result<void> TempMonitoring::master_change(const ServiceCtx& /*ctx*/) {
 }
 
 Result<std::vector<Brd__temp_info>> TempMonitoring::get_temp() {
+  // Value-initialised: every record starts zeroed, also when there is no sensor at all.
   std::vector<Brd__temp_info> temps(sensor_count_);
-  std::memset(temps.data(), 0, temps.size() * sizeof(Brd__temp_info));
   auto read = core::guarded_call(*logger_, [&] { return board_->get_temp_info(temps); });
   if (!read) {
     return core::propagate(*logger_, std::move(read)).as_failure();
@@ -437,7 +437,10 @@ Result<void> TempMonitoring::get_temp_request(const ipc::Request& request) {
   }
   const auto& records = temps.value();
   ipc::Payload payload(records.size() * sizeof(Brd__temp_info));
-  std::memcpy(payload.data(), records.data(), payload.size());
+  // A board without sensors answers an empty payload; memcpy must not see its null pointers.
+  if (!payload.empty()) {
+    std::memcpy(payload.data(), records.data(), payload.size());
+  }
   auto sent = core::guarded_call(*logger_, [&] { return send_answer(request, std::move(payload)); });
   if (!sent) {
     return core::propagate(*logger_, std::move(sent));

@@ -92,6 +92,11 @@ class TempMonitoring : public SysFunction {
   [[nodiscard]] std::unordered_map<std::uint16_t, bool> slot_max_rate();
   [[nodiscard]] std::uint8_t sensor_count() const noexcept { return sensor_count_; }
 
+ protected:
+  /// The sensor limits a poll compares with, guarded by mutex(); a subclass may zero them to
+  /// the record of a section never filled (lower = upper = 0: every sensor an alarm).
+  CfgDb__alarm_system_temperature& thresholds() noexcept { return temp_thresholds_; }
+
  private:
   Result<void> cfg_update();
   Result<void> fan_cfg_update();
