@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <signal.h>
 
-#include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <source_location>
@@ -16,7 +16,7 @@ namespace {
 
 // The thread only decides, pings and now and then formats one log line: a small stack is
 // plenty, and an idle daemon keeps its resident set small.
-constexpr std::size_t kThreadStackSize = 256U * 1024U;
+constexpr std::size_t kThreadStackSize = std::size_t{256} * 1024;
 
 constexpr std::string_view kPing = "WATCHDOG=1";
 
