@@ -16,8 +16,11 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 namespace xpon::system_mgr {
 namespace {
@@ -90,8 +93,44 @@ class RequestOnlyFunction : public SysFunction {
   int unsubscribes = 0;
 };
 
+// A poll held until the test releases it; shared with the poll, which may outlive the test's frame.
+struct HeldPoll {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool in_poll = false;
+  bool release = false;
+};
+
 class SysFunctionTest : public ::testing::Test {
  protected:
+  // Runs the function, holds its second poll, calls stop on another thread while that poll runs
+  // (so that stop's wake-up is lost), then lets the poll end; `stopped` is the pending stop.
+  static void stop_during_the_second_poll(ScriptedFunction& function, std::future<Result<void>>& stopped) {
+    auto held = std::make_shared<HeldPoll>();
+    function.poll = [held](int call) {
+      if (call == 2) {
+        std::unique_lock lock(held->mutex);
+        held->in_poll = true;
+        held->changed.notify_all();
+        held->changed.wait(lock, [&] { return held->release; });
+      }
+      return Result<void>(core::success());
+    };
+    ASSERT_TRUE(function.run());
+    {
+      std::unique_lock lock(held->mutex);
+      ASSERT_TRUE(held->changed.wait_for(lock, 5s, [&] { return held->in_poll; }));
+    }
+    stopped = std::async(std::launch::async, [&function] { return function.stop(); });
+    ASSERT_TRUE(wait_until([&] { return function.unsubscribes.load() == 1; }));
+    std::this_thread::sleep_for(200ms);  // stop's wake-up is issued (and lost) while the poll runs
+    {
+      std::lock_guard lock(held->mutex);
+      held->release = true;
+    }
+    held->changed.notify_all();
+  }
+
   std::shared_ptr<test::RecordingLogger> logger = std::make_shared<test::RecordingLogger>();
   std::shared_ptr<test::RecordingIpc> ipc = std::make_shared<test::RecordingIpc>();
 };
@@ -285,32 +324,8 @@ TEST_F(SysFunctionTest, StopWhileTheThreadWaitsReturnsAtOnce) {
 
 TEST_F(SysFunctionTest, StopDuringAPollDoesNotEndTheThread) {
   ScriptedFunction function(logger, ipc, 200ms);
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool in_second_poll = false;
-  bool release = false;
-  function.poll = [&](int call) {
-    if (call == 2) {
-      std::unique_lock lock(mutex);
-      in_second_poll = true;
-      changed.notify_all();
-      changed.wait(lock, [&] { return release; });
-    }
-    return Result<void>(core::success());
-  };
-  ASSERT_TRUE(function.run());
-  {
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, 5s, [&] { return in_second_poll; }));
-  }
-  auto stopped = std::async(std::launch::async, [&] { return function.stop(); });
-  ASSERT_TRUE(wait_until([&] { return function.unsubscribes.load() == 1; }));
-  std::this_thread::sleep_for(200ms);  // stop's wake-up is issued (and lost) while the poll runs
-  {
-    std::lock_guard lock(mutex);
-    release = true;
-  }
-  changed.notify_all();
+  std::future<Result<void>> stopped;
+  ASSERT_NO_FATAL_FAILURE(stop_during_the_second_poll(function, stopped));
   // The thread goes on: it waits a full period and polls again, while stop stays in the join.
   ASSERT_TRUE(wait_until([&] { return function.polls.load() >= 3; }));
   EXPECT_EQ(stopped.wait_for(0ms), std::future_status::timeout);
@@ -753,6 +768,79 @@ TEST_F(SysFunctionTest, AnswerRequestLogsAndReturnsAFailedSend) {
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::InvalidState);
   EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
+}
+
+}  // namespace
+}  // namespace xpon::system_mgr
+
+namespace xpon::system_mgr {
+namespace {
+
+// Records every wait report, from whichever thread makes it; installed for its own life only.
+class RecordingWaitListener final : public IFunctionWaitListener {
+ public:
+  RecordingWaitListener() { set_function_wait_listener(this); }
+  ~RecordingWaitListener() override { set_function_wait_listener(nullptr); }
+  RecordingWaitListener(const RecordingWaitListener&) = delete;
+  RecordingWaitListener& operator=(const RecordingWaitListener&) = delete;
+  RecordingWaitListener(RecordingWaitListener&&) = delete;
+  RecordingWaitListener& operator=(RecordingWaitListener&&) = delete;
+
+  void function_wait(FunctionWait what, std::string_view function_name) noexcept override {
+    const std::lock_guard lock(mutex_);
+    reports_.emplace_back(what, std::string(function_name));
+  }
+
+  std::vector<std::pair<FunctionWait, std::string>> reports() const {
+    const std::lock_guard lock(mutex_);
+    return reports_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::pair<FunctionWait, std::string>> reports_;
+};
+
+using Reports = std::vector<std::pair<FunctionWait, std::string>>;
+
+TEST_F(SysFunctionTest, RunReportsItsFirstPollAndStopItsWaitForThePollingThread) {
+  RecordingWaitListener listener;
+  ScriptedFunction function(logger, ipc, 10s);
+  ASSERT_TRUE(function.run());
+  EXPECT_EQ(listener.reports(),
+            (Reports{{FunctionWait::FirstPoll, "ScriptedFunction"}, {FunctionWait::Nothing, "ScriptedFunction"}}));
+  ASSERT_TRUE(wait_until([&] { return logger->contains("Start System function: ScriptedFunction", 0); }));
+  std::this_thread::sleep_for(100ms);  // the thread is now in its 10-second wait
+  ASSERT_TRUE(function.stop());
+  EXPECT_EQ(listener.reports(), (Reports{{FunctionWait::FirstPoll, "ScriptedFunction"},
+                                         {FunctionWait::Nothing, "ScriptedFunction"},
+                                         {FunctionWait::PollingThread, "ScriptedFunction"},
+                                         {FunctionWait::Nothing, "ScriptedFunction"}}));
+}
+
+TEST_F(SysFunctionTest, FunctionWithoutPollingThreadReportsNoWaitOnStop) {
+  RecordingWaitListener listener;
+  RequestOnlyFunction function(logger, ipc);
+  ASSERT_TRUE(function.run());
+  ASSERT_TRUE(function.stop());
+  EXPECT_EQ(listener.reports(), (Reports{{FunctionWait::FirstPoll, "RequestOnlyFunction"},
+                                         {FunctionWait::Nothing, "RequestOnlyFunction"}}));
+}
+
+TEST_F(SysFunctionTest, StopStuckInTheJoinHasReportedThePollingThreadAsWhatItWaitsFor) {
+  RecordingWaitListener listener;
+  ScriptedFunction function(logger, ipc, 200ms);
+  std::future<Result<void>> stopped;
+  ASSERT_NO_FATAL_FAILURE(stop_during_the_second_poll(function, stopped));
+  // The wake-up was lost in the poll: the stop stays in the join, and the last report says why.
+  ASSERT_TRUE(wait_until([&] { return function.polls.load() >= 3; }));
+  EXPECT_EQ(stopped.wait_for(0ms), std::future_status::timeout);
+  EXPECT_EQ(listener.reports().back(), std::make_pair(FunctionWait::PollingThread, std::string("ScriptedFunction")));
+  while (stopped.wait_for(5ms) != std::future_status::ready) {
+    function.wake_polling_thread();
+  }
+  EXPECT_TRUE(stopped.get());
+  EXPECT_EQ(listener.reports().back(), std::make_pair(FunctionWait::Nothing, std::string("ScriptedFunction")));
 }
 
 }  // namespace

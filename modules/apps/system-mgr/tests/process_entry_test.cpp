@@ -7,18 +7,23 @@
 
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/wait.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -292,6 +297,72 @@ TEST_F(ProcessEntryTest, StopSignalsDuringStartUpAreIgnoredAndTheCycleGoesOn) {
   EXPECT_EQ(run_daemon(parts_), 0);
   EXPECT_EQ(runs, 2);
   EXPECT_EQ(notifications_, (std::vector<std::string>{kStartup, kReady, kShutdown, kStartup, kReady, kShutdown}));
+}
+
+// Notifications from the cycle's thread and the watchdog's, kept apart: pings and everything else.
+class SharedNotifications {
+ public:
+  void add(const std::string& text) {
+    const std::lock_guard lock(mutex_);
+    if (text == "WATCHDOG=1") {
+      ++pings_;
+    } else {
+      others_.push_back(text);
+    }
+  }
+  std::size_t pings() const {
+    const std::lock_guard lock(mutex_);
+    return pings_;
+  }
+  std::vector<std::string> others() const {
+    const std::lock_guard lock(mutex_);
+    return others_;
+  }
+  // Waits until more than `count` pings have arrived.
+  bool wait_for_pings_above(std::size_t count) const {
+    return test::wait_until([&] { return pings() > count; }, std::chrono::seconds(5), std::chrono::milliseconds(1));
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::size_t pings_ = 0;
+  std::vector<std::string> others_;
+};
+
+TEST_F(ProcessEntryTest, WithAWatchdogTimeOutPingsGoOutAtHalfOfItAcrossCyclesAndEndWithTheProcess) {
+  SharedNotifications shared;
+  parts_.notify = [&shared](const std::string& text) { shared.add(text); };
+  parts_.watchdog_timeout = [] { return std::chrono::microseconds(20000); };
+  int runs = 0;
+  bool pinged_in_each_run = true;
+  on_run_ = [&] {
+    // Each cycle's run waits for a ping from the watchdog's own thread, then the signal ends it.
+    pinged_in_each_run = pinged_in_each_run && shared.wait_for_pings_above(shared.pings());
+    (void)std::raise(++runs == 1 ? SIGHUP : SIGTERM);
+    return core::success();
+  };
+  EXPECT_EQ(run_daemon(parts_), 0);
+  EXPECT_EQ(runs, 2);
+  EXPECT_TRUE(pinged_in_each_run);
+  EXPECT_EQ(shared.others(), (std::vector<std::string>{kStartup, kReady, kShutdown, kStartup, kReady, kShutdown}));
+  // The thread ended with run_daemon: no ping comes after it.
+  const std::size_t pings = shared.pings();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(shared.pings(), pings);
+}
+
+TEST_F(ProcessEntryTest, AZeroWatchdogTimeOutSendsNoPing) {
+  SharedNotifications shared;
+  parts_.notify = [&shared](const std::string& text) { shared.add(text); };
+  parts_.watchdog_timeout = [] { return std::chrono::microseconds::zero(); };
+  on_run_ = [] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    (void)std::raise(SIGTERM);
+    return core::success();
+  };
+  EXPECT_EQ(run_daemon(parts_), 0);
+  EXPECT_EQ(shared.pings(), 0U);
+  EXPECT_EQ(shared.others(), (std::vector<std::string>{kStartup, kReady, kShutdown}));
 }
 
 }  // namespace

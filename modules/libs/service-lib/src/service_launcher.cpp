@@ -198,6 +198,12 @@ Result<void> ServiceLauncher::stop_service() {
   return core::propagate(*logger_, std::move(stopped));
 }
 
+void ServiceLauncher::enter(Phase phase) const {
+  if (phase_listener_) {
+    phase_listener_(phase);
+  }
+}
+
 Result<void> ServiceLauncher::run() {
   if (started_.exchange(true)) {
     return core::propagate(*logger_,
@@ -208,18 +214,21 @@ Result<void> ServiceLauncher::run() {
     return core::success();
   }
 
+  enter(Phase::Starting);
   if (auto subscribed = subscribe_events(); !subscribed) {
     return core::propagate(*logger_, std::move(subscribed));
   }
 
   auto ran = core::guarded_call(*logger_, [this] { return service_->run(ctx_); });
   if (!ran) {
+    enter(Phase::Stopping);
     // Whatever part of the service did start must not outlive the launcher.
     unsubscribe_events();
     (void)stop_service();
     return core::propagate(*logger_, std::move(ran));
   }
 
+  enter(Phase::Running);
   Result<void> outcome = core::success();
   using Clock = std::chrono::steady_clock;
   auto next_health_check = Clock::now() + health_check_interval_;
@@ -251,6 +260,7 @@ Result<void> ServiceLauncher::run() {
     }
   }
 
+  enter(Phase::Stopping);
   unsubscribe_events();
   auto stopped = stop_service();
   if (!outcome) {

@@ -444,5 +444,50 @@ TEST_F(ServiceLauncherTest, FailedHealthCheckEndsRunWithItsErrorAfterStoppingThe
   EXPECT_TRUE(ipc->event_subscriptions().empty());
 }
 
+// A phase as the listener heard it, with the number of service calls made before it.
+struct HeardPhase {
+  ServiceLauncher::Phase phase;
+  std::size_t calls_before;
+  bool operator==(const HeardPhase&) const = default;
+};
+
+TEST_F(ServiceLauncherTest, PhaseListenerHearsEachPhaseBetweenTheServiceCalls) {
+  make_launcher();
+  std::mutex heard_mutex;
+  std::vector<HeardPhase> heard;
+  launcher->set_phase_listener([&](ServiceLauncher::Phase phase) {
+    const std::lock_guard lock(heard_mutex);
+    heard.push_back({phase, service->calls().size()});
+  });
+  start();
+  EXPECT_TRUE(stop_and_wait());
+  const std::lock_guard lock(heard_mutex);
+  EXPECT_EQ(heard, (std::vector<HeardPhase>{{ServiceLauncher::Phase::Starting, 0},
+                                            {ServiceLauncher::Phase::Running, 1},
+                                            {ServiceLauncher::Phase::Stopping, 1}}));
+  EXPECT_EQ(service->calls(), (std::vector<std::string>{"run", "stop"}));
+}
+
+TEST_F(ServiceLauncherTest, FailedServiceRunGoesFromStartingStraightToStopping) {
+  make_launcher();
+  service->run_error = Error::CommonError;
+  std::vector<HeardPhase> heard;
+  launcher->set_phase_listener([&](ServiceLauncher::Phase phase) {
+    heard.push_back({phase, service->calls().size()});
+  });
+  EXPECT_TRUE(launcher->run().has_error());
+  EXPECT_EQ(heard,
+            (std::vector<HeardPhase>{{ServiceLauncher::Phase::Starting, 0}, {ServiceLauncher::Phase::Stopping, 1}}));
+}
+
+TEST_F(ServiceLauncherTest, StopBeforeRunTellsThePhaseListenerNothing) {
+  make_launcher();
+  std::vector<ServiceLauncher::Phase> heard;
+  launcher->set_phase_listener([&](ServiceLauncher::Phase phase) { heard.push_back(phase); });
+  EXPECT_TRUE(launcher->stop());
+  EXPECT_TRUE(launcher->run());
+  EXPECT_TRUE(heard.empty());
+}
+
 }  // namespace
 }  // namespace xpon::service

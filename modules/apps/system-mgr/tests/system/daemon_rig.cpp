@@ -65,6 +65,21 @@ std::string quoted(const std::string& text) {
   return out + "\"";
 }
 
+std::vector<std::string> daemon_command() {
+  // XPON_DAEMON_WRAPPER runs the daemon under another program, for example
+  // "/usr/bin/valgrind --leak-check=full --log-file=/var/tmp/vg-%p.log": words separated by
+  // spaces, no quoting, the program by its full path.
+  std::vector<std::string> command;
+  if (const char* wrapper = std::getenv("XPON_DAEMON_WRAPPER"); wrapper != nullptr) {
+    std::istringstream words(wrapper);
+    for (std::string word; words >> word;) {
+      command.push_back(word);
+    }
+  }
+  command.emplace_back(XPON_SYSTEM_MGR_PROGRAM);
+  return command;
+}
+
 }  // namespace
 
 DaemonRig::DaemonRig() : listener_(std::make_unique<xpon::test::NotifyListener>(sandbox_.path("/notify.sock"))) {}
@@ -167,20 +182,15 @@ void DaemonRig::install_example_log_config() const {
   write_log_config(read_text_file(std::string(XPON_EXAMPLES_DIR) + "/logging/stderr.conf"));
 }
 
-void DaemonRig::start_daemon() {
-  // XPON_DAEMON_WRAPPER runs the daemon under another program, for example
-  // "/usr/bin/valgrind --leak-check=full --log-file=/var/tmp/vg-%p.log": words separated by
-  // spaces, no quoting, the program by its full path.
-  std::vector<std::string> command;
-  if (const char* wrapper = std::getenv("XPON_DAEMON_WRAPPER"); wrapper != nullptr) {
-    std::istringstream words(wrapper);
-    for (std::string word; words >> word;) {
-      command.push_back(word);
-    }
-  }
-  command.emplace_back(XPON_SYSTEM_MGR_PROGRAM);
-  daemon_.emplace(command, std::vector<std::string>{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()},
-                  path("/daemon.out"), path("/daemon.log"));
+void DaemonRig::start_daemon(const std::vector<std::string>& environment) {
+  std::vector<std::string> changes{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()};
+  changes.insert(changes.end(), environment.begin(), environment.end());
+  daemon_.emplace(daemon_command(), changes, path("/daemon.out"), path("/daemon.log"));
+}
+
+xpon::test::SupervisedProgram DaemonRig::daemon_program() const {
+  return xpon::test::SupervisedProgram{
+      daemon_command(), {sandbox_.environment_entry()}, path("/daemon.out"), path("/daemon.log")};
 }
 
 bool DaemonRig::wait_for_notification(const std::string& text, std::size_t occurrence,
@@ -201,15 +211,15 @@ bool DaemonRig::wait_for_notification(const std::string& text, std::size_t occur
   }
 }
 
-bool DaemonRig::wait_until_settled(std::size_t cycle, std::chrono::milliseconds timeout) {
-  const pid_t pid = daemon().pid();
+bool DaemonRig::wait_until_settled(pid_t pid, const std::string& log_path, std::size_t functions_started,
+                                   std::chrono::milliseconds timeout) {
   if (pid <= 0) {
     return false;
   }
   int quiet_samples = 0;
   return wait_until(
       [&] {
-        if (count_of(daemon_log(), "Start System function: ") < cycle) {
+        if (count_of(read_text_file(log_path), "Start System function: ") < functions_started) {
           return false;
         }
         // Two samples in a row: a thread between two system calls is caught by one of them.
@@ -217,6 +227,10 @@ bool DaemonRig::wait_until_settled(std::size_t cycle, std::chrono::milliseconds 
         return quiet_samples >= 2;
       },
       timeout, 5ms);
+}
+
+bool DaemonRig::wait_until_settled(std::size_t cycle, std::chrono::milliseconds timeout) {
+  return wait_until_settled(daemon().pid(), path("/daemon.log"), cycle, timeout);
 }
 
 std::string DaemonRig::daemon_log() const {

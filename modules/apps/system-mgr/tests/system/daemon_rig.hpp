@@ -8,6 +8,7 @@
 #include "xpon/test/notify_listener.hpp"
 #include "xpon/test/process.hpp"
 #include "xpon/test/sandbox.hpp"
+#include "xpon/test/watchdog_supervisor.hpp"
 
 #include <chrono>
 #include <memory>
@@ -64,8 +65,14 @@ class DaemonRig {
   /// Copies the repository's example logging configuration (examples/logging/stderr.conf).
   void install_example_log_config() const;
 
-  /// Starts system-mgr with NOTIFY_SOCKET set to the listener; its stderr goes to daemon_log().
-  void start_daemon();
+  /// Starts system-mgr with NOTIFY_SOCKET set to the listener and the environment changed by
+  /// `environment` as Process takes it; its stderr goes to daemon_log().
+  void start_daemon(const std::vector<std::string>& environment = {});
+
+  /// The daemon as start_daemon() starts it, for a supervisor that starts it itself: the command
+  /// (XPON_DAEMON_WRAPPER included), the XPON_ROOT entry, and output and errors under the root
+  /// ("/daemon.out.<n>", "/daemon.log.<n>"). NOTIFY_SOCKET is the supervisor's to add.
+  [[nodiscard]] xpon::test::SupervisedProgram daemon_program() const;
 
   /// The running (or ended) daemon; throws std::bad_optional_access before start_daemon().
   [[nodiscard]] xpon::test::Process& daemon() { return daemon_.value(); }
@@ -75,6 +82,11 @@ class DaemonRig {
 
   /// Waits until the `occurrence`-th (1-based) message equal to `text` has arrived.
   bool wait_for_notification(const std::string& text, std::size_t occurrence, std::chrono::milliseconds timeout);
+
+  /// Waits until the daemon with this process id, whose standard error is in `log_path`, has
+  /// settled with `functions_started` polling threads started, as wait_until_settled says.
+  static bool wait_until_settled(pid_t pid, const std::string& log_path, std::size_t functions_started,
+                                 std::chrono::milliseconds timeout);
 
   /// Waits until the daemon's `cycle`-th start (1-based) has settled: its polling threads were
   /// started (the log says "Start System function" that many times) and every thread of the

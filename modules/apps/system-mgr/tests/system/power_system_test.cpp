@@ -70,12 +70,7 @@ class PowerSystemTest : public SystemMgrTest {
   // words of its answer; `answer` is the payload. READY comes before the functions subscribe
   // their requests, so the caller waits for the daemon to settle first.
   void ask(std::uint16_t id, std::uint32_t result, ipc::Payload& answer) {
-    const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
-    auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), "power-client");
-    ipc::Request request;
-    request.group = IPC_SYSTEM_MGR;
-    request.id = id;
-    const auto response = client->request(kDaemonAddress, request, kStepTimeout);
+    const auto response = ask_daemon(rig_, id, "power-client");
     ASSERT_TRUE(response.has_value()) << response.error().to_string() << "\n" << rig_.daemon_log();
     EXPECT_EQ(response.value().result, result);
     EXPECT_EQ(response.value().address, 0x0000FFFEU);

@@ -401,13 +401,7 @@ TEST_F(SystemMgrTest, RamDataAnswerIsTwoPlausibleFloats) {
   // READY comes before the functions subscribe their requests: wait until they have.
   ASSERT_NO_FATAL_FAILURE(settle(1));
 
-  // A client endpoint in the daemon's sandbox, as any other daemon of the board would have.
-  const xpon::test::ScopedEnv root("XPON_ROOT", rig_.root());
-  auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), "ram-client");
-  ipc::Request request;
-  request.group = IPC_SYSTEM_MGR;
-  request.id = IPC_SYSTEM_MGR__GET_RAM_DATA;
-  const auto answer = client->request(kDaemonAddress, request, kStepTimeout);
+  const auto answer = ask_daemon(rig_, IPC_SYSTEM_MGR__GET_RAM_DATA, "ram-client");
   ASSERT_TRUE(answer.has_value()) << answer.error().to_string() << "\n" << rig_.daemon_log();
   EXPECT_EQ(answer.value().result, 1U);
   EXPECT_EQ(answer.value().address, 0x0000FFFEU);

@@ -4,8 +4,10 @@
 // little-endian reads of what the daemon sends.
 
 #include "daemon_rig.hpp"
+#include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/test/ci_skip.hpp"
+#include "xpon/test/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -60,6 +62,17 @@ inline std::uint16_t u16_at(const std::vector<std::uint8_t>& bytes, std::size_t 
 inline std::string topic(std::uint16_t group, std::uint16_t id) {
   return {static_cast<char>(group >> 8U), static_cast<char>(group & 0xFFU), static_cast<char>(id >> 8U),
           static_cast<char>(id & 0xFFU)};
+}
+
+/// Sends one request with an empty payload to the daemon from a client endpoint of its own in
+/// the rig's sandbox, as any other daemon of the board would, and returns the answer.
+inline core::Result<ipc::Response> ask_daemon(const DaemonRig& rig, std::uint16_t id, std::string_view client_name) {
+  const xpon::test::ScopedEnv root("XPON_ROOT", rig.root());
+  auto client = ipc::make_zmq_endpoint(ipc::make_address(0x0042), client_name);
+  ipc::Request request;
+  request.group = IPC_SYSTEM_MGR;
+  request.id = id;
+  return client->request(kDaemonAddress, request, kStepTimeout);
 }
 
 /// One event as it leaves the bus: topic, 24-byte header, payload.

@@ -8,15 +8,20 @@
 #include "xpon/core/host_path.hpp"
 #include "xpon/service/service_launcher.hpp"
 #include "xpon/system_mgr/services/create_service.hpp"
+#include "xpon/system_mgr/watchdog.hpp"
 
 #include <fmt/format.h>
 #include <malloc.h>
 #include <systemd/sd-daemon.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <type_traits>
@@ -115,9 +120,25 @@ extern "C" void on_restart_signal(int /*signal*/) {
 
 enum class CycleEnd { Restart, Exit, Failure };
 
+DaemonPhase phase_of(ServiceLauncher::Phase phase) noexcept {
+  switch (phase) {
+    case ServiceLauncher::Phase::Starting:
+      return DaemonPhase::Starting;
+    case ServiceLauncher::Phase::Running:
+      return DaemonPhase::Running;
+    case ServiceLauncher::Phase::Stopping:
+      break;
+  }
+  return DaemonPhase::Stopping;
+}
+
 // One start-up, run and shutdown. Objects are locals declared in creation order, so every
-// return releases what was built in reverse order of creation.
-CycleEnd run_cycle(const CycleParts& parts) {
+// return releases what was built in reverse order of creation. The watchdog (null: none) hears
+// the phases; it stays in Stopping from the launcher's stop to the next cycle's start.
+CycleEnd run_cycle(const CycleParts& parts, Watchdog* watchdog) {
+  if (watchdog != nullptr) {
+    watchdog->enter(DaemonPhase::Starting);
+  }
   parts.notify("STATUS=Startup system manager...");
 
   auto created_context = parts.make_logging_context();
@@ -132,6 +153,7 @@ CycleEnd run_cycle(const CycleParts& parts) {
   if (!logger) {
     return CycleEnd::Failure;
   }
+  const WatchdogLoggerAttachment watchdog_logger(watchdog, *logger);
   auto ipc = create_guarded(parts, kIpcRow, [&] { return parts.make_ipc(*logger); });
   if (!ipc) {
     return CycleEnd::Failure;
@@ -167,6 +189,9 @@ CycleEnd run_cycle(const CycleParts& parts) {
     return CycleEnd::Failure;
   }
 
+  if (watchdog != nullptr) {
+    (*launcher)->set_phase_listener([watchdog](ServiceLauncher::Phase phase) { watchdog->enter(phase_of(phase)); });
+  }
   stop_slot.store(launcher->get());
   restart_slot.store(launcher->get());
 
@@ -185,6 +210,27 @@ CycleEnd run_cycle(const CycleParts& parts) {
     return CycleEnd::Failure;
   }
   return keep_running.load() ? CycleEnd::Restart : CycleEnd::Exit;
+}
+
+int run_cycles(const CycleParts& parts, Watchdog* watchdog) {
+  (void)std::signal(SIGTERM, on_stop_signal);
+  (void)std::signal(SIGINT, on_stop_signal);
+  (void)std::signal(SIGHUP, on_restart_signal);
+  keep_running.store(true);
+
+  while (true) {
+    switch (run_cycle(parts, watchdog)) {
+      case CycleEnd::Restart:
+        // The old object graph is gone: hand the heap pages it freed back to the system, so that
+        // restarts do not add up in the resident set.
+        (void)::malloc_trim(0);
+        continue;
+      case CycleEnd::Exit:
+        return 0;
+      case CycleEnd::Failure:
+        return 1;
+    }
+  }
 }
 
 }  // namespace
@@ -214,28 +260,41 @@ CycleParts daemon_cycle_parts() {
   };
   parts.make_service = create_service;
   parts.notify = [](const std::string& text) { (void)::sd_notify(0, text.c_str()); };
+  parts.watchdog_timeout = [] {
+    std::uint64_t usec = 0;
+    // Positive only when WATCHDOG_USEC is set and WATCHDOG_PID, if set, names this process.
+    return ::sd_watchdog_enabled(0, &usec) > 0 ? std::chrono::microseconds(usec) : std::chrono::microseconds::zero();
+  };
   return parts;
 }
 
 int run_daemon(const CycleParts& parts) {
-  (void)std::signal(SIGTERM, on_stop_signal);
-  (void)std::signal(SIGINT, on_stop_signal);
-  (void)std::signal(SIGHUP, on_restart_signal);
-  keep_running.store(true);
-
-  while (true) {
-    switch (run_cycle(parts)) {
-      case CycleEnd::Restart:
-        // The old object graph is gone: hand the heap pages it freed back to the system, so that
-        // restarts do not add up in the resident set.
-        (void)::malloc_trim(0);
-        continue;
-      case CycleEnd::Exit:
-        return 0;
-      case CycleEnd::Failure:
-        return 1;
+  std::unique_ptr<Watchdog> watchdog;
+  const std::chrono::microseconds watchdog_timeout =
+      parts.watchdog_timeout ? parts.watchdog_timeout() : std::chrono::microseconds::zero();
+  if (watchdog_timeout > std::chrono::microseconds::zero()) {
+    // systemd's advice: ping at half its time-out, so that one late ping is not yet a failure.
+    const auto ping_interval = std::max(std::chrono::milliseconds(1),
+                                        std::chrono::duration_cast<std::chrono::milliseconds>(watchdog_timeout / 2));
+    watchdog = std::make_unique<Watchdog>(ping_interval, kWatchdogStepBound,
+                                          WatchdogIo{[] { return WatchdogClock::now(); }, parts.notify});
+    try {
+      watchdog->start();
+    } catch (const std::exception& exception) {
+      std::fprintf(stderr, "system-mgr: %s\n", exception.what());
+      parts.notify("STATUS=Unable to start the watchdog thread.");
+      return 1;
     }
+    set_function_wait_listener(watchdog.get());
   }
+
+  const int status = run_cycles(parts, watchdog.get());
+  if (watchdog) {
+    // The functions are gone with their cycles; none reports to the watchdog any more.
+    set_function_wait_listener(nullptr);
+    watchdog->stop();
+  }
+  return status;
 }
 
 }  // namespace xpon::system_mgr

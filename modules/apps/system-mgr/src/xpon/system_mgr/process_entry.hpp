@@ -14,6 +14,7 @@
 #include "xpon/service/service.hpp"
 #include "xpon/system_mgr/factory.hpp"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -38,17 +39,22 @@ struct CycleParts {
   std::function<core::Result<std::unique_ptr<service::IService>>(const LoggerPtr&, const IpcPtr&, const CfgDbPtr&,
                                                                  const FactoryPtr&, const BoardPtr&)>
       make_service;
-  /// Sends one notification text to systemd.
+  /// Sends one notification text to systemd (from the watchdog's thread too).
   std::function<void(const std::string&)> notify;
+  /// The watchdog time-out systemd expects pings within, or zero when it expects none; left
+  /// empty, the daemon runs without its watchdog.
+  std::function<std::chrono::microseconds()> watchdog_timeout;
 };
 
 /// The parts of the daemon: the logging configuration, endpoint, factory data, configuration
-/// database and board device at their fixed paths, and sd_notify.
+/// database and board device at their fixed paths, sd_notify, and sd_watchdog_enabled (which
+/// reads WATCHDOG_USEC and WATCHDOG_PID).
 CycleParts daemon_cycle_parts();
 
 /// Installs the SIGTERM, SIGINT and SIGHUP handlers and runs cycles until one ends the process;
 /// returns the exit status: 0 after SIGTERM or SIGINT, 1 after a failed start-up or a run that
-/// ended with an error.
+/// ended with an error. With a watchdog time-out, a watchdog thread pings systemd at half of it
+/// across the cycles while the daemon makes progress (see watchdog.hpp).
 int run_daemon(const CycleParts& parts);
 
 }  // namespace xpon::system_mgr

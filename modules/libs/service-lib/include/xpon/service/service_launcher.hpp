@@ -8,8 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace xpon::service {
@@ -41,6 +43,15 @@ class ServiceLauncher {
   ServiceLauncher(ServiceLauncher&&) = delete;
   ServiceLauncher& operator=(ServiceLauncher&&) = delete;
 
+  /// Where run() stands: starting the service, delivering changes, or stopping the service.
+  enum class Phase { Starting, Running, Stopping };
+
+  /// Hears, on run()'s thread, each phase as run() enters it; must neither block nor throw.
+  using PhaseListener = std::function<void(Phase)>;
+
+  /// Sets the phase listener (empty, the default: none); call it before run().
+  void set_phase_listener(PhaseListener listener) { phase_listener_ = std::move(listener); }
+
   /// Subscribes the change events, runs the service and delivers changes until stop();
   /// then unsubscribes and stops the service. Returns the first error among: subscribing,
   /// the service's run, a failed health check, the service's stop. A stop() that came
@@ -58,6 +69,7 @@ class ServiceLauncher {
   void unsubscribe_events();
   void deliver_pending();
   Result<void> stop_service();
+  void enter(Phase phase) const;
 
   std::unique_ptr<IService> service_;
   std::shared_ptr<logger::ILogger> logger_;
@@ -70,6 +82,7 @@ class ServiceLauncher {
   std::atomic<bool> stop_requested_{false};
   std::atomic<bool> started_{false};
   ServiceCtx ctx_;
+  PhaseListener phase_listener_;
 };
 
 }  // namespace xpon::service

@@ -49,7 +49,19 @@ bool before(const timespec& a, const timespec& b) noexcept {
   return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
 }
 
+std::atomic<IFunctionWaitListener*> function_wait_listener{nullptr};
+
+void report_wait(FunctionWait what, std::string_view function_name) noexcept {
+  if (IFunctionWaitListener* listener = function_wait_listener.load(); listener != nullptr) {
+    listener->function_wait(what, function_name);
+  }
+}
+
 }  // namespace
+
+void set_function_wait_listener(IFunctionWaitListener* listener) noexcept {
+  function_wait_listener.store(listener);
+}
 
 std::uint32_t truncate_to_u32(double value) noexcept {
   // Also false for not-a-number, which therefore gives 0.
@@ -121,10 +133,12 @@ Result<void> SysFunction::run() {
   // The first poll runs here, on the caller's thread. Its error does not stop the start:
   // the thread polls again one period later. It holds the polling mutex like every later poll,
   // so that request and event paths that take it (subscribed just before) never overlap it.
+  report_wait(FunctionWait::FirstPoll, name_);
   const auto first_poll = core::guarded_call(log(), [this] {
     const std::lock_guard lock(mutex_);
     return polling();
   });
+  report_wait(FunctionWait::Nothing, name_);
   if (first_poll.has_error() && first_poll.error().error == Error::NotImplemented) {
     log().progress("Polling not required for System function: {}", name_);
     return core::success();
@@ -175,11 +189,13 @@ void SysFunction::thread_fn() {
 Result<void> SysFunction::stop() {
   auto unsubscribed = core::guarded_call(log(), [this] { return ipc_unsubscribe(); });
   if (running_.load()) {
+    report_wait(FunctionWait::PollingThread, name_);
     // Deliberately notified without the mutex and without a stop flag: a wake-up that comes
     // while the thread polls is lost, and the join then waits for the thread's next wait.
     cv_.notify_one();
     thread_.join();
     running_.store(false);
+    report_wait(FunctionWait::Nothing, name_);
   }
   if (!unsubscribed) {
     return core::propagate(log(), std::move(unsubscribed));

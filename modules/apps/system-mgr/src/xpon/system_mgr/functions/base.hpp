@@ -45,6 +45,33 @@ inline constexpr std::uint16_t kAlarmEventId = IPC_EVENT_ALARM_ID;
 /// anything from 2^32 on (+infinity included) gives the maximum.
 std::uint32_t truncate_to_u32(double value) noexcept;
 
+/// What a function's run or stop waits for, as reported to the function wait listener.
+enum class FunctionWait {
+  Nothing,        ///< the wait reported before has ended
+  FirstPoll,      ///< run is making the first poll on the caller's thread
+  PollingThread,  ///< stop is waiting for the polling thread to end
+};
+
+/// Hears, on the thread that runs or stops a function, when its run begins and ends the first
+/// poll and when its stop begins and ends waiting for the polling thread, so that a start-up or
+/// stop that blocks can name what it waits for. Reports change nothing in the functions.
+class IFunctionWaitListener {
+ public:
+  virtual ~IFunctionWaitListener() = default;
+
+  /// Takes one report; must neither block for long nor throw. function_name is static text.
+  virtual void function_wait(FunctionWait what, std::string_view function_name) noexcept = 0;
+
+ protected:
+  IFunctionWaitListener() = default;
+  IFunctionWaitListener(const IFunctionWaitListener&) = default;
+  IFunctionWaitListener& operator=(const IFunctionWaitListener&) = default;
+};
+
+/// Sets the listener every function of the process reports to (nullptr, the default: none). The
+/// listener must stay alive until it has been replaced and no run or stop is under way.
+void set_function_wait_listener(IFunctionWaitListener* listener) noexcept;
+
 /// One monitoring or control activity of the daemon, as its service drives it.
 class ISysFunction {
  public:
