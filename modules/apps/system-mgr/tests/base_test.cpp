@@ -4,6 +4,7 @@
 #include "xpon/test/recording_logger.hpp"
 #include "xpon/test/wait.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -307,6 +309,57 @@ TEST_F(SysFunctionTest, PeriodIsMeasuredFromTheStartOfEachWait) {
   for (std::size_t i = 1; i < 3; ++i) {
     EXPECT_GE(times[i] - times[i - 1], 100ms) << i;
   }
+}
+
+TEST(PollLatenessTest, AReportOpensWhenAPollStartsMoreThanOnePeriodLateAndOnlyOnceUntilItCatchesUp) {
+  using Clock = PollLateness::Clock;
+  struct Step {
+    std::chrono::milliseconds since_previous_start;
+    std::optional<std::chrono::milliseconds> reported;
+  };
+  // Period 1 s: the schedule of a poll is the previous start plus one second.
+  const std::vector<Step> steps{
+      {1000ms, std::nullopt},  // on time
+      {2000ms, std::nullopt},  // one period late: not yet behind
+      {2001ms, 1001ms},        // more than a period late: reported
+      {3500ms, std::nullopt},  // still behind: the episode was reported
+      {1200ms, std::nullopt},  // back within a period of its schedule: the episode ends
+      {2600ms, 1600ms},        // a new episode
+  };
+  PollLateness lateness(1000ms);
+  Clock::time_point start{1h};
+  EXPECT_EQ(lateness.poll_started(start), std::nullopt) << "the first poll has no schedule";
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    start += steps[i].since_previous_start;
+    EXPECT_EQ(lateness.poll_started(start), steps[i].reported) << "step " << i;
+  }
+}
+
+TEST_F(SysFunctionTest, PollsFallingBehindAreLoggedOnceAtWarningLevelAndTheScheduleIsKept) {
+  ScriptedFunction function(logger, ipc, 50ms);
+  // Polls 2, 3 and 4 stall for three periods: 3, 4 and 5 start late, 6 on time.
+  function.poll = [](int call) {
+    if (call >= 2 && call <= 4) {
+      std::this_thread::sleep_for(150ms);
+    }
+    return Result<void>(core::success());
+  };
+  ASSERT_TRUE(function.run());
+  ASSERT_TRUE(wait_until([&] { return function.polls.load() >= 7; }));
+  auto stopped = std::async(std::launch::async, [&] { return function.stop(); });
+  while (stopped.wait_for(5ms) != std::future_status::ready) {
+    function.wake_polling_thread();
+  }
+  EXPECT_TRUE(stopped.get());
+  std::vector<xpon::test::LogLine> warnings;
+  for (const auto& line : logger->lines()) {
+    if (line.level == 3) {
+      warnings.push_back(line);
+    }
+  }
+  ASSERT_EQ(warnings.size(), 1U);
+  EXPECT_THAT(warnings[0].text, ::testing::MatchesRegex("System function ScriptedFunction fell behind its polling: "
+                                                        "a poll started [0-9]+ ms late \\(period 50 ms\\)"));
 }
 
 TEST_F(SysFunctionTest, StopWhileTheThreadWaitsReturnsAtOnce) {

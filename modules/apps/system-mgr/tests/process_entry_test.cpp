@@ -42,6 +42,7 @@ class LtFactory final : public IFactory {
 class QuietPosixWrapper final : public board::IPosixWrapper {
  public:
   int ioctl(unsigned long /*request*/, void* /*argument*/) override { return 0; }
+  int reopen() override { return 0; }
 };
 
 // A service whose run does what the test says; every other operation succeeds.

@@ -88,8 +88,15 @@ std::string board_command_name(unsigned long request) {
   return fmt::format("0x{:08X}", request);
 }
 
+bool device_lost(int error_number) noexcept {
+  return error_number == ENODEV || error_number == ENXIO || error_number == ENOTCONN || error_number == EBADF;
+}
+
 Board::Board(const std::shared_ptr<logger::ILogger>& logger, std::unique_ptr<IPosixWrapper> posix)
-    : logger_(logger), posix_(std::move(posix)) {
+    : Board(logger, std::move(posix), BoardOptions{}) {}
+
+Board::Board(const std::shared_ptr<logger::ILogger>& logger, std::unique_ptr<IPosixWrapper> posix, BoardOptions options)
+    : logger_(logger), posix_(std::move(posix)), options_(std::move(options)) {
   if (!logger_ || !posix_) {
     throw std::runtime_error("Board needs a logger and a POSIX wrapper");
   }
@@ -109,6 +116,7 @@ Board::Board(const std::shared_ptr<logger::ILogger>& logger, std::unique_ptr<IPo
     }
     this->*item.member = value.value();
   }
+  inventory_read_ = true;
   logger_->progress("Board create successfully");
 }
 
@@ -127,9 +135,15 @@ core::Result<void> Board::issue(unsigned long request, void* argument, std::size
   }
   std::lock_guard lock(mutex_);
   errno = 0;
-  const int returned = posix_->ioctl(request, argument);
+  int returned = posix_->ioctl(request, argument);
+  int error_number = errno;
+  if (returned < 0 && inventory_read_ && device_lost(error_number) && recover(error_number)) {
+    // The failed call never reached a driver, so issuing it again does not repeat a command.
+    errno = 0;
+    returned = posix_->ioctl(request, argument);
+    error_number = errno;
+  }
   if (returned < 0) {
-    const int error_number = errno;
     errno = 0;
     return core::ErrorPayload(core::Error::ErrorCApi,
                               fmt::format("{}: ioctl returned {}, errno={} ({})", board_command_name(request), returned,
@@ -137,6 +151,25 @@ core::Result<void> Board::issue(unsigned long request, void* argument, std::size
                               where);
   }
   return core::success();
+}
+
+bool Board::recover(int error_number) {
+  if (!device_lost_) {
+    device_lost_ = true;
+    logger_->error(kBoardDeviceLostText, errno_text(error_number));
+  }
+  const auto now = options_.now();
+  if (last_reopen_ && now - *last_reopen_ < options_.reopen_interval) {
+    return false;
+  }
+  last_reopen_ = now;
+  errno = 0;
+  if (posix_->reopen() != 0) {
+    return false;
+  }
+  device_lost_ = false;
+  logger_->logf(logger::kInfo, kBoardDeviceBackText);
+  return true;
 }
 
 template <typename T>

@@ -14,13 +14,22 @@
 
 namespace xpon::board {
 
+namespace {
+
+// Close-on-exec: a program the daemon starts has no business holding the board device.
+int open_device() {
+  const std::string path = core::host_path(BOARD_DEVICE_PATH);
+  return ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+}
+
+}  // namespace
+
 PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : logger_(logger) {
   if (!logger_) {
     throw std::runtime_error("PosixWrapper needs a logger");
   }
   // Texts keep the logical path; only the file actually opened moves under a sandbox root.
-  const std::string path = core::host_path(BOARD_DEVICE_PATH);
-  fd_ = ::open(path.c_str(), O_RDWR);
+  fd_ = open_device();
   if (fd_ < 0) {
     const int error_number = errno;
     // The trailing blank is part of the system's text; the process entry reports it, so nothing is logged here.
@@ -30,6 +39,11 @@ PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : log
 }
 
 PosixWrapper::~PosixWrapper() {
+  if (fd_ < 0) {
+    // A reopen failed before shutdown: there is nothing left to close.
+    logger_->progress("PosixWrapper destroy successfully");
+    return;
+  }
   if (::close(fd_) < 0) {
     const int error_number = errno;
     logger_->error("PosixWrapper destroy error ({})", errno_text(error_number));
@@ -40,6 +54,15 @@ PosixWrapper::~PosixWrapper() {
 
 int PosixWrapper::ioctl(unsigned long request, void* argument) {
   return ::ioctl(fd_, request, argument);
+}
+
+int PosixWrapper::reopen() {
+  // The old descriptor is closed first: a driver being reloaded cannot go while it is held open.
+  if (fd_ >= 0) {
+    (void)::close(fd_);
+  }
+  fd_ = open_device();
+  return fd_ < 0 ? -1 : 0;
 }
 
 }  // namespace xpon::board

@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace xpon::board {
 namespace {
@@ -40,6 +41,14 @@ class PosixWrapperTest : public ::testing::Test {
       return error.what();
     }
     return "(no exception)";
+  }
+
+  // The errno of a one-byte read (BOARD_GET_CPLD_VERSION) that must fail with -1.
+  static int refused_read_errno(PosixWrapper& wrapper) {
+    unsigned char value = 0;
+    errno = 0;
+    EXPECT_EQ(wrapper.ioctl(0x80014C21UL, &value), -1);
+    return errno;
   }
 
   std::shared_ptr<xpon::test::RecordingLogger> logger_ = std::make_shared<xpon::test::RecordingLogger>();
@@ -85,6 +94,50 @@ TEST_F(PosixWrapperTest, OpensTheDeviceReadWrite) {
   EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFL) & O_ACCMODE, O_RDWR);
 }
 
+TEST_F(PosixWrapperTest, OpensTheDeviceCloseOnExec) {
+  make_device("");
+  PosixWrapper wrapper(logger_);
+  EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(PosixWrapperTest, ReopenReachesTheDeviceNowAtThePathReadWriteAndCloseOnExec) {
+  make_device("12345");
+  PosixWrapper wrapper(logger_);
+  // A device that went and came back is a new file at the same path.
+  fs::remove(root_ / "dev" / "board");
+  make_device("abc");
+
+  ASSERT_EQ(wrapper.reopen(), 0);
+  int pending = -1;
+  EXPECT_EQ(wrapper.ioctl(FIONREAD, &pending), 0);
+  EXPECT_EQ(pending, 3);
+  EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFL) & O_ACCMODE, O_RDWR);
+  EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(PosixWrapperTest, ReopenOfAMissingDeviceLeavesNoDescriptor) {
+  make_device("");
+  PosixWrapper wrapper(logger_);
+  fs::remove(root_ / "dev" / "board");
+
+  errno = 0;
+  EXPECT_EQ(wrapper.reopen(), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(wrapper.descriptor(), -1);
+  EXPECT_EQ(refused_read_errno(wrapper), EBADF);
+}
+
+TEST_F(PosixWrapperTest, DestructionAfterAFailedReopenHasNothingToClose) {
+  make_device("");
+  {
+    PosixWrapper wrapper(logger_);
+    fs::remove(root_ / "dev" / "board");
+    ASSERT_EQ(wrapper.reopen(), -1);
+    logger_->clear();
+  }
+  EXPECT_EQ(logger_->texts(), std::vector<std::string>{"PosixWrapper destroy successfully"});
+}
+
 TEST_F(PosixWrapperTest, IoctlReachesTheOpenFileWithItsArgument) {
   make_device("12345");
   PosixWrapper wrapper(logger_);
@@ -97,11 +150,7 @@ TEST_F(PosixWrapperTest, IoctlReachesTheOpenFileWithItsArgument) {
 TEST_F(PosixWrapperTest, IoctlFailureReturnsMinusOneWithErrno) {
   make_device("");
   PosixWrapper wrapper(logger_);
-
-  unsigned char value = 0;
-  errno = 0;
-  EXPECT_EQ(wrapper.ioctl(0x80014C21UL, &value), -1);
-  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(refused_read_errno(wrapper), ENOTTY);
 }
 
 TEST_F(PosixWrapperTest, DestructionClosesTheDeviceAndLogsIt) {

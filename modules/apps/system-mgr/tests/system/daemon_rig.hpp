@@ -50,6 +50,10 @@ class DaemonRig {
   /// sets `skip` instead when FUSE is unusable here (no /dev/fuse, or the mount refused).
   std::string start_emulator(const std::string& example_scenario, std::string& skip);
 
+  /// Stops the emulator and unmounts /dev, as a driver unload or an emulator restart takes the
+  /// board device away; the daemon keeps running. start_emulator() brings it back.
+  void stop_emulator();
+
   /// The running emulator (to pause it, say); throws std::bad_optional_access before start_emulator().
   [[nodiscard]] xpon::test::Process& emulator() { return emulator_.value(); }
 
@@ -112,7 +116,6 @@ class DaemonRig {
   std::string notifications_text();
 
  private:
-  void stop_emulator();
   std::string write_factory_image(const std::string& product, const std::string& logical_path);
 
   xpon::test::Sandbox sandbox_;

@@ -15,6 +15,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -53,6 +55,15 @@ inline std::uint32_t u32_at(const std::vector<std::uint8_t>& bytes, std::size_t 
   return static_cast<std::uint32_t>(bytes[offset]) | (static_cast<std::uint32_t>(bytes[offset + 1]) << 8U) |
          (static_cast<std::uint32_t>(bytes[offset + 2]) << 16U) |
          (static_cast<std::uint32_t>(bytes[offset + 3]) << 24U);
+}
+
+/// How many times `part` occurs in `text`, without overlaps (a log line in the daemon's log, say).
+inline std::size_t occurrences(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
 }
 
 inline std::uint16_t u16_at(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
@@ -219,7 +230,25 @@ class SystemMgrTest : public testing::Test {
     EXPECT_EQ(rig_.notifications().messages(), (std::vector<std::string>{kStartupText, status})) << rig_.daemon_log();
   }
 
+  /// Applies a JSON patch to the running emulator's model through its board-control file.
+  void patch_emulator(const std::string& json) {
+    std::ofstream control(rig_.path("/dev/board-control"));
+    control << json;
+    control.close();
+    ASSERT_TRUE(control.good()) << "the emulator refused " << json << rig_.helper_logs();
+  }
+
+  /// A client endpoint in the rig's sandbox, as any other daemon of the board would have; the
+  /// sandbox root stays set while the test runs (endpoints find their peers under it).
+  std::shared_ptr<ipc::ZmqIpc> sandbox_endpoint(ipc::Address address, std::string_view name) {
+    if (!sandbox_root_) {
+      sandbox_root_.emplace("XPON_ROOT", rig_.root());
+    }
+    return ipc::make_zmq_endpoint(address, name);
+  }
+
   DaemonRig rig_;
+  std::optional<xpon::test::ScopedEnv> sandbox_root_;
 };
 
 }  // namespace xpon::system_mgr::test

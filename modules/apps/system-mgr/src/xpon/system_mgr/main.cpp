@@ -3,6 +3,8 @@
 
 #include "xpon/system_mgr/process_entry.hpp"
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <string_view>
 
@@ -37,5 +39,9 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  // Every thread that allocates would get a heap arena of its own (up to eight per core), each
+  // keeping pages of its own in the resident set; the daemon's threads allocate little and seldom
+  // at the same time, so two arenas serve them all (docs/system-mgr.md has the figures).
+  (void)::mallopt(M_ARENA_MAX, 2);
   return xpon::system_mgr::run_daemon(xpon::system_mgr::daemon_cycle_parts());
 }

@@ -6,20 +6,43 @@
 #include "xpon/core/result.hpp"
 #include "xpon/logger/ilogger.hpp"
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <source_location>
 #include <string>
 #include <vector>
 
 namespace xpon::board {
 
+/// How the board object gets the device back after it went away (a driver reload, an emulator restart).
+struct BoardOptions {
+  /// The shortest time between two attempts to reopen a lost device.
+  std::chrono::milliseconds reopen_interval{250};
+  /// The clock that interval is measured on.
+  std::function<std::chrono::steady_clock::time_point()> now = [] { return std::chrono::steady_clock::now(); };
+};
+
+/// Logged once when a call finds the device gone, filled with the system's text of the errno.
+inline constexpr const char* kBoardDeviceLostText = "Board device /dev/board lost ({}); reopening it";
+/// Logged once when a reopen has brought the device back.
+inline constexpr const char* kBoardDeviceBackText = "Board device /dev/board reopened";
+
+/// True for the errno values of a call that reached no driver: the device is gone (ENODEV, ENXIO),
+/// its server went away (ENOTCONN) or there is no descriptor (EBADF).
+[[nodiscard]] bool device_lost(int error_number) noexcept;
+
 /// The board object over the board driver; shared by every system function and safe to call from any thread.
 class Board : public IBoard {
  public:
   /// Takes the wrapper over and reads the six inventory values; throws std::runtime_error when one cannot be read.
   Board(const std::shared_ptr<logger::ILogger>& logger, std::unique_ptr<IPosixWrapper> posix);
+
+  /// As above, with the given reopening of a lost device.
+  Board(const std::shared_ptr<logger::ILogger>& logger, std::unique_ptr<IPosixWrapper> posix, BoardOptions options);
 
   /// Logs the destruction, then lets the wrapper close the device.
   ~Board() override;
@@ -78,6 +101,10 @@ class Board : public IBoard {
   // Every driver call goes through here, under the mutex: the descriptor is shared by all threads.
   core::Result<void> issue(unsigned long request, void* argument, std::size_t size, const std::source_location& where);
 
+  // After a call that reached no driver: at most one reopen, and no sooner than the interval after
+  // the last one; true when the device is open again. Called under the mutex.
+  bool recover(int error_number);
+
   // One command on a caller's record, with exceptions of the wrapper turned into Error::Exception.
   template <typename T>
   core::Result<void> exchange(unsigned long request, T& record,
@@ -100,6 +127,12 @@ class Board : public IBoard {
   std::uint8_t temp_count_ = 0;
   std::uint8_t pon_port_count_ = 0;
   std::uint8_t front_port_count_ = 0;
+  BoardOptions options_;
+  // A device lost during start-up is not reopened: a failed inventory read ends the start-up.
+  bool inventory_read_ = false;
+  // The outage state, under the mutex: whether the loss was logged, and when a reopen was last tried.
+  bool device_lost_ = false;
+  std::optional<std::chrono::steady_clock::time_point> last_reopen_;
 };
 
 /// The name of a board command ("BOARD_GET_FAN_INFO"), or its code in hex when it is not one of ours.

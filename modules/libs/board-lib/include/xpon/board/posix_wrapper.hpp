@@ -15,6 +15,9 @@ class IPosixWrapper {
   /// Issues ioctl(request, argument) on the open device; returns what ioctl returned, with errno set on failure.
   virtual int ioctl(unsigned long request, void* argument) = 0;
 
+  /// Drops the descriptor and opens the device again; returns 0, or -1 with errno set and no descriptor.
+  virtual int reopen() = 0;
+
  protected:
   IPosixWrapper() = default;
   IPosixWrapper(const IPosixWrapper&) = default;
@@ -31,8 +34,8 @@ class DeviceOpenError : public std::runtime_error {
 /// Owns the open descriptor of "/dev/board"; the only place that calls open, close and ioctl.
 class PosixWrapper : public IPosixWrapper {
  public:
-  /// Opens "/dev/board" (under $XPON_ROOT when set) read-write; throws DeviceOpenError when
-  /// it cannot, std::runtime_error for a missing logger.
+  /// Opens "/dev/board" (under $XPON_ROOT when set) read-write and close-on-exec; throws
+  /// DeviceOpenError when it cannot, std::runtime_error for a missing logger.
   explicit PosixWrapper(const std::shared_ptr<logger::ILogger>& logger);
 
   /// Closes the device; a failing close is logged, never thrown.
@@ -44,7 +47,11 @@ class PosixWrapper : public IPosixWrapper {
   /// Issues ioctl on the device descriptor.
   int ioctl(unsigned long request, void* argument) override;
 
-  /// The open descriptor, for diagnostics.
+  /// Closes the descriptor (a lost device's, which reaches no driver any more) and opens the
+  /// device again; after a failed open there is no descriptor and ioctl fails with EBADF.
+  int reopen() override;
+
+  /// The open descriptor (-1 after a failed reopen), for diagnostics.
   [[nodiscard]] int descriptor() const noexcept { return fd_; }
 
  private:

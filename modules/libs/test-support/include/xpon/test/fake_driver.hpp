@@ -29,6 +29,10 @@ class FakeDriverState {
     const std::size_t size = _IOC_SIZE(request);
     const auto* bytes = static_cast<const std::uint8_t*>(argument);
     calls.push_back(Call{request, std::vector<std::uint8_t>(bytes, bytes + size)});
+    if (lost != 0) {
+      errno = lost;
+      return -1;
+    }
     if (const auto thrown = throws.find(request); thrown != throws.end()) {
       thrown->second();
     }
@@ -59,6 +63,27 @@ class FakeDriverState {
     };
   }
 
+  /// Opens the device again: fails with ENOENT while it is away; otherwise the calls work again.
+  int reopen() {
+    ++reopens;
+    if (!present) {
+      errno = ENOENT;
+      return -1;
+    }
+    lost = 0;
+    return 0;
+  }
+
+  /// Takes the device away: every call on the descriptor fails with this errno until a reopen
+  /// after bring_back.
+  void take_away(int error_number) {
+    lost = error_number;
+    present = false;
+  }
+
+  /// Puts the device back; the lost descriptor keeps failing until the board reopens it.
+  void bring_back() { present = true; }
+
   /// Makes `request` fail with ioctl's -1 and this errno.
   void fail(unsigned long request, int error_number) { failures[request] = error_number; }
 
@@ -87,6 +112,12 @@ class FakeDriverState {
   std::map<unsigned long, std::function<void(void*)>> replies;
   std::map<unsigned long, int> failures;
   std::map<unsigned long, std::function<void()>> throws;
+  /// The errno of every call on a lost descriptor; 0 while the descriptor works.
+  int lost = 0;
+  /// Whether a reopen finds the device.
+  bool present = true;
+  /// The reopens asked for so far.
+  int reopens = 0;
 };
 
 /// The wrapper handed to the board object; all it does is forward to the shared state.
@@ -96,6 +127,8 @@ class FakeDriver : public board::IPosixWrapper {
       : state_(std::move(state)) {}
 
   int ioctl(unsigned long request, void* argument) override { return state_->ioctl(request, argument); }
+
+  int reopen() override { return state_->reopen(); }
 
   /// The behaviour and the journal of this driver.
   [[nodiscard]] const std::shared_ptr<FakeDriverState>& state() const { return state_; }

@@ -82,7 +82,8 @@ SysFunction::SysFunction(const std::shared_ptr<ILogger>& logger, const std::shar
       name_(name),
       period_(period),
       running_(false),
-      thread_starter_([](std::function<void()> body) { return std::thread(std::move(body)); }) {
+      thread_starter_([](std::function<void()> body) { return std::thread(std::move(body)); }),
+      lateness_(period) {
   log().progress("SysFunction create successfully");
 }
 
@@ -112,6 +113,21 @@ Result<void> SysFunction::master_change(const ServiceCtx& /*ctx*/) {
   return core::success();
 }
 
+std::optional<std::chrono::milliseconds> PollLateness::poll_started(Clock::time_point start) noexcept {
+  std::optional<std::chrono::milliseconds> opened;
+  if (previous_) {
+    const auto late = std::chrono::duration_cast<std::chrono::milliseconds>(start - (*previous_ + period_));
+    if (late <= period_) {
+      behind_ = false;
+    } else if (!behind_) {
+      behind_ = true;
+      opened = late;
+    }
+  }
+  previous_ = start;
+  return opened;
+}
+
 Result<void> SysFunction::polling() {
   return ErrorPayload(Error::NotImplemented);
 }
@@ -136,6 +152,7 @@ Result<void> SysFunction::run() {
   report_wait(FunctionWait::FirstPoll, name_);
   const auto first_poll = core::guarded_call(log(), [this] {
     const std::lock_guard lock(mutex_);
+    (void)lateness_.poll_started(PollLateness::Clock::now());
     return polling();
   });
   report_wait(FunctionWait::Nothing, name_);
@@ -180,6 +197,12 @@ void SysFunction::thread_fn() {
       // Deliberately no stop flag: any early wake-up, stop's or a spurious one, ends the
       // thread; stop() relies on it.
       return;
+    }
+    // Only watched: the schedule above stays as it is, a slow poll (a stalled board call) delays
+    // the next one, and this says so once while it lasts.
+    if (const auto late = lateness_.poll_started(PollLateness::Clock::now())) {
+      log().warning("System function {} fell behind its polling: a poll started {} ms late (period {} ms)", name_,
+                    late->count(), period_.count());
     }
     // Errors were logged where they arose; the next period polls again.
     (void)core::guarded_call(log(), [this] { return polling(); });

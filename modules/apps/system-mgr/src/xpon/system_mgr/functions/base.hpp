@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <source_location>
 #include <string_view>
 #include <thread>
@@ -71,6 +72,24 @@ class IFunctionWaitListener {
 /// Sets the listener every function of the process reports to (nullptr, the default: none). The
 /// listener must stay alive until it has been replaced and no run or stop is under way.
 void set_function_wait_listener(IFunctionWaitListener* listener) noexcept;
+
+/// Tells when a poll starts far behind its schedule, the previous poll's start plus the period:
+/// more than one period late opens a lateness episode, reported once; a poll that starts within
+/// a period of its schedule closes it.
+class PollLateness {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit PollLateness(std::chrono::milliseconds period) noexcept : period_(period) {}
+
+  /// Records a poll's start; returns how late it is when it opens an episode, nothing otherwise.
+  std::optional<std::chrono::milliseconds> poll_started(Clock::time_point start) noexcept;
+
+ private:
+  std::chrono::milliseconds period_;
+  std::optional<Clock::time_point> previous_;
+  bool behind_ = false;
+};
 
 /// One monitoring or control activity of the daemon, as its service drives it.
 class ISysFunction {
@@ -239,6 +258,8 @@ class SysFunction : public ISysFunction {
   std::mutex mutex_;
   std::atomic<bool> running_;
   ThreadStarter thread_starter_;
+  // Written by run's first poll before the thread starts, then by the polling thread alone.
+  PollLateness lateness_;
 };
 
 }  // namespace xpon::system_mgr
