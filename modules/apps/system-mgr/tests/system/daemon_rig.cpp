@@ -167,7 +167,7 @@ void DaemonRig::install_example_log_config() const {
   write_log_config(read_text_file(std::string(XPON_EXAMPLES_DIR) + "/logging/stderr.conf"));
 }
 
-void DaemonRig::start_daemon() {
+void DaemonRig::start_daemon(const xpon::test::ChildLimits& limits) {
   // XPON_DAEMON_WRAPPER runs the daemon under another program, for example
   // "/usr/bin/valgrind --leak-check=full --log-file=/var/tmp/vg-%p.log": words separated by
   // spaces, no quoting, the program by its full path.
@@ -180,7 +180,7 @@ void DaemonRig::start_daemon() {
   }
   command.emplace_back(XPON_SYSTEM_MGR_PROGRAM);
   daemon_.emplace(command, std::vector<std::string>{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()},
-                  path("/daemon.out"), path("/daemon.log"));
+                  path("/daemon.out"), path("/daemon.log"), limits);
 }
 
 bool DaemonRig::wait_for_notification(const std::string& text, std::size_t occurrence,

@@ -65,7 +65,8 @@ class DaemonRig {
   void install_example_log_config() const;
 
   /// Starts system-mgr with NOTIFY_SOCKET set to the listener; its stderr goes to daemon_log().
-  void start_daemon();
+  /// `limits` are set in the daemon's process (under XPON_DAEMON_WRAPPER: the wrapper's).
+  void start_daemon(const xpon::test::ChildLimits& limits = {});
 
   /// The running (or ended) daemon; throws std::bad_optional_access before start_daemon().
   [[nodiscard]] xpon::test::Process& daemon() { return daemon_.value(); }
