@@ -31,8 +31,15 @@ namespace {
 /// small enough that a hostile peer cannot make the endpoint buffer arbitrary amounts.
 constexpr std::int64_t kMaxReceivedMessage = std::int64_t{1024} * 1024;
 
-/// Reconnection interval of every connecting socket; short so a restarted peer or bus is found fast.
+/// First reconnection interval of every connecting socket; short so a restarted peer or bus is
+/// found fast. A connection that was up and is lost starts again from this interval.
 constexpr int kReconnectIntervalMs = 50;
+
+/// ZeroMQ doubles the interval after each failed attempt up to this (plus up to 50 ms of
+/// jitter): a peer that stays away (an LC or FC board without its Election Manager) costs one
+/// attempt every 2 s instead of twenty a second, and a peer back after a long absence is found
+/// within about 2 s.
+constexpr int kReconnectIntervalMaxMs = 2000;
 
 /// Sockets closed by the endpoint that ZeroMQ's reaper thread may not have freed yet, beyond
 /// one per cached link: even a link with nothing queued is freed a moment after it is closed.
@@ -65,6 +72,7 @@ class StderrLogger final : public logger::ILogger {
 void detail::set_common_options(zmq::socket_t& socket, std::chrono::milliseconds linger) {
   socket.set(zmq::sockopt::linger, static_cast<int>(linger.count()));
   socket.set(zmq::sockopt::reconnect_ivl, kReconnectIntervalMs);
+  socket.set(zmq::sockopt::reconnect_ivl_max, kReconnectIntervalMaxMs);
 }
 
 Address event_source_for(Address address) {

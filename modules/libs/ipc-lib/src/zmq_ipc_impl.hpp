@@ -88,7 +88,8 @@ inline std::string key_text(Key key) {
   return fmt::format("{}:{}", key.group, key.id);
 }
 
-/// The options every socket of the endpoint shares: the LINGER given and a short reconnection interval.
+/// The options every socket of the endpoint shares: the LINGER given and a reconnection interval
+/// that starts short and backs off while the peer stays away.
 void set_common_options(zmq::socket_t& socket, std::chrono::milliseconds linger);
 
 }  // namespace detail
