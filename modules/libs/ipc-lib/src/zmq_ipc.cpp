@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -30,8 +31,28 @@ namespace {
 /// small enough that a hostile peer cannot make the endpoint buffer arbitrary amounts.
 constexpr std::int64_t kMaxReceivedMessage = std::int64_t{1024} * 1024;
 
-/// Reconnection interval of every connecting socket; short so a restarted peer or bus is found fast.
+/// First reconnection interval of every connecting socket; short so a restarted peer or bus is
+/// found fast. A connection that was up and is lost starts again from this interval.
 constexpr int kReconnectIntervalMs = 50;
+
+/// ZeroMQ doubles the interval after each failed attempt up to this (plus up to 50 ms of
+/// jitter): a peer that stays away (an LC or FC board without its Election Manager) costs one
+/// attempt every 2 s instead of twenty a second, and a peer back after a long absence is found
+/// within about 2 s.
+constexpr int kReconnectIntervalMaxMs = 2000;
+
+/// Sockets closed by the endpoint that ZeroMQ's reaper thread may not have freed yet, beyond
+/// one per cached link: even a link with nothing queued is freed a moment after it is closed.
+constexpr std::size_t kClosingSocketMargin = 32;
+
+/// ZeroMQ's own socket limit for an endpoint: its three sockets (inbox, subscriber, bus), the
+/// cached links, as many again still closing (lingering with messages for an absent peer) after
+/// an eviction, and a margin. Beyond it ZeroMQ refuses a new socket (EMFILE), which the endpoint
+/// counts as a refusal: a flood of new destinations cannot pile up closing sockets without bound.
+int socket_limit(std::size_t outlet_cache_size) {
+  const std::size_t cache = std::clamp<std::size_t>(outlet_cache_size, 1, 16384);
+  return static_cast<int>(3 + 2 * cache + kClosingSocketMargin);
+}
 
 /// The logger used when the caller gives none: one line per call on stderr.
 class StderrLogger final : public logger::ILogger {
@@ -51,6 +72,7 @@ class StderrLogger final : public logger::ILogger {
 void detail::set_common_options(zmq::socket_t& socket, std::chrono::milliseconds linger) {
   socket.set(zmq::sockopt::linger, static_cast<int>(linger.count()));
   socket.set(zmq::sockopt::reconnect_ivl, kReconnectIntervalMs);
+  socket.set(zmq::sockopt::reconnect_ivl_max, kReconnectIntervalMaxMs);
 }
 
 Address event_source_for(Address address) {
@@ -76,7 +98,8 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
       name(endpoint_name),
       options(given),
       log(given.logger ? given.logger : std::make_shared<StderrLogger>()),
-      context(1) {
+      context(1, socket_limit(given.outlet_cache_size)) {
+  options.outlet_cache_size = std::clamp<std::size_t>(options.outlet_cache_size, 1, 16384);
   if (options.delivery_threads == 0) {
     options.delivery_threads = 1;
   }
@@ -207,7 +230,8 @@ void ZmqIpc::Impl::close_all() {
   bus.socket.close();
   {
     std::lock_guard lock(outlets_mutex);
-    outlets.clear();
+    (void)outlets.take_all();
+    open_outlets.store(0);
   }
   context.close();
   ::close(epoll_fd);
@@ -326,6 +350,10 @@ IpcStats ZmqIpc::stats() const {
   stats.events_received = c.events_received.load();
   stats.requests_read_by_delivery_threads = c.requests_read_by_delivery_threads.load();
   stats.responses_read_by_callers = c.responses_read_by_callers.load();
+  stats.outlets_evicted = c.outlets_evicted.load();
+  stats.outlets_expired = c.outlets_expired.load();
+  stats.descriptor_refusals = c.descriptor_refusals.load();
+  stats.open_outlets = impl_->open_outlets.load();
   return stats;
 }
 

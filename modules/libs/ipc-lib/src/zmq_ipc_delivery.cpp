@@ -201,6 +201,11 @@ bool run_entry(std::mutex& mutex, std::condition_variable& done, const std::shar
 
 void ZmqIpc::Impl::deliver_request(const Request& request) {
   const Key key{request.group, request.id};
+  // A request whose answer could not be sent is not run: refused here, before its handler does
+  // the work and fails to send, the refusal is one rate-limited log line, not one per request.
+  if (request.reply_to && !can_reach(request.reply_to->address)) {
+    return;
+  }
   std::shared_ptr<RequestEntry> entry;
   {
     std::lock_guard lock(handlers_mutex);

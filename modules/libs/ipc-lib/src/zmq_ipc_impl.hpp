@@ -3,6 +3,7 @@
 // threads and the inbox hand-over) and zmq_ipc_send.cpp (sending and requests).
 #pragma once
 
+#include "outlet_cache.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 
@@ -35,6 +36,7 @@ namespace detail {
 using Clock = std::chrono::steady_clock;
 
 /// A socket shared by API callers; ZeroMQ sockets may change threads only across a full barrier.
+/// Held by shared_ptr: the outlet cache may drop it while a sender still holds it and its mutex.
 struct Outlet {
   std::mutex mutex;
   zmq::socket_t socket;
@@ -86,7 +88,8 @@ inline std::string key_text(Key key) {
   return fmt::format("{}:{}", key.group, key.id);
 }
 
-/// The options every socket of the endpoint shares: the LINGER given and a short reconnection interval.
+/// The options every socket of the endpoint shares: the LINGER given and a reconnection interval
+/// that starts short and backs off while the peer stays away.
 void set_common_options(zmq::socket_t& socket, std::chrono::milliseconds linger);
 
 }  // namespace detail
@@ -132,7 +135,14 @@ struct ZmqIpc::Impl {
   void deliver_event(const Event& event);
 
   // --- sending ---
-  detail::Outlet& outlet_for(Address destination);
+  /// The outgoing link to a destination, opened (and the least recently used one closed to make
+  /// room) if it has none; refused, counted and logged when the process is short of descriptors.
+  Result<std::shared_ptr<detail::Outlet>> outlet_for(Address destination);
+  /// True when a response to the destination can be sent: its link is open, or the process has
+  /// the descriptors for a new one. Counts and logs a refusal.
+  bool can_reach(Address destination);
+  /// Closes the links unused for outlet_idle_expiry; how long the I/O thread may then sleep (-1: no limit).
+  int expire_outlets();
   /// Sends one message; `destination` names the peer in error texts (nullopt: the bus).
   Result<void> send_frames(detail::Outlet& outlet, std::span<const std::span<const std::uint8_t>> frames,
                            std::optional<Address> destination);
@@ -155,7 +165,8 @@ struct ZmqIpc::Impl {
   detail::Outlet bus;
 
   std::mutex outlets_mutex;
-  std::map<Address, std::unique_ptr<detail::Outlet>> outlets;
+  detail::OutletCache<detail::Outlet> outlets;  // guarded by outlets_mutex
+  std::atomic<std::size_t> open_outlets{0};     // outlets.size(), for stats() without the lock
 
   std::mutex command_mutex;
   std::vector<detail::SubscriptionCommand> commands;
@@ -190,7 +201,8 @@ struct ZmqIpc::Impl {
   struct Counters {
     std::atomic<std::uint64_t> short_headers{0}, long_headers{0}, bad_versions{0}, bad_kinds{0}, oversized{0},
         malformed{0}, queue_overflows{0}, unrouted{0}, late_responses{0}, handler_failures{0}, requests_received{0},
-        events_received{0}, requests_read_by_delivery_threads{0}, responses_read_by_callers{0};
+        events_received{0}, requests_read_by_delivery_threads{0}, responses_read_by_callers{0}, outlets_evicted{0},
+        outlets_expired{0}, descriptor_refusals{0};
   } counters;
 };
 

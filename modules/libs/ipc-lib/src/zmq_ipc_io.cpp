@@ -32,7 +32,10 @@ void ZmqIpc::Impl::io_loop() {
   bool read_all = true;
   while (!stopping.load()) {
     try {
-      const int count = ::epoll_wait(epoll_fd, events.data(), static_cast<int>(events.size()), read_all ? 0 : -1);
+      // Idle links are closed here too; with none open the thread sleeps until woken.
+      const int expiry_wait = expire_outlets();
+      const int count =
+          ::epoll_wait(epoll_fd, events.data(), static_cast<int>(events.size()), read_all ? 0 : expiry_wait);
       if (count < 0) {
         if (errno != EINTR) {
           log->error("IPC endpoint {}: epoll_wait failed: {}", name, std::strerror(errno));

@@ -2,28 +2,111 @@
 // and request(), which waits for its answer (reading it itself while the inbox is free).
 #include "zmq_ipc_impl.hpp"
 
+#include "descriptors.hpp"
 #include "xpon/ipc/paths.hpp"
 
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
 namespace xpon::ipc {
 
 using namespace detail;
 
-Outlet& ZmqIpc::Impl::outlet_for(Address destination) {
-  std::lock_guard lock(outlets_mutex);
-  auto& slot = outlets[destination];
-  if (!slot) {
-    auto outlet = std::make_unique<Outlet>();
-    outlet->socket = zmq::socket_t(context, zmq::socket_type::dealer);
-    set_common_options(outlet->socket, options.linger);
-    outlet->socket.set(zmq::sockopt::sndhwm, options.send_high_water_mark);
-    outlet->socket.connect(inbox_endpoint(destination));
-    slot = std::move(outlet);
+namespace {
+
+/// What the refusal log line and its rate limit go by.
+constexpr std::string_view kRefusal = "no descriptor to spare for a link to a new destination";
+
+}  // namespace
+
+Result<std::shared_ptr<Outlet>> ZmqIpc::Impl::outlet_for(Address destination) {
+  const auto now = Clock::now();
+  // Declared before the lock: evicted sockets are closed once it is released.
+  std::vector<std::shared_ptr<Outlet>> closing;
+  std::string refusal;
+  {
+    std::lock_guard lock(outlets_mutex);
+    if (auto found = outlets.find(destination, now)) {
+      return found;
+    }
+    // A full cache gives back the descriptors of the link it closes (once ZeroMQ has reaped it).
+    const bool full = outlets.size() >= options.outlet_cache_size;
+    while (outlets.size() >= options.outlet_cache_size) {
+      closing.push_back(outlets.take_least_recent());
+      counters.outlets_evicted.fetch_add(1);
+    }
+    if (process_has_descriptors(full ? 0 : kDescriptorsPerOutlet)) {
+      try {
+        auto outlet = std::make_shared<Outlet>();
+        outlet->socket = zmq::socket_t(context, zmq::socket_type::dealer);
+        set_common_options(outlet->socket, options.linger);
+        outlet->socket.set(zmq::sockopt::sndhwm, options.send_high_water_mark);
+        outlet->socket.connect(inbox_endpoint(destination));
+        const bool was_empty = outlets.size() == 0;
+        outlets.insert(destination, outlet, now);
+        open_outlets.store(outlets.size());
+        if (was_empty && options.outlet_idle_expiry.count() > 0) {
+          // The I/O thread sleeps without a time-out while no link is open; it now has one to expire.
+          const std::uint64_t one = 1;
+          [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+        }
+        return outlet;
+      } catch (const zmq::error_t& error) {
+        open_outlets.store(outlets.size());
+        if (error.num() != EMFILE) {
+          return core::ErrorPayload(core::Error::CommonError,
+                                    fmt::format("Cannot connect to 0x{:08x}: {}", destination, error.what()));
+        }
+        refusal = fmt::format("ZeroMQ: {}", error.what());  // its socket limit, set from the cache size
+      }
+    } else {
+      refusal = "the process is near its limit of open files";
+      open_outlets.store(outlets.size());
+    }
   }
-  return *slot;
+  count_drop(counters.descriptor_refusals, kRefusal);
+  return core::ErrorPayload(core::Error::Overflow,
+                            fmt::format("No link to 0x{:08x} was opened: {}", destination, refusal));
+}
+
+bool ZmqIpc::Impl::can_reach(Address destination) {
+  {
+    std::lock_guard lock(outlets_mutex);
+    if (outlets.contains(destination)) {
+      return true;
+    }
+    if (process_has_descriptors(outlets.size() >= options.outlet_cache_size ? 0 : kDescriptorsPerOutlet)) {
+      return true;
+    }
+  }
+  count_drop(counters.descriptor_refusals, kRefusal);
+  return false;
+}
+
+int ZmqIpc::Impl::expire_outlets() {
+  if (options.outlet_idle_expiry.count() <= 0) {
+    return -1;
+  }
+  const auto now = Clock::now();
+  std::vector<std::shared_ptr<Outlet>> closing;  // closed once the lock is released
+  std::optional<Clock::time_point> oldest;
+  {
+    std::lock_guard lock(outlets_mutex);
+    closing = outlets.take_unused_since(now - options.outlet_idle_expiry);
+    counters.outlets_expired.fetch_add(closing.size());
+    open_outlets.store(outlets.size());
+    oldest = outlets.oldest_use();
+  }
+  if (!oldest) {
+    return -1;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*oldest + options.outlet_idle_expiry - now);
+  return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 1, INT_MAX));
 }
 
 Result<void> ZmqIpc::Impl::send_frames(Outlet& outlet, std::span<const std::span<const std::uint8_t>> frames,
@@ -68,7 +151,11 @@ Result<void> ZmqIpc::send_response(Address address, const Response& response) {
   const auto header = wire::encode_header(wire::response_header(impl_->address, response));
   const std::array<std::span<const std::uint8_t>, 2> frames{std::span<const std::uint8_t>(header),
                                                             std::span<const std::uint8_t>(response.payload)};
-  return impl_->send_frames(impl_->outlet_for(address), frames, address);
+  auto outlet = impl_->outlet_for(address);
+  if (!outlet) {
+    return outlet.error();
+  }
+  return impl_->send_frames(*outlet.value(), frames, address);
 }
 
 Result<void> ZmqIpc::send_event(const Event& event) {
@@ -85,11 +172,9 @@ Result<void> ZmqIpc::send_event(const Event& event) {
 }
 
 Result<void> ZmqIpc::connect(Address address) {
-  try {
-    impl_->outlet_for(address);
-  } catch (const zmq::error_t& error) {
-    return core::ErrorPayload(core::Error::CommonError,
-                              fmt::format("Cannot connect to 0x{:08x}: {}", address, error.what()));
+  auto outlet = impl_->outlet_for(address);
+  if (!outlet) {
+    return outlet.error();
   }
   return core::success();
 }
@@ -116,12 +201,12 @@ Result<Response> ZmqIpc::request(Address address, Request request, std::chrono::
   const auto header = wire::encode_header(wire::request_header(impl.address, request));
   const std::array<std::span<const std::uint8_t>, 2> frames{std::span<const std::uint8_t>(header),
                                                             std::span<const std::uint8_t>(request.payload)};
+  auto outlet = impl.outlet_for(address);
   Result<void> sent = core::success();
-  try {
-    sent = impl.send_frames(impl.outlet_for(address), frames, address);
-  } catch (const zmq::error_t& error) {
-    sent = core::ErrorPayload(core::Error::CommonError,
-                              fmt::format("Cannot connect to 0x{:08x}: {}", address, error.what()));
+  if (outlet) {
+    sent = impl.send_frames(*outlet.value(), frames, address);
+  } else {
+    sent = outlet.error();
   }
   if (sent.has_error()) {
     std::lock_guard lock(impl.pending_mutex);

@@ -42,15 +42,7 @@ class ZmqIpcTest : public ::testing::Test {
   }
 
   /// Subscribes a handler that answers every request with its own payload and result 1.
-  static void serve_echo(ZmqIpc& server, Key key) {
-    ASSERT_TRUE(server
-                    .subscribe_request(key,
-                                       [&server](const Request& request) -> Result<void> {
-                                         return server.send_response(request.reply_to.value().address,
-                                                                     test::echo_response(request));
-                                       })
-                    .has_value());
-  }
+  static void serve_echo(ZmqIpc& server, Key key) { ASSERT_TRUE(test::serve_echo(server, key).has_value()); }
 
   /// Like serve_echo, and keeps a copy of the last request served (see last_served()).
   void serve_echo_keeping_requests(ZmqIpc& server, Key key) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,7 +71,7 @@ ProcessEnd end_from(int status) {
 // Everything from here to execve runs in the child of a possibly multi-threaded parent, so it
 // only makes system calls.
 [[noreturn]] void become_child(const char* program, char* const* argv, char* const* envp, const char* output_path,
-                               const char* errors_path, int report_fd, pid_t parent) {
+                               const char* errors_path, const rlimit* open_files, int report_fd, pid_t parent) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getppid() != parent) {
     ::_exit(127);
@@ -92,6 +93,11 @@ ProcessEnd end_from(int status) {
     (void)!::write(report_fd, &failure, sizeof failure);
     ::_exit(127);
   }
+  if (open_files != nullptr && ::setrlimit(RLIMIT_NOFILE, open_files) != 0) {
+    const int failure = errno;
+    (void)!::write(report_fd, &failure, sizeof failure);
+    ::_exit(127);
+  }
   ::execve(program, argv, envp);
   const int failure = errno;
   (void)!::write(report_fd, &failure, sizeof failure);
@@ -105,7 +111,7 @@ std::string ProcessEnd::describe() const {
 }
 
 Process::Process(const std::vector<std::string>& argv, const std::vector<std::string>& environment,
-                 const std::string& output_path, const std::string& errors_path) {
+                 const std::string& output_path, const std::string& errors_path, const ChildLimits& limits) {
   if (argv.empty()) {
     throw std::runtime_error("no program to start");
   }
@@ -115,6 +121,11 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
   const std::vector<char*> variable_pointers = pointers_to(variables);
   const std::string output = output_path.empty() ? "/dev/null" : output_path;
   const std::string errors = errors_path.empty() ? "/dev/null" : errors_path;
+  rlimit open_files{};
+  if (limits.open_files) {
+    open_files.rlim_cur = *limits.open_files;
+    open_files.rlim_max = *limits.open_files;
+  }
 
   // The child reports a failed exec through this pipe; a successful exec closes it empty.
   int report[2] = {-1, -1};
@@ -126,7 +137,7 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
   if (child == 0) {
     ::close(report[0]);
     become_child(arguments[0].c_str(), argument_pointers.data(), variable_pointers.data(), output.c_str(),
-                 errors.c_str(), report[1], parent);
+                 errors.c_str(), limits.open_files ? &open_files : nullptr, report[1], parent);
   }
   ::close(report[1]);
   if (child < 0) {

@@ -50,6 +50,14 @@ TEST(ProcessTest, KillsAStuckProgramAfterTheTimeOut) {
   EXPECT_FALSE(run.end.has_value());
 }
 
+TEST(ProcessTest, SetsTheOpenFileLimitOfTheChildOnly) {
+  const std::string output = ::testing::TempDir() + "/process_test_limit.out";
+  Process process({"/bin/sh", "-c", "ulimit -Sn; ulimit -Hn"}, {}, output, {}, ChildLimits{256});
+  EXPECT_TRUE(process.wait().exited_with(0));
+  EXPECT_EQ(read_text_file(output), "256\n256\n");
+  EXPECT_NE(run_program({"/bin/sh", "-c", "ulimit -Hn"}).output, "256\n");  // the caller's is left alone
+}
+
 TEST(ProcessTest, AProgramThatCannotBeStartedThrows) {
   EXPECT_THROW(Process({"/nonexistent/program"}, {}), std::runtime_error);
   EXPECT_THROW(Process({}, {}), std::runtime_error);

@@ -183,9 +183,17 @@ void DaemonRig::install_example_log_config() const {
 }
 
 void DaemonRig::start_daemon(const std::vector<std::string>& environment) {
+  start_daemon(environment, {});
+}
+
+void DaemonRig::start_daemon(const xpon::test::ChildLimits& limits) {
+  start_daemon({}, limits);
+}
+
+void DaemonRig::start_daemon(const std::vector<std::string>& environment, const xpon::test::ChildLimits& limits) {
   std::vector<std::string> changes{sandbox_.environment_entry(), "NOTIFY_SOCKET=" + listener_->path()};
   changes.insert(changes.end(), environment.begin(), environment.end());
-  daemon_.emplace(daemon_command(), changes, path("/daemon.out"), path("/daemon.log"));
+  daemon_.emplace(daemon_command(), changes, path("/daemon.out"), path("/daemon.log"), limits);
 }
 
 xpon::test::SupervisedProgram DaemonRig::daemon_program() const {

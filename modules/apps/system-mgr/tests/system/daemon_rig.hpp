@@ -73,6 +73,13 @@ class DaemonRig {
   /// `environment` as Process takes it; its stderr goes to daemon_log().
   void start_daemon(const std::vector<std::string>& environment = {});
 
+  /// Starts system-mgr as above with `limits` set in the daemon's process (under
+  /// XPON_DAEMON_WRAPPER: the wrapper's).
+  void start_daemon(const xpon::test::ChildLimits& limits);
+
+  /// Starts system-mgr with both a changed environment and limits.
+  void start_daemon(const std::vector<std::string>& environment, const xpon::test::ChildLimits& limits);
+
   /// The daemon as start_daemon() starts it, for a supervisor that starts it itself: the command
   /// (XPON_DAEMON_WRAPPER included), the XPON_ROOT entry, and output and errors under the root
   /// ("/daemon.out.<n>", "/daemon.log.<n>"). NOTIFY_SOCKET is the supervisor's to add.

@@ -208,8 +208,8 @@ class SystemMgrTest : public testing::Test {
     rig_.install_example_log_config();
   }
 
-  void start_daemon_and_wait_ready() {
-    rig_.start_daemon();
+  void start_daemon_and_wait_ready(const xpon::test::ChildLimits& limits = {}) {
+    rig_.start_daemon(limits);
     ASSERT_TRUE(rig_.wait_for_notification(kReadyText, 1, kStepTimeout)) << "no READY; notifications:\n"
                                                                          << rig_.notifications_text() << "daemon log:\n"
                                                                          << rig_.daemon_log() << rig_.helper_logs();

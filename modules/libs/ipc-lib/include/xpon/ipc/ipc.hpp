@@ -133,6 +133,13 @@ struct ZmqIpcOptions {
   int send_high_water_mark = 10000;
   /// How long a closing socket may still try to hand over queued messages.
   std::chrono::milliseconds linger{20};
+  /// Outgoing links (one socket per destination answered or asked) kept open at most; a new
+  /// destination beyond that closes the least recently used link. Zero counts as one, and more
+  /// than 16384 as 16384.
+  std::size_t outlet_cache_size = 64;
+  /// An outgoing link unused for this long is closed (messages it still holds are discarded);
+  /// zero keeps links until the cache evicts them.
+  std::chrono::milliseconds outlet_idle_expiry{std::chrono::seconds(60)};
 };
 
 /// Makes the ZeroMQ endpoint with the given address and name; throws std::runtime_error

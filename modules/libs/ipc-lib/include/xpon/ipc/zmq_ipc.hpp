@@ -28,6 +28,16 @@ struct IpcStats {
   std::uint64_t requests_read_by_delivery_threads = 0;
   /// Responses read from the inbox by a caller of request() waiting for one, not by the I/O thread.
   std::uint64_t responses_read_by_callers = 0;
+  /// Outgoing links closed to make room for a new destination (least recently used first).
+  std::uint64_t outlets_evicted = 0;
+  /// Outgoing links closed after `outlet_idle_expiry` unused.
+  std::uint64_t outlets_expired = 0;
+  /// Requests dropped before their handler ran, and sends refused, because a link to a new
+  /// destination would have taken the process too near its descriptor limit (or ZeroMQ's
+  /// socket limit).
+  std::uint64_t descriptor_refusals = 0;
+  /// Outgoing links open now (a gauge, not a counter).
+  std::uint64_t open_outlets = 0;
 
   /// Messages dropped because of what a peer sent (every counter of bad input together).
   [[nodiscard]] std::uint64_t dropped_input() const {

@@ -20,4 +20,11 @@ inline ipc::Response echo_response(const ipc::Request& request) {
   return response;
 }
 
+/// Subscribes to the key a handler that answers every request with echo_response.
+inline core::Result<void> serve_echo(ipc::IIpc& server, ipc::Key key) {
+  return server.subscribe_request(key, [&server](const ipc::Request& request) -> core::Result<void> {
+    return server.send_response(request.reply_to.value().address, echo_response(request));
+  });
+}
+
 }  // namespace xpon::test

@@ -31,6 +31,12 @@ struct ProgramRun {
   std::string errors;             ///< its standard error
 };
 
+/// Resource limits set in the child just before it runs its program.
+struct ChildLimits {
+  /// RLIMIT_NOFILE, soft and hard alike; empty: the caller's limit is inherited.
+  std::optional<unsigned long> open_files;
+};
+
 /// One child process started from a program file, with standard input from /dev/null and
 /// standard output and error written to files. The child gets SIGKILL should the thread that
 /// started it die first, so a crashed test leaves no daemon behind; the destructor kills
@@ -39,9 +45,10 @@ class Process {
  public:
   /// Starts argv[0] (a path, not searched in PATH) with the caller's environment changed by
   /// `environment`: "NAME=value" sets a variable, a bare "NAME" removes it. Empty output
-  /// paths mean /dev/null. Throws std::runtime_error when the program cannot be started.
+  /// paths mean /dev/null. Throws std::runtime_error when the program cannot be started (or a
+  /// limit cannot be set).
   Process(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {},
-          const std::string& output_path = {}, const std::string& errors_path = {});
+          const std::string& output_path = {}, const std::string& errors_path = {}, const ChildLimits& limits = {});
   ~Process();
 
   Process(Process&& other) noexcept;
