@@ -83,6 +83,9 @@ TEST_F(BoardStallTest, RamDataIsAnsweredWithinAHundredMillisecondsWhileTwoTemper
   EXPECT_EQ(waited.value().payload.size(), 40U) << "five sensors of eight bytes";
   // The RAM requests were asked while the board was held up, not after it.
   EXPECT_LT(asked_for, 1500ms);
+  // The supply polls (every second) waited behind the two reads, and the daemon says so.
+  EXPECT_TRUE(rig_.wait_for_log("System function PsMonitoring fell behind its polling: a poll started ", kStepTimeout))
+      << rig_.daemon_log();
   EXPECT_TRUE(rig_.daemon().running());
 }
 
