@@ -155,7 +155,7 @@ TEST_F(DescriptorExhaustionTest, RepliesToThousandsOfAddressesKeepTheDaemonBound
   // Measured: 6.0 to 6.3 MiB more than at start (the 64 cached sockets at about 16 KiB each, the
   // delivery queue and ZeroMQ's inbox queue that held thousands of requests, which the allocator
   // keeps). An endpoint that kept a socket per reply address would need some 80 MiB for 5 000.
-  EXPECT_LE(resident_at_end, resident_at_start + 12 * 1024);
+  EXPECT_LE(resident_at_end, resident_at_start + std::size_t{12} * 1024);
 }
 
 }  // namespace

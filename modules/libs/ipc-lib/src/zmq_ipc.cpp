@@ -54,6 +54,9 @@ int socket_limit(std::size_t outlet_cache_size) {
   return static_cast<int>(3 + 2 * cache + kClosingSocketMargin);
 }
 
+/// The longest idle expiry of a link that is kept as given.
+constexpr std::chrono::milliseconds kLongestIdleExpiry = std::chrono::hours(24 * 365);
+
 /// The logger used when the caller gives none: one line per call on stderr.
 class StderrLogger final : public logger::ILogger {
  public:
@@ -100,6 +103,8 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
       log(given.logger ? given.logger : std::make_shared<StderrLogger>()),
       context(1, socket_limit(given.outlet_cache_size)) {
   options.outlet_cache_size = std::clamp<std::size_t>(options.outlet_cache_size, 1, 16384);
+  // Bounded so that "now less the expiry" stays a valid time point.
+  options.outlet_idle_expiry = std::min(options.outlet_idle_expiry, kLongestIdleExpiry);
   if (options.delivery_threads == 0) {
     options.delivery_threads = 1;
   }

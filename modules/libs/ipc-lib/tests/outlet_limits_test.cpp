@@ -137,10 +137,10 @@ TEST_F(OutletLimitsTest, DescriptorsStayBoundedWhateverTheNumberOfDestinations) 
     EXPECT_GE(stats.outlets_evicted, 100U);
     // The endpoint's own descriptors, then at most the links within ZeroMQ's socket limit
     // (3 + 2 x 8 + 32, less the endpoint's three sockets), each a mailbox and a connection attempt.
-    EXPECT_LE(most, opened + 2 * (2 * 8 + 32));
+    EXPECT_LE(most, opened + std::size_t{2} * (2 * 8 + 32));
     // Once the evicted links have lingered out, only the cached ones remain.
-    EXPECT_TRUE(
-        wait_until([&] { return detail::count_open_descriptors().value() <= opened + 2 * 8; }, milliseconds(3000)))
+    EXPECT_TRUE(wait_until([&] { return detail::count_open_descriptors().value() <= opened + std::size_t{2} * 8; },
+                           milliseconds(3000)))
         << detail::count_open_descriptors().value() << " open, " << opened << " with the endpoint alone";
   }
   EXPECT_TRUE(wait_until([&] { return detail::count_open_descriptors().value() <= before; }, milliseconds(3000)));
