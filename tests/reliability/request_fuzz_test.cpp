@@ -20,12 +20,15 @@
 namespace xpon::system_mgr::test {
 namespace {
 
-// Storms sent to each daemon: some 500 requests each, 80 MiB of payload in all.
+// Storms sent to each daemon: some 500 requests and 4.8 MiB each.
 constexpr int kStorms = 10;
 // Growth allowed over the storms after the first, once the first has warmed the daemon up: a
-// steady daemon keeps neither descriptors nor memory per request.
+// steady daemon keeps no descriptor per request, and its memory levels off (fifty storms end
+// 2.3 MiB above the first; on a loaded machine more messages wait at once and ten storms have
+// ended 4.4 MiB above). A daemon that kept the payloads it delivers to the handlers, some
+// 25 MiB over the later storms, would break the memory bound.
 constexpr std::size_t kDescriptorGrowthLaterStorms = 0;
-constexpr std::size_t kRssGrowthLaterStormsKib = 4 * 1024;
+constexpr std::size_t kRssGrowthLaterStormsKib = 8 * 1024;
 // Growth allowed from the idle daemon to the end of the first storm (the peers' connections,
 // allocator arenas of the delivery threads, 64 KiB messages).
 constexpr std::size_t kDescriptorGrowthFirstStorm = 8;
