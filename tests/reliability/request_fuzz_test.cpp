@@ -28,11 +28,13 @@ constexpr int kStorms = 10;
 // ended 4.4 MiB above). A daemon that kept the payloads it delivers to the handlers, some
 // 25 MiB over the later storms, would break the memory bound.
 constexpr std::size_t kDescriptorGrowthLaterStorms = 0;
-constexpr std::size_t kRssGrowthLaterStormsKib = 8 * 1024;
+constexpr std::size_t kRssGrowthLaterStormsKib = std::size_t{8} * 1024;
 // Growth allowed from the idle daemon to the end of the first storm (the peers' connections,
 // allocator arenas of the delivery threads, 64 KiB messages).
 constexpr std::size_t kDescriptorGrowthFirstStorm = 8;
-constexpr std::size_t kRssGrowthFirstStormKib = 32 * 1024;
+constexpr std::size_t kRssGrowthFirstStormKib = std::size_t{32} * 1024;
+
+constexpr std::size_t kMiB = std::size_t{1024} * 1024;
 
 // Keys the daemon does not serve on any board: ids outside its range, an event id, other groups.
 const std::vector<std::pair<std::uint16_t, std::uint16_t>> kUnknownKeys{
@@ -113,7 +115,7 @@ class RequestFuzz : public ReliabilityTest, public ::testing::WithParamInterface
       const auto bytes = ipc::wire::encode_header(header);
       return std::vector<std::uint8_t>(bytes.begin(), bytes.end());
     };
-    const auto broken = [&](const std::string& what, std::vector<std::vector<std::uint8_t>> frames) {
+    const auto broken = [&](const std::string& what, const std::vector<std::vector<std::uint8_t>>& frames) {
       peer.send_frames(frames);
       sent.emplace(tag++, Sent{what, {}, false});
     };
@@ -148,9 +150,9 @@ class RequestFuzz : public ReliabilityTest, public ::testing::WithParamInterface
       broken("three frames", {valid(), {}, {1, 2, 3}});
       broken("four frames", {valid(), {}, {}, {}});
       broken("a payload above 64 KiB", {valid(), random_bytes(65537)});
-      broken("a payload of 1 MiB", {valid(), random_bytes(1024 * 1024)});
+      broken("a payload of 1 MiB", {valid(), random_bytes(kMiB)});
       // Above the inbox's receive limit the connection itself is dropped; it comes back by itself.
-      broken("a payload above 1 MiB", {valid(), random_bytes(1024 * 1024 + 1)});
+      broken("a payload above 1 MiB", {valid(), random_bytes(kMiB + 1)});
     }
 
     const auto awaited = static_cast<std::size_t>(
