@@ -269,7 +269,7 @@ TEST_P(DriverFaultMatrix, EveryCommandFailingOrSlowStopsNothingAndOtherFunctions
                                     fault.json + "}}"));
       for (const std::uint16_t id : command.requests) {
         // Answered or not: the client gives up after its time-out, as real clients do.
-        (void)ask(id, well_formed_argument(spec_of(id).argument), kClientTimeout);
+        (void)ask(id, well_formed_argument(entry_of(id).argument), kClientTimeout);
       }
       const std::uint16_t event_id = p_port ? (plugged ? IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED
                                                        : IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED)

@@ -85,7 +85,7 @@ inline constexpr std::size_t argument_size(Argument argument) {
 }
 
 // One request of the daemon's interface and the families whose daemon serves it.
-struct RequestSpec {
+struct RequestEntry {
   std::uint16_t id;
   const char* name;
   unsigned families;
@@ -93,8 +93,8 @@ struct RequestSpec {
 };
 
 // Every request id of the daemon's interface, in id order.
-inline const std::vector<RequestSpec>& request_table() {
-  static const std::vector<RequestSpec> table{
+inline const std::vector<RequestEntry>& request_table() {
+  static const std::vector<RequestEntry> table{
       {IPC_SYSTEM_MGR__GET_RAM_DATA, "GET_RAM_DATA", kOnAll, Argument::None},
       {IPC_SYSTEM_MGR__GET_HDD_DATA, "GET_HDD_DATA", kOnLt | kOnFc, Argument::None},
       {IPC_SYSTEM_MGR__CNTRL_LED_PANEL, "CNTRL_LED_PANEL", kOnAll, Argument::LedRecord},
@@ -138,17 +138,17 @@ inline const std::vector<RequestSpec>& request_table() {
 }
 
 // The table's entry of one request id; throws std::out_of_range for an id it does not hold.
-inline const RequestSpec& spec_of(std::uint16_t id) {
-  for (const auto& spec : request_table()) {
-    if (spec.id == id) {
-      return spec;
+inline const RequestEntry& entry_of(std::uint16_t id) {
+  for (const auto& entry : request_table()) {
+    if (entry.id == id) {
+      return entry;
     }
   }
   throw std::out_of_range("no request " + std::to_string(id));
 }
 
-inline bool serves(const RequestSpec& spec, const Board& board) {
-  return (spec.families & (1U << board.family)) != 0;
+inline bool serves(const RequestEntry& entry, const Board& board) {
+  return (entry.families & (1U << board.family)) != 0;
 }
 
 // The port every well-formed port request names: port 0 of its group, which holds a module on
@@ -189,11 +189,11 @@ inline std::size_t present_modules(const Json& state, const char* group) {
 
 // What the daemon of `board` answers to a well-formed request (see docs/system-mgr.md), given the
 // emulator's model as it stands; an error answer is always empty.
-inline ExpectedAnswer expected_answer(const RequestSpec& spec, const Board& board, const Json& state) {
+inline ExpectedAnswer expected_answer(const RequestEntry& entry, const Board& board, const Json& state) {
   const bool fc = board.family == SYSTEM_MGR_FAMILY_FC;
   // FC boards have no PON ports: every request about P-port 0 finds no module there.
   const ExpectedAnswer p_port_of_fc{0, 0};
-  switch (spec.id) {
+  switch (entry.id) {
     case IPC_SYSTEM_MGR__GET_RAM_DATA:
     case IPC_SYSTEM_MGR__GET_HDD_DATA:
       return {1, 8};
@@ -402,7 +402,7 @@ class ReliabilityTest : public SystemMgrTest {
   // Waits until the SFP function has recorded the board's F-port modules: its first poll may
   // still be under way when the functions have started.
   void wait_for_sfp_modules() {
-    const auto f_ports = expected_answer(spec_of(IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO), board_, board_state());
+    const auto f_ports = expected_answer(entry_of(IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO), board_, board_state());
     ASSERT_TRUE(xpon::test::wait_until(
         [&] {
           const auto answer = ask(IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO);
@@ -431,22 +431,22 @@ class ReliabilityTest : public SystemMgrTest {
   void expect_answered(const std::vector<std::uint16_t>& ids, const std::string& context) {
     const Json state = board_state();
     for (const std::uint16_t id : ids) {
-      const auto& spec = spec_of(id);
-      const auto expected = expected_answer(spec, board_, state);
-      const auto answer = ask(id, well_formed_argument(spec.argument));
-      ASSERT_TRUE(answer.has_value()) << context << ": no answer to " << spec.name << "\n" << rig_.daemon_log();
-      EXPECT_EQ(answer->result, expected.result) << context << ": " << spec.name;
-      EXPECT_EQ(answer->payload.size(), expected.size) << context << ": " << spec.name;
-      EXPECT_EQ(answer->address, SYSTEM_MGR_REPLY_ADDRESS_WORD) << context << ": " << spec.name;
+      const auto& entry = entry_of(id);
+      const auto expected = expected_answer(entry, board_, state);
+      const auto answer = ask(id, well_formed_argument(entry.argument));
+      ASSERT_TRUE(answer.has_value()) << context << ": no answer to " << entry.name << "\n" << rig_.daemon_log();
+      EXPECT_EQ(answer->result, expected.result) << context << ": " << entry.name;
+      EXPECT_EQ(answer->payload.size(), expected.size) << context << ": " << entry.name;
+      EXPECT_EQ(answer->address, SYSTEM_MGR_REPLY_ADDRESS_WORD) << context << ": " << entry.name;
     }
   }
 
   // Asks every request the board serves.
   void expect_every_request_answered(const std::string& context) {
     std::vector<std::uint16_t> served;
-    for (const auto& spec : request_table()) {
-      if (serves(spec, board_)) {
-        served.push_back(spec.id);
+    for (const auto& entry : request_table()) {
+      if (serves(entry, board_)) {
+        served.push_back(entry.id);
       }
     }
     expect_answered(served, context);

@@ -71,10 +71,10 @@ class RequestFuzz : public ReliabilityTest, public ::testing::WithParamInterface
     };
     const Json state = board_state();
 
-    for (const auto& spec : request_table()) {
-      const bool served = serves(spec, board_);
-      const std::size_t exact = argument_size(spec.argument);
-      const ipc::Payload argument = well_formed_argument(spec.argument);
+    for (const auto& entry : request_table()) {
+      const bool served = serves(entry, board_);
+      const std::size_t exact = argument_size(entry.argument);
+      const ipc::Payload argument = well_formed_argument(entry.argument);
       std::vector<std::size_t> lengths{0, 1, exact, exact + 1, 4096, 65536};
       if (exact > 1) {
         lengths.push_back(exact - 1);
@@ -83,24 +83,24 @@ class RequestFuzz : public ReliabilityTest, public ::testing::WithParamInterface
         // The well-formed argument cut to the length, or followed by random bytes.
         ipc::Payload payload = random_bytes(length);
         std::copy_n(argument.begin(), std::min(length, argument.size()), payload.begin());
-        Sent expectation{std::string(spec.name) + " with " + std::to_string(length) + " bytes", std::nullopt, served};
+        Sent expectation{std::string(entry.name) + " with " + std::to_string(length) + " bytes", std::nullopt, served};
         if (served) {
-          expectation.exact = length < exact ? ExpectedAnswer{0, 0} : expected_answer(spec, board_, state);
+          expectation.exact = length < exact ? ExpectedAnswer{0, 0} : expected_answer(entry, board_, state);
         }
-        peer.send(peer.request_header(IPC_SYSTEM_MGR, spec.id, tag, true), payload);
+        peer.send(peer.request_header(IPC_SYSTEM_MGR, entry.id, tag, true), payload);
         sent.emplace(tag++, expectation);
       }
       for (int round = 0; round < 3; ++round) {
         const auto length = static_cast<std::size_t>(random() % 300);
-        peer.send(peer.request_header(IPC_SYSTEM_MGR, spec.id, tag, true), random_bytes(length));
+        peer.send(peer.request_header(IPC_SYSTEM_MGR, entry.id, tag, true), random_bytes(length));
         sent.emplace(tag++,
-                     Sent{std::string(spec.name) + " with " + std::to_string(length) + " random bytes", {}, served});
+                     Sent{std::string(entry.name) + " with " + std::to_string(length) + " random bytes", {}, served});
       }
       // Without reply information nothing may come back, whatever the handler makes of it.
-      peer.send(peer.request_header(IPC_SYSTEM_MGR, spec.id, tag, false), argument);
-      sent.emplace(tag++, Sent{std::string(spec.name) + " without reply information", {}, false});
-      peer.send(peer.request_header(IPC_SYSTEM_MGR, spec.id, tag, false), random_bytes(4096));
-      sent.emplace(tag++, Sent{std::string(spec.name) + " with 4096 random bytes, no reply information", {}, false});
+      peer.send(peer.request_header(IPC_SYSTEM_MGR, entry.id, tag, false), argument);
+      sent.emplace(tag++, Sent{std::string(entry.name) + " without reply information", {}, false});
+      peer.send(peer.request_header(IPC_SYSTEM_MGR, entry.id, tag, false), random_bytes(4096));
+      sent.emplace(tag++, Sent{std::string(entry.name) + " with 4096 random bytes, no reply information", {}, false});
     }
 
     for (const auto& [group, id] : kUnknownKeys) {
