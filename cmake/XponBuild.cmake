@@ -21,7 +21,9 @@ elseif(XPON_SANITIZER STREQUAL "thread")
   add_compile_options(-fsanitize=thread -fsanitize=signed-integer-overflow -fsanitize-undefined-trap-on-error)
   add_link_options(-fsanitize=thread)
 elseif(XPON_SANITIZER STREQUAL "fuzzer")
-  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  # -O1 as libFuzzer advises: the unoptimised code of a Debug build has several times the
+  # coverage counters (a request handler's target: 2918 against 812), and every run scans them all.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
   add_link_options(-fsanitize=address,undefined)
 elseif(XPON_SANITIZER STREQUAL "none")
   add_compile_options(-fsanitize=signed-integer-overflow -fsanitize-undefined-trap-on-error)

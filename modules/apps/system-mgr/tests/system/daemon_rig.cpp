@@ -132,7 +132,8 @@ std::string DaemonRig::start_emulator(const std::string& example_scenario, std::
   if (!skip.empty()) {
     return {};
   }
-  const std::string scenario = std::string(XPON_EXAMPLES_DIR) + "/" + example_scenario;
+  const std::string scenario =
+      example_scenario.starts_with('/') ? example_scenario : std::string(XPON_EXAMPLES_DIR) + "/" + example_scenario;
   emulator_.emplace(std::vector<std::string>{XPON_BOARD_EMU_PROGRAM, "--scenario", scenario, "--foreground"},
                     std::vector<std::string>{sandbox_.environment_entry()}, path("/emu.out"), path("/emu.log"));
   const bool serving = wait_until(

@@ -45,8 +45,11 @@ class DaemonRig {
   /// Starts xpon-ipc-bus and waits until it serves both sockets; an error text or empty.
   std::string start_bus();
 
-  /// Starts xpon-board-emu with one of the example scenarios ("board-lt.json") in the
-  /// foreground and waits until /dev/board is served. Returns an error text or empty;
+  /// The running bus (to kill it, say); throws std::bad_optional_access before start_bus().
+  [[nodiscard]] xpon::test::Process& bus() { return bus_.value(); }
+
+  /// Starts xpon-board-emu with one of the example scenarios ("board-lt.json"), or the scenario
+  /// file at an absolute path, in the foreground and waits until /dev/board is served. Returns an error text or empty;
   /// sets `skip` instead when FUSE is unusable here (no /dev/fuse, or the mount refused).
   std::string start_emulator(const std::string& example_scenario, std::string& skip);
 

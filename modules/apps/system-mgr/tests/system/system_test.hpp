@@ -143,6 +143,15 @@ class BusSubscriber {
     return next_matching(timeout, [](const BusEvent&) { return true; });
   }
 
+  /// The next event with this key (subscribed with subscribe), or nothing after the time-out;
+  /// other events are passed over.
+  std::optional<BusEvent> next_event_with_key(std::uint16_t group, std::uint16_t id,
+                                              std::chrono::milliseconds timeout) {
+    return next_matching(timeout, [group, id](const BusEvent& event) {
+      return u16_at(event.header, 12) == group && u16_at(event.header, 14) == id;
+    });
+  }
+
   /// The next alarm record of one kind (bytes 9-12 of the record), or nothing after the time-out;
   /// other events are passed over.
   std::optional<BusEvent> next_alarm_of(std::uint32_t alarm_id, std::chrono::milliseconds timeout) {

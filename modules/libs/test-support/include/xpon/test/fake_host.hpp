@@ -158,6 +158,12 @@ class FakeHost final : public host::IHost {
     return calls_;
   }
 
+  /// Forgets the calls recorded so far (readings and failures stay).
+  void clear_calls() {
+    std::lock_guard lock(mutex_);
+    calls_.clear();
+  }
+
  private:
   struct FileSystem {
     struct statvfs stats;
