@@ -47,11 +47,12 @@ const Family kFc{"board-fc.json", "QD7R-FC", 9};
 /// The Election Manager's IPC address, which FC and LC boards link to at start-up.
 constexpr xpon::ipc::Address kElectionManager = 0x0015FFFE;
 
-/// A value from /proc/PID/status in KiB ("VmRSS", "VmHWM"); -1 when it cannot be read.
-double status_kib(pid_t pid, const std::string& field) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+/// A value in KiB from a /proc file of the daemon whose lines read "Field: N kB"; -1 when it
+/// cannot be read.
+double proc_kib(pid_t pid, const std::string& file, const std::string& field) {
+  std::ifstream lines("/proc/" + std::to_string(pid) + "/" + file);
   std::string line;
-  while (std::getline(status, line)) {
+  while (std::getline(lines, line)) {
     if (line.rfind(field + ":", 0) == 0) {
       return std::stod(line.substr(field.size() + 1));
     }
@@ -59,17 +60,15 @@ double status_kib(pid_t pid, const std::string& field) {
   return -1.0;
 }
 
-/// A value from /proc/PID/smaps_rollup in KiB ("Pss", "Pss_Anon", "Pss_File", "Anonymous");
-/// -1 when it cannot be read. Proportional set sizes count a page shared with N processes as 1/N.
+/// A value from /proc/PID/status in KiB ("VmRSS", "VmHWM"); -1 when it cannot be read.
+double status_kib(pid_t pid, const std::string& field) {
+  return proc_kib(pid, "status", field);
+}
+
+/// A value from /proc/PID/smaps_rollup in KiB ("Pss", "Pss_Anon", "Pss_File"); -1 when it
+/// cannot be read. Proportional set sizes count a page shared with N processes as 1/N.
 double smaps_rollup_kib(pid_t pid, const std::string& field) {
-  std::ifstream rollup("/proc/" + std::to_string(pid) + "/smaps_rollup");
-  std::string line;
-  while (std::getline(rollup, line)) {
-    if (line.rfind(field + ":", 0) == 0) {
-      return std::stod(line.substr(field.size() + 1));
-    }
-  }
-  return -1.0;
+  return proc_kib(pid, "smaps_rollup", field);
 }
 
 /// User plus system time of a process in seconds, from /proc/PID/stat; -1 when unreadable.
