@@ -14,7 +14,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -48,14 +47,6 @@ class TempFanSystemTest : public SystemMgrTest {
     ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
   }
 
-  // Applies a patch to the running emulator's model.
-  void patch(const std::string& json) {
-    std::ofstream control(rig_.path("/dev/board-control"));
-    control << json;
-    control.close();
-    ASSERT_TRUE(control.good()) << "the emulator refused " << json << rig_.helper_logs();
-  }
-
   // The first unsigned number after `"key":` in the emulator's board-state.json.
   std::optional<unsigned> state_value(const std::string& key) const {
     const std::string state = xpon::test::read_text_file(rig_.path("/dev/board-state.json"));
@@ -77,14 +68,8 @@ class TempFanSystemTest : public SystemMgrTest {
     ASSERT_TRUE(rig_.wait_for_notification(kReadyText, cycle, kStepTimeout)) << rig_.daemon_log();
   }
 
-  // A client endpoint in the daemon's sandbox, as any other daemon of the board would have; the
-  // sandbox root stays set while the test uses it (endpoints find their peers under it).
-  std::shared_ptr<ipc::ZmqIpc> client(ipc::Address address) {
-    if (!root_) {
-      root_.emplace("XPON_ROOT", rig_.root());
-    }
-    return ipc::make_zmq_endpoint(address, "fan-test-client");
-  }
+  // A client endpoint in the daemon's sandbox, as any other daemon of the board would have.
+  std::shared_ptr<ipc::ZmqIpc> client(ipc::Address address) { return sandbox_endpoint(address, "fan-test-client"); }
 
   core::Result<ipc::Response> ask(std::uint16_t id, ipc::Payload payload = {}) {
     auto endpoint = client(ipc::make_address(0x0042));
@@ -94,8 +79,6 @@ class TempFanSystemTest : public SystemMgrTest {
     request.payload = std::move(payload);
     return endpoint->request(kDaemonAddress, request, kStepTimeout);
   }
-
-  std::optional<xpon::test::ScopedEnv> root_;
 };
 
 TEST_F(TempFanSystemTest, LtBoardReportsEverySensorAndFanAfterReady) {
@@ -156,13 +139,13 @@ TEST_F(TempFanSystemTest, AHotSensorDrivesTheFansTo159AndACoolLastSensorBackTo10
   ASSERT_EQ(state_value("fan_speed_setting"), 102U) << "the example board starts at the minimum rate";
 
   // The last sensor (PON chip) heats above 60 C; the restart's first poll raises the fans.
-  ASSERT_NO_FATAL_FAILURE(patch(R"({"sensors": {"4": {"temperature": 71}}})"));
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(R"({"sensors": {"4": {"temperature": 71}}})"));
   ASSERT_NO_FATAL_FAILURE(restart(2));
   EXPECT_TRUE(wait_for_state("fan_speed_setting", 159)) << rig_.daemon_log();
 
   // It cools while the first sensor heats: within one poll the first raises the fans (the new
   // cycle starts from the minimum) and the last, which decides, lowers them again.
-  ASSERT_NO_FATAL_FAILURE(patch(R"({"sensors": {"0": {"temperature": 65}, "4": {"temperature": 45}}})"));
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(R"({"sensors": {"0": {"temperature": 65}, "4": {"temperature": 45}}})"));
   ASSERT_NO_FATAL_FAILURE(restart(3));
   EXPECT_TRUE(rig_.wait_for_log("Sensor id 4 temperature 45 C. Sensor name: PON chip  ", kStepTimeout))
       << rig_.daemon_log();
@@ -191,7 +174,7 @@ TEST_F(TempFanSystemTest, FailingFanReadsAreAnsweredWithTheErrorResponseAndTheNe
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
   // Every function has subscribed and made its first poll.
   ASSERT_NO_FATAL_FAILURE(settle(1));
-  ASSERT_NO_FATAL_FAILURE(patch(R"({"faults": {"BOARD_GET_FAN_INFO": {"errno": "EIO", "count": 1}}})"));
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(R"({"faults": {"BOARD_GET_FAN_INFO": {"errno": "EIO", "count": 1}}})"));
   const auto failed = ask(IPC_SYSTEM_MGR__GET_FAN_STATES);
   ASSERT_TRUE(failed.has_value()) << failed.error().to_string() << rig_.daemon_log();
   EXPECT_EQ(failed.value().result, 0U) << rig_.helper_logs() << rig_.daemon_log();
@@ -208,7 +191,7 @@ TEST_F(TempFanSystemTest, ADelayedFailingTemperatureReadIsAnsweredWithTheErrorRe
   // Every function has subscribed and made its first poll.
   ASSERT_NO_FATAL_FAILURE(settle(1));
   ASSERT_NO_FATAL_FAILURE(
-      patch(R"({"faults": {"BOARD_GET_TEMP_INFO": {"errno": "EIO", "count": 1, "delay_ms": 1500}}})"));
+      patch_emulator(R"({"faults": {"BOARD_GET_TEMP_INFO": {"errno": "EIO", "count": 1, "delay_ms": 1500}}})"));
   auto slow_client = client(ipc::make_address(0x0043));
   ipc::Request slow;
   slow.group = IPC_SYSTEM_MGR;
@@ -235,7 +218,7 @@ TEST_F(TempFanSystemTest, ATemperatureReadDelayedPastTheIpcTimeOutLeavesTheSuppl
   }
   // Past the IPC time-out of one second.
   constexpr auto kDelay = 1500ms;
-  ASSERT_NO_FATAL_FAILURE(patch(R"({"faults": {"BOARD_GET_TEMP_INFO": {"delay_ms": 1500, "count": 1}}})"));
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(R"({"faults": {"BOARD_GET_TEMP_INFO": {"delay_ms": 1500, "count": 1}}})"));
   ASSERT_NO_FATAL_FAILURE(restart(2));
   const auto start = std::chrono::steady_clock::now();
 
@@ -365,8 +348,8 @@ TEST_P(FaultyOperationTest, ASlowFailingBoardCallGivesTheErrorAnswerAndTheNextCa
   XPON_START_BOARD(operation.scenario, operation.product);
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
   ASSERT_NO_FATAL_FAILURE(settle(1));
-  ASSERT_NO_FATAL_FAILURE(patch(std::string(R"({"faults": {")") + operation.command +
-                                R"(": {"errno": "EIO", "delay_ms": 1500, "count": 1}}})"));
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(std::string(R"({"faults": {")") + operation.command +
+                                         R"(": {"errno": "EIO", "delay_ms": 1500, "count": 1}}})"));
   const auto started = std::chrono::steady_clock::now();
   const auto failed = ask(operation.request, operation.payload);
   ASSERT_TRUE(failed.has_value()) << failed.error().to_string() << rig_.daemon_log();
@@ -401,7 +384,8 @@ TEST_F(TempFanSystemTest, AnUnreadableFanModuleRaisesItsAlarmAndAReadableOneClea
   ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
   ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
   ASSERT_NO_FATAL_FAILURE(settle(1));
-  ASSERT_NO_FATAL_FAILURE(patch(R"({"faults": {"BOARD_GET_FAN_MODULE_STATE": {"errno": "EIO", "count": 1}}})"));
+  ASSERT_NO_FATAL_FAILURE(
+      patch_emulator(R"({"faults": {"BOARD_GET_FAN_MODULE_STATE": {"errno": "EIO", "count": 1}}})"));
   // The restart's first poll finds the module unreadable.
   ASSERT_NO_FATAL_FAILURE(restart(2));
   std::vector<std::string> module_alarms;
