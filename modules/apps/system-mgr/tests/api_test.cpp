@@ -173,5 +173,89 @@ TEST(ClientRecords, ReceivePowerAnswerIsOneLittleEndianDouble) {
   EXPECT_EQ(bytes, (std::array<std::uint8_t, 8>{0x00, 0x00, 0x00, 0x00, 0x00, 0x40, 0x8F, 0x40}));
 }
 
+TEST(RequestCatalogue, ListsEveryRequestOnceInIdOrderUnderItsIdentifier) {
+  ASSERT_GE(std::size(kRequestCatalogue), 36U);
+  EXPECT_EQ(kRequestCatalogue[0].id, 15501);
+  EXPECT_EQ(kRequestCatalogue[35].id, 15536);
+  std::uint16_t previous = IPC_SYSTEM_MGR;
+  for (const RequestInfo& info : kRequestCatalogue) {
+    EXPECT_GT(info.id, previous) << info.name;
+    EXPECT_TRUE(info.name.starts_with("IPC_SYSTEM_MGR__")) << info.name;
+    EXPECT_EQ(find_request(info.id), &info);
+    // The event ids 15537 to 15542 are not requests.
+    EXPECT_TRUE(info.id < IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE ||
+                info.id > IPC_EVENT_SYSTEM_MGR__F_PORT_SFP_MODULE_REMOVED)
+        << info.name;
+    previous = info.id;
+  }
+  EXPECT_EQ(find_request(15500), nullptr);
+  EXPECT_EQ(find_request(15537), nullptr);
+  EXPECT_EQ(find_request(IPC_SYSTEM_MGR__GET_TEMP)->name, "IPC_SYSTEM_MGR__GET_TEMP");
+  EXPECT_EQ(find_request(IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED)->name, "IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED");
+}
+
+TEST(RequestCatalogue, FamiliesArgumentsAndAnswerRecordsAreThoseOfTheDaemon) {
+  const RequestInfo& temp = *find_request(IPC_SYSTEM_MGR__GET_TEMP);
+  EXPECT_EQ(temp.families, static_cast<unsigned>(SYSTEM_MGR_SERVED_BY_ALL));
+  EXPECT_EQ(temp.argument, SYSTEM_MGR_ARGUMENT_NONE);
+  EXPECT_EQ(temp.answer, SYSTEM_MGR_ANSWER_EACH);
+  EXPECT_EQ(temp.record_size, 8U);
+  const RequestInfo& eddi = *find_request(IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA);
+  EXPECT_EQ(eddi.families, static_cast<unsigned>(SYSTEM_MGR_SERVED_BY_LT | SYSTEM_MGR_SERVED_BY_FC));
+  EXPECT_EQ(eddi.argument, SYSTEM_MGR_ARGUMENT_PORT);
+  EXPECT_EQ(eddi.answer, SYSTEM_MGR_ANSWER_ONE);
+  EXPECT_EQ(eddi.record_size, 133U);
+  const RequestInfo& speed = *find_request(IPC_SYSTEM_MGR__SET_FAN_SPEED);
+  EXPECT_EQ(speed.families, static_cast<unsigned>(SYSTEM_MGR_SERVED_BY_LT));
+  EXPECT_EQ(speed.argument, SYSTEM_MGR_ARGUMENT_SPEED);
+  EXPECT_EQ(speed.answer, SYSTEM_MGR_ANSWER_EMPTY);
+  EXPECT_EQ(speed.record_size, 0U);
+  EXPECT_EQ(find_request(IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE)->record_size, 50U);
+  EXPECT_EQ(find_request(IPC_SYSTEM_MGR__GET_FAN_STATES)->record_size, 4U);
+  EXPECT_EQ(find_request(IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER)->record_size, 8U);
+  EXPECT_EQ(find_request(IPC_SYSTEM_MGR__GET_PS_STATES)->record_size, 72U);
+  EXPECT_EQ(argument_size(SYSTEM_MGR_ARGUMENT_PORT), 4U);
+  EXPECT_EQ(argument_size(SYSTEM_MGR_ARGUMENT_SPEED), 1U);
+  EXPECT_EQ(argument_size(SYSTEM_MGR_ARGUMENT_LED), 12U);
+  EXPECT_EQ(argument_size(SYSTEM_MGR_ARGUMENT_NONE), 0U);
+  // An empty answer has no record; every other answer has one.
+  for (const RequestInfo& info : kRequestCatalogue) {
+    EXPECT_EQ(info.answer == SYSTEM_MGR_ANSWER_EMPTY, info.record_size == 0) << info.name;
+    EXPECT_NE(info.families, 0U) << info.name;
+  }
+}
+
+TEST(AlarmKinds, IdsAndNamesComeFromOneList) {
+  EXPECT_EQ(SYSTEM_MGR_ALARM_RAM, 1);
+  EXPECT_EQ(SYSTEM_MGR_ALARM_FAN, 2);
+  EXPECT_EQ(SYSTEM_MGR_ALARM_LOAD_AVERAGE, 3);
+  EXPECT_EQ(SYSTEM_MGR_ALARM_TEMPERATURE, 4);
+  EXPECT_EQ(SYSTEM_MGR_ALARM_DISK_SPACE, 45);
+  EXPECT_EQ(SYSTEM_MGR_ALARM_POWER_SUPPLY, 46);
+  EXPECT_EQ(alarm_kind_name(SYSTEM_MGR_ALARM_LOAD_AVERAGE), "system load average");
+  EXPECT_EQ(alarm_kind_name(SYSTEM_MGR_ALARM_POWER_SUPPLY), "power supply");
+  EXPECT_EQ(alarm_kind_name(5), "");
+}
+
+TEST(ClientRecords, TemperatureAndFanRecordsAreTheDriversLayout) {
+  System_mgr__temperature sensor{};
+  sensor.id = 4;
+  sensor.temperature = -5;
+  const auto sensor_bytes = bytes_of(sensor);
+  EXPECT_EQ(read_at<std::int32_t>(sensor_bytes.data(), 0), 4);
+  EXPECT_EQ(static_cast<std::int8_t>(sensor_bytes[4]), -5);
+  System_mgr__fan_state fan{};
+  fan.present = 1;
+  fan.speed = 0x0102;
+  const auto fan_bytes = bytes_of(fan);
+  EXPECT_EQ(fan_bytes, (std::array<std::uint8_t, 4>{0, 1, 0x02, 0x01}));
+  System_mgr__fan_module_state module{};
+  module.count = 6;
+  module.speed_setting = 102;
+  const auto module_bytes = bytes_of(module);
+  EXPECT_EQ(module_bytes[30], 6);
+  EXPECT_EQ(module_bytes[31], 102);
+}
+
 }  // namespace
 }  // namespace xpon::system_mgr

@@ -61,12 +61,9 @@ class ScriptedFunction : public SysFunction {
   using SysFunction::apply_config_changes;
   using SysFunction::create_alarm_and_send_trap;
   using SysFunction::mutex;
-  using SysFunction::route_request;
   using SysFunction::send_answer;
   using SysFunction::send_error_response;
   using SysFunction::set_thread_starter;
-  using SysFunction::subscribe_requests;
-  using SysFunction::unsubscribe_requests;
   using SysFunction::wake_polling_thread;
 
   // Called with the 1-based number of the poll; the first is the one run() makes itself.
@@ -93,6 +90,17 @@ class RequestOnlyFunction : public SysFunction {
   }
   int subscribes = 0;
   int unsubscribes = 0;
+};
+
+// A function whose requests come from a route table of the test's own; it never polls.
+class RoutedFunction : public SysFunction {
+ public:
+  RoutedFunction(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc)
+      : SysFunction(logger, ipc, "RoutedFunction", std::chrono::milliseconds(0)) {}
+
+  using SysFunction::declare_routes;
+  using SysFunction::subscribe_routes;
+  using SysFunction::unsubscribe_routes;
 };
 
 // A poll held until the test releases it; shared with the poll, which may outlive the test's frame.
@@ -695,24 +703,21 @@ ipc::Request request_with(std::uint16_t id, std::optional<ipc::ReplyTo> reply_to
   return request;
 }
 
-TEST_F(SysFunctionTest, RequestsAreRoutedByIdAndLoggedByIdentifier) {
-  ScriptedFunction function(logger, ipc, 10s);
+TEST_F(SysFunctionTest, RequestsAreRoutedByIdAndLoggedByTheirCatalogueName) {
+  RoutedFunction function(logger, ipc);
   std::vector<std::uint16_t> handled;
-  const auto routes = [&](const ipc::Request& request) {
-    return function.route_request(request,
-                                  {{15501, "IPC_SYSTEM_MGR__GET_RAM_DATA",
-                                    [&](const ipc::Request& r) {
-                                      handled.push_back(r.id);
-                                      return Result<void>(core::success());
-                                    }},
-                                   {15502, "IPC_SYSTEM_MGR__GET_HDD_DATA", [&](const ipc::Request& r) -> Result<void> {
-                                      handled.push_back(r.id);
-                                      return core::ErrorPayload(Error::InvalidState);
-                                    }}});
-  };
+  function.declare_routes({{15501,
+                            [&](const ipc::Request& r) {
+                              handled.push_back(r.id);
+                              return Result<void>(core::success());
+                            }},
+                           {15502, [&](const ipc::Request& r) -> Result<void> {
+                              handled.push_back(r.id);
+                              return core::ErrorPayload(Error::InvalidState);
+                            }}});
   logger->clear();
-  EXPECT_TRUE(routes(request_with(15501)));
-  EXPECT_EQ(routes(request_with(15502)).error().error, Error::InvalidState);
+  EXPECT_TRUE(function.handle_request(request_with(15501)));
+  EXPECT_EQ(function.handle_request(request_with(15502)).error().error, Error::InvalidState);
   EXPECT_EQ(handled, (std::vector<std::uint16_t>{15501, 15502}));
   EXPECT_EQ(logger->texts(), (std::vector<std::string>{"Handle IPC request [IPC_SYSTEM_MGR__GET_RAM_DATA]",
                                                        "Handle IPC request [IPC_SYSTEM_MGR__GET_HDD_DATA]"}));
@@ -720,40 +725,77 @@ TEST_F(SysFunctionTest, RequestsAreRoutedByIdAndLoggedByIdentifier) {
 }
 
 TEST_F(SysFunctionTest, UnknownRequestIsAnErrorNamingBothWordsAndIsNotLoggedOnTheSpot) {
-  ScriptedFunction function(logger, ipc, 10s);
+  RoutedFunction function(logger, ipc);
+  function.declare_routes({{15501, [](const ipc::Request&) { return Result<void>(core::success()); }}});
   logger->clear();
   ipc::Request request = request_with(15599);
   request.group = 15500;
-  const auto result = function.route_request(
-      request,
-      {{15501, "IPC_SYSTEM_MGR__GET_RAM_DATA", [](const ipc::Request&) { return Result<void>(core::success()); }}});
+  const auto result = function.handle_request(request);
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unexpected IPC request: 15500|15599.");
   EXPECT_TRUE(logger->texts().empty());
   EXPECT_TRUE(ipc->responses().empty());
 }
 
+TEST_F(SysFunctionTest, RouteOutsideTheCatalogueOrRoutedTwiceIsRefused) {
+  RoutedFunction function(logger, ipc);
+  const auto handler = [](const ipc::Request&) { return Result<void>(core::success()); };
+  try {
+    function.declare_routes({{15501, handler}, {15537, handler}});
+    ADD_FAILURE() << "declared";
+  } catch (const std::invalid_argument& error) {
+    EXPECT_STREQ(error.what(), "RoutedFunction routes 15537, which is not a request of the catalogue");
+  }
+  try {
+    function.declare_routes({{15501, handler}, {15501, handler}});
+    ADD_FAILURE() << "declared";
+  } catch (const std::invalid_argument& error) {
+    EXPECT_STREQ(error.what(), "RoutedFunction routes 15501 twice");
+  }
+  // Nothing was declared: the defaults stay those of a function without a route table.
+  EXPECT_EQ(function.ipc_subscribe().error().error, Error::NotImplemented);
+}
+
 TEST_F(SysFunctionTest, RequestsAreSubscribedAndUnsubscribedInOrder) {
-  ScriptedFunction function(logger, ipc, 10s);
+  RoutedFunction function(logger, ipc);
   int calls = 0;
-  ASSERT_TRUE(function.subscribe_requests({15527, 15528}, [&](const ipc::Request&) {
+  const auto counted = [&](const ipc::Request&) {
     ++calls;
     return Result<void>(core::success());
-  }));
+  };
+  function.declare_routes({{15527, counted}, {15528, counted}});
+  ASSERT_TRUE(function.ipc_subscribe());
   EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15527}, {15500, 15528}}));
   ASSERT_TRUE(ipc->inject_request(request_with(15528)));
   EXPECT_EQ(calls, 1);
-  ASSERT_TRUE(function.unsubscribe_requests({15527, 15528}));
+  ASSERT_TRUE(function.ipc_unsubscribe());
   EXPECT_TRUE(ipc->request_subscriptions().empty());
   EXPECT_EQ(ipc->unsubscribe_calls(), 2U);
 }
 
-TEST_F(SysFunctionTest, FirstFailedSubscriptionEndsTheWalkWithoutUndoingTheEarlierOnes) {
-  ScriptedFunction function(logger, ipc, 10s);
+TEST_F(SysFunctionTest, OnlyTheRoutesServedOnTheGivenFamiliesAreSubscribed) {
+  RoutedFunction function(logger, ipc);
   const auto handler = [](const ipc::Request&) { return Result<void>(core::success()); };
-  ASSERT_TRUE(function.subscribe_requests({15528}, handler));
+  // 15518 is a P-port request (LT, LC), 15519 an F-port one (LT, FC), 15527 LT only.
+  function.declare_routes({{15518, handler}, {15519, handler}, {15527, handler}});
+  ASSERT_TRUE(function.subscribe_routes(SYSTEM_MGR_SERVED_BY_LC));
+  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15518}}));
+  ASSERT_TRUE(function.unsubscribe_routes(SYSTEM_MGR_SERVED_BY_LC));
+  ASSERT_TRUE(function.subscribe_routes(SYSTEM_MGR_SERVED_BY_FC));
+  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15519}}));
+  ASSERT_TRUE(function.unsubscribe_routes(SYSTEM_MGR_SERVED_BY_FC));
+  ASSERT_TRUE(function.subscribe_routes(SYSTEM_MGR_SERVED_BY_LT));
+  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15518}, {15500, 15519}, {15500, 15527}}));
+  EXPECT_EQ(ipc->unsubscribe_calls(), 2U);
+}
+
+TEST_F(SysFunctionTest, FirstFailedSubscriptionEndsTheWalkWithoutUndoingTheEarlierOnes) {
+  RoutedFunction function(logger, ipc);
+  const auto handler = [](const ipc::Request&) { return Result<void>(core::success()); };
+  function.declare_routes({{15527, handler}, {15528, handler}, {15529, handler}});
+  ASSERT_TRUE(ipc->subscribe_request(ipc::Key{15500, 15528}, handler));
   // 15528 is taken already: the second subscription fails, the third is never tried.
-  const auto result = function.subscribe_requests({15527, 15528, 15529}, handler);
+  const auto result = function.ipc_subscribe();
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Already);
   EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15527}, {15500, 15528}}));
@@ -761,10 +803,12 @@ TEST_F(SysFunctionTest, FirstFailedSubscriptionEndsTheWalkWithoutUndoingTheEarli
 }
 
 TEST_F(SysFunctionTest, FirstFailedUnsubscriptionEndsTheWalk) {
-  ScriptedFunction function(logger, ipc, 10s);
-  ASSERT_TRUE(
-      function.subscribe_requests({15530, 15532}, [](const ipc::Request&) { return Result<void>(core::success()); }));
-  const auto result = function.unsubscribe_requests({15530, 15531, 15532});
+  RoutedFunction function(logger, ipc);
+  const auto handler = [](const ipc::Request&) { return Result<void>(core::success()); };
+  function.declare_routes({{15530, handler}, {15531, handler}, {15532, handler}});
+  ASSERT_TRUE(ipc->subscribe_request(ipc::Key{15500, 15530}, handler));
+  ASSERT_TRUE(ipc->subscribe_request(ipc::Key{15500, 15532}, handler));
+  const auto result = function.ipc_unsubscribe();
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::Empty);
   EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{{15500, 15532}}));

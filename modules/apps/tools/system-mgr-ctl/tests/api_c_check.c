@@ -25,3 +25,25 @@ void system_mgr_api_c_fill_alarm(unsigned char out[305]) {
 int system_mgr_api_c_request_id(void) {
   return IPC_SYSTEM_MGR__GET_TEMP;
 }
+
+/* The request catalogue read from C: each request's id and name. */
+#define SYSTEM_MGR_API_C_REQUEST(name, id, families, argument, shape, record) {id, "IPC_SYSTEM_MGR__" #name},
+static const struct {
+  int id;
+  const char* name;
+} system_mgr_api_c_requests[] = {SYSTEM_MGR_REQUESTS(SYSTEM_MGR_API_C_REQUEST)};
+#undef SYSTEM_MGR_API_C_REQUEST
+
+size_t system_mgr_api_c_request_count(void) {
+  return sizeof system_mgr_api_c_requests / sizeof system_mgr_api_c_requests[0];
+}
+
+const char* system_mgr_api_c_request_name(int id) {
+  size_t i;
+  for (i = 0; i < system_mgr_api_c_request_count(); ++i) {
+    if (system_mgr_api_c_requests[i].id == id) {
+      return system_mgr_api_c_requests[i].name;
+    }
+  }
+  return NULL;
+}

@@ -5,11 +5,13 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 
 namespace xpon::system_mgr {
@@ -50,6 +52,12 @@ bool before(const timespec& a, const timespec& b) noexcept {
 }
 
 std::atomic<IFunctionWaitListener*> function_wait_listener{nullptr};
+
+// Whether the catalogue serves the request on one of the families (SYSTEM_MGR_SERVED_BY_* bits).
+bool served_on(std::uint16_t id, unsigned families) noexcept {
+  const RequestInfo* info = find_request(id);
+  return info != nullptr && (info->families & families) != 0;
+}
 
 void report_wait(FunctionWait what, std::string_view function_name) noexcept {
   if (IFunctionWaitListener* listener = function_wait_listener.load(); listener != nullptr) {
@@ -133,11 +141,17 @@ Result<void> SysFunction::polling() {
 }
 
 Result<void> SysFunction::ipc_subscribe() {
-  return ErrorPayload(Error::NotImplemented);
+  if (!routes_) {
+    return ErrorPayload(Error::NotImplemented);
+  }
+  return subscribe_routes();
 }
 
 Result<void> SysFunction::ipc_unsubscribe() {
-  return ErrorPayload(Error::NotImplemented);
+  if (!routes_) {
+    return ErrorPayload(Error::NotImplemented);
+  }
+  return unsubscribe_routes();
 }
 
 Result<void> SysFunction::run() {
@@ -244,25 +258,48 @@ Result<void> SysFunction::apply_config_changes(const std::vector<Config_change>&
   return core::success();
 }
 
-Result<void> SysFunction::route_request(const ipc::Request& request, std::initializer_list<RequestRoute> routes,
-                                        const std::source_location& caller) {
-  for (const auto& route : routes) {
-    if (route.id == request.id) {
-      log().log(logger::kProgress, fmt::format("Handle IPC request [{}]", route.identifier), caller);
-      return route.handler(request);
+void SysFunction::declare_routes(std::vector<RequestRoute> routes) {
+  for (auto route = routes.begin(); route != routes.end(); ++route) {
+    if (find_request(route->id) == nullptr) {
+      throw std::invalid_argument(
+          fmt::format("{} routes {}, which is not a request of the catalogue", name_, route->id));
+    }
+    if (std::any_of(routes.begin(), route,
+                    [id = route->id](const RequestRoute& earlier) { return earlier.id == id; })) {
+      throw std::invalid_argument(fmt::format("{} routes {} twice", name_, route->id));
     }
   }
-  return ErrorPayload(Error::CommonError, fmt::format("Unexpected IPC request: {}|{}", request.group, request.id),
-                      caller);
+  routes_ = std::move(routes);
 }
 
-Result<void> SysFunction::subscribe_requests(std::initializer_list<std::uint16_t> ids,
-                                             const ipc::RequestHandler& handler, const std::source_location& caller) {
-  for (const std::uint16_t id : ids) {
+Result<void> SysFunction::handle_request(const ipc::Request& request) {
+  if (routes_) {
+    for (const auto& route : *routes_) {
+      if (route.id == request.id) {
+        // Every routed id is in the catalogue: declare_routes checked it.
+        const RequestInfo* info = find_request(route.id);
+        log().log(logger::kProgress, fmt::format("Handle IPC request [{}]", info != nullptr ? info->name : ""),
+                  std::source_location::current());
+        return route.handler(request);
+      }
+    }
+  }
+  return ErrorPayload(Error::CommonError, fmt::format("Unexpected IPC request: {}|{}", request.group, request.id));
+}
+
+Result<void> SysFunction::subscribe_routes(unsigned families, const std::source_location& caller) {
+  if (!routes_) {
+    return core::success();
+  }
+  for (const auto& route : *routes_) {
+    if (!served_on(route.id, families)) {
+      continue;
+    }
     auto subscribed = core::guarded_call(
         log(),
         [&] {
-          return ipc_->subscribe_request(ipc::Key{IPC_SYSTEM_MGR, id}, handler);
+          return ipc_->subscribe_request(ipc::Key{IPC_SYSTEM_MGR, route.id},
+                                         [this](const ipc::Request& request) { return handle_request(request); });
         },
         caller);
     if (!subscribed) {
@@ -272,13 +309,18 @@ Result<void> SysFunction::subscribe_requests(std::initializer_list<std::uint16_t
   return core::success();
 }
 
-Result<void> SysFunction::unsubscribe_requests(std::initializer_list<std::uint16_t> ids,
-                                               const std::source_location& caller) {
-  for (const std::uint16_t id : ids) {
+Result<void> SysFunction::unsubscribe_routes(unsigned families, const std::source_location& caller) {
+  if (!routes_) {
+    return core::success();
+  }
+  for (const auto& route : *routes_) {
+    if (!served_on(route.id, families)) {
+      continue;
+    }
     auto unsubscribed = core::guarded_call(
         log(),
         [&] {
-          return ipc_->unsubscribe_request(ipc::Key{IPC_SYSTEM_MGR, id});
+          return ipc_->unsubscribe_request(ipc::Key{IPC_SYSTEM_MGR, route.id});
         },
         caller);
     if (!unsubscribed) {

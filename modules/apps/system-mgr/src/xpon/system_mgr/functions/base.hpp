@@ -153,11 +153,20 @@ class SysFunction : public ISysFunction {
   /// Error::NotImplemented: a function that does not override it has no polling thread.
   Result<void> polling() override;
 
-  /// Error::NotImplemented: a function that subscribes nothing must override it with success.
+  /// Subscribes the requests of the function's route table (subscribe_routes for every family);
+  /// Error::NotImplemented for a function that declared no route table: a function that
+  /// subscribes nothing must override it with success.
   Result<void> ipc_subscribe() override;
 
-  /// Error::NotImplemented: a function that subscribes nothing must override it with success.
+  /// Unsubscribes what ipc_subscribe subscribed, in the same order; Error::NotImplemented for a
+  /// function that declared no route table.
   Result<void> ipc_unsubscribe() override;
+
+  /// Logs "Handle IPC request [<catalogue name>]" at level 0 and runs the handler the route table
+  /// gives the request's message id; an id the table does not route is neither answered nor
+  /// logged here but returned as Error::CommonError "Unexpected IPC request: <group>|<id>".
+  /// Exceptions of a handler are left to the caller (the IPC library's dispatcher).
+  Result<void> handle_request(const ipc::Request& request);
 
   /// The function's name.
   [[nodiscard]] std::string_view name() const noexcept { return name_; }
@@ -202,30 +211,28 @@ class SysFunction : public ISysFunction {
                                     std::initializer_list<ConfigSection> sections,
                                     const std::source_location& caller = std::source_location::current());
 
-  /// One request a function answers: its message id (module word IPC_SYSTEM_MGR), the
-  /// identifier logged when it arrives, and its handler.
+  /// One request a function answers: its message id (module word IPC_SYSTEM_MGR, an entry of
+  /// the request catalogue kRequestCatalogue, whose name is the one logged) and its handler.
   struct RequestRoute {
     std::uint16_t id;
-    std::string_view identifier;
     std::function<Result<void>(const ipc::Request&)> handler;
   };
 
-  /// The shape every function's handle_request has: logs "Handle IPC request [<identifier>]" at
-  /// level 0 and runs the handler of the request's message id; an unknown id is neither
-  /// answered nor logged here but returned as Error::CommonError "Unexpected IPC request:
-  /// <group>|<id>". Exceptions of a handler are left to the caller.
-  Result<void> route_request(const ipc::Request& request, std::initializer_list<RequestRoute> routes,
-                             const std::source_location& caller = std::source_location::current());
+  /// Declares the function's route table, once, in its constructor. The order of the table is
+  /// the order of subscription and of unsubscription. An id that is not in the catalogue, or
+  /// one routed twice, is a programming error: std::invalid_argument.
+  void declare_routes(std::vector<RequestRoute> routes);
 
-  /// Subscribes the requests (IPC_SYSTEM_MGR, id) in the order given, each to `handler`, each
-  /// call guarded; the first failure is logged and returned, the later ids are not touched and
-  /// the earlier subscriptions are not undone.
-  Result<void> subscribe_requests(std::initializer_list<std::uint16_t> ids, const ipc::RequestHandler& handler,
+  /// Subscribes, in the route table's order, the routed requests the catalogue serves on one of
+  /// `families` (SYSTEM_MGR_SERVED_BY_* bits), each to handle_request and each call guarded; the
+  /// first failure is logged and returned, the later ids are not touched and the earlier
+  /// subscriptions are not undone.
+  Result<void> subscribe_routes(unsigned families = SYSTEM_MGR_SERVED_BY_ALL,
+                                const std::source_location& caller = std::source_location::current());
+
+  /// Unsubscribes the same requests in the same order, as subscribe_routes subscribes them.
+  Result<void> unsubscribe_routes(unsigned families = SYSTEM_MGR_SERVED_BY_ALL,
                                   const std::source_location& caller = std::source_location::current());
-
-  /// Unsubscribes the requests in the order given, as subscribe_requests subscribes them.
-  Result<void> unsubscribe_requests(std::initializer_list<std::uint16_t> ids,
-                                    const std::source_location& caller = std::source_location::current());
 
   /// Answers a request: a response with the payload, the address word 0x0000FFFE, the request's
   /// reply tag and the result word 1, sent to the request's sender. A request without reply
@@ -258,6 +265,8 @@ class SysFunction : public ISysFunction {
   std::mutex mutex_;
   std::atomic<bool> running_;
   ThreadStarter thread_starter_;
+  // Set once by declare_routes, in the derived constructor, then only read.
+  std::optional<std::vector<RequestRoute>> routes_;
   // Written by run's first poll before the thread starts, then by the polling thread alone.
   PollLateness lateness_;
 };

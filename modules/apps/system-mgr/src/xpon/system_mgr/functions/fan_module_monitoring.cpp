@@ -25,7 +25,12 @@ constexpr std::size_t kFirstSpeedByte = 2;
 FanModuleMonitoring::FanModuleMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                                          const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
                                          const std::shared_ptr<board::IBoard>& board, std::chrono::milliseconds period)
-    : FanAlarmFunction(logger, ipc, cfgdb, board, kName, period) {}
+    : FanAlarmFunction(logger, ipc, cfgdb, board, kName, period) {
+  declare_routes(
+      {{IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, [this](const ipc::Request& req) { return get_state(req); }},
+       {IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY, [this](const ipc::Request& req) { return get_factory(req); }},
+       {IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED, [this](const ipc::Request& req) { return set_speed(req); }}});
+}
 
 Result<void> FanModuleMonitoring::fan_module_fault_handler(bool ok) {
   Alarm alarm;
@@ -67,26 +72,6 @@ Result<void> FanModuleMonitoring::polling() {
     }
   }
   return core::success();
-}
-
-Result<void> FanModuleMonitoring::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY,
-                             IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> FanModuleMonitoring::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY,
-                               IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED});
-}
-
-Result<void> FanModuleMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, "IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE",
-                                  [this](const ipc::Request& req) { return get_state(req); }},
-                                 {IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY, "IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY",
-                                  [this](const ipc::Request& req) { return get_factory(req); }},
-                                 {IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED, "IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED",
-                                  [this](const ipc::Request& req) { return set_speed(req); }}});
 }
 
 template <typename Record>

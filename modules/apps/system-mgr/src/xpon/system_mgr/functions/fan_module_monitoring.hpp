@@ -30,15 +30,6 @@ class FanModuleMonitoring : public FanAlarmFunction {
   /// Publishes the module fault alarm, then the speed alarm of every fan of the module.
   Result<void> polling() override;
 
-  /// Subscribes the state, factory and speed requests, in this order.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes them in the same order.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers the three requests; any other id is returned as an unexpected request.
-  Result<void> handle_request(const ipc::Request& request);
-
   /// Publishes the module fault alarm: raised when the module cannot be read (`ok` false).
   Result<void> fan_module_fault_handler(bool ok);
 

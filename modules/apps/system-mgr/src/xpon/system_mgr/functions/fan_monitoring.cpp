@@ -23,7 +23,10 @@ constexpr std::int32_t kRpmPerRps = 60;
 FanMonitoring::FanMonitoring(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
                              const std::shared_ptr<cfgdb::CfgDbWrapper>& cfgdb,
                              const std::shared_ptr<board::IBoard>& board, std::chrono::milliseconds period)
-    : FanAlarmFunction(logger, ipc, cfgdb, board, kName, period) {}
+    : FanAlarmFunction(logger, ipc, cfgdb, board, kName, period) {
+  declare_routes({{IPC_SYSTEM_MGR__GET_FAN_STATES, [this](const ipc::Request& req) { return get_fan_states(req); }},
+                  {IPC_SYSTEM_MGR__SET_FAN_SPEED, [this](const ipc::Request& req) { return set_fan_speed(req); }}});
+}
 
 Result<void> FanMonitoring::polling() {
   auto fans = core::guarded_call(*logger_, [this] { return board_->get_fan_info(); });
@@ -43,22 +46,6 @@ Result<void> FanMonitoring::polling() {
     }
   }
   return core::success();
-}
-
-Result<void> FanMonitoring::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__GET_FAN_STATES, IPC_SYSTEM_MGR__SET_FAN_SPEED},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> FanMonitoring::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_FAN_STATES, IPC_SYSTEM_MGR__SET_FAN_SPEED});
-}
-
-Result<void> FanMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_FAN_STATES, "IPC_SYSTEM_MGR__GET_FAN_STATES",
-                                  [this](const ipc::Request& req) { return get_fan_states(req); }},
-                                 {IPC_SYSTEM_MGR__SET_FAN_SPEED, "IPC_SYSTEM_MGR__SET_FAN_SPEED",
-                                  [this](const ipc::Request& req) { return set_fan_speed(req); }}});
 }
 
 Result<void> FanMonitoring::answer_error(const ipc::Request& request) {

@@ -29,16 +29,6 @@ class FanMonitoring : public FanAlarmFunction {
   /// Publishes the speed alarm of every fan with its current state.
   Result<void> polling() override;
 
-  /// Subscribes IPC_SYSTEM_MGR__GET_FAN_STATES, then IPC_SYSTEM_MGR__SET_FAN_SPEED.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes them in the same order.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers the two requests; any other id is returned as an unexpected request. A request
-  /// without reply information leaves as std::bad_optional_access after the board call.
-  Result<void> handle_request(const ipc::Request& request);
-
  private:
   Result<void> get_fan_states(const ipc::Request& request);
   Result<void> set_fan_speed(const ipc::Request& request);

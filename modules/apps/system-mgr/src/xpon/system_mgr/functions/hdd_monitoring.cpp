@@ -52,6 +52,7 @@ HddMonitoring::HddMonitoring(const std::shared_ptr<ILogger>& logger, const std::
     }
     total_size_ += static_cast<float>(stats.f_blocks) * static_cast<float>(stats.f_bsize) * kBytesToGiB;
   }
+  declare_routes({{IPC_SYSTEM_MGR__GET_HDD_DATA, [this](const ipc::Request& req) { return get_hdd_data(req); }}});
   logger_->progress("{} create successfully", kName);
 }
 
@@ -85,20 +86,6 @@ Result<void> HddMonitoring::cfg_update() {
 Result<void> HddMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
   // The total size is deliberately not measured again.
   return apply_config_changes(changes, {{kConfigSection, [this] { return cfg_update(); }}});
-}
-
-Result<void> HddMonitoring::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__GET_HDD_DATA},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> HddMonitoring::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_HDD_DATA});
-}
-
-Result<void> HddMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_HDD_DATA, "IPC_SYSTEM_MGR__GET_HDD_DATA",
-                                  [this](const ipc::Request& req) { return get_hdd_data(req); }}});
 }
 
 Result<void> HddMonitoring::polling() {

@@ -48,12 +48,6 @@ class HddMonitoring : public SysFunction {
   /// Queries every partition and publishes its alarm record with the current state.
   Result<void> polling() override;
 
-  /// Subscribes IPC_SYSTEM_MGR__GET_HDD_DATA.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes IPC_SYSTEM_MGR__GET_HDD_DATA.
-  Result<void> ipc_unsubscribe() override;
-
   /// The threshold in use: the lowest acceptable free share of a partition in percent.
   [[nodiscard]] std::uint8_t threshold() const noexcept { return threshold_.load(); }
 
@@ -62,7 +56,6 @@ class HddMonitoring : public SysFunction {
 
  private:
   Result<void> cfg_update();
-  Result<void> handle_request(const ipc::Request& request);
   Result<void> get_hdd_data(const ipc::Request& request);
   // statvfs of a partition at its place under the host root; 0, or -1 with errno set.
   int query(const char* mount_point, struct statvfs& stats);

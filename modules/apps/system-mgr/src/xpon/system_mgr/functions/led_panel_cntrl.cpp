@@ -11,25 +11,12 @@ LedPanelCntrl::LedPanelCntrl(const std::shared_ptr<ILogger>& logger, const std::
                              const std::shared_ptr<board::IBoard>& board)
     // The period is never used: the function has no polling thread.
     : SysFunction(logger, ipc, kName, std::chrono::milliseconds(0)), logger_(logger), ipc_(ipc), board_(board) {
+  declare_routes({{IPC_SYSTEM_MGR__CNTRL_LED_PANEL, [this](const ipc::Request& req) { return cntrl_led_panel(req); }}});
   logger_->progress("{} create successfully", kName);
 }
 
 LedPanelCntrl::~LedPanelCntrl() {
   logger_->progress("{} destroy successfully", kName);
-}
-
-Result<void> LedPanelCntrl::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__CNTRL_LED_PANEL},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> LedPanelCntrl::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__CNTRL_LED_PANEL});
-}
-
-Result<void> LedPanelCntrl::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__CNTRL_LED_PANEL, "IPC_SYSTEM_MGR__CNTRL_LED_PANEL",
-                                  [this](const ipc::Request& req) { return cntrl_led_panel(req); }}});
 }
 
 Result<void> LedPanelCntrl::cntrl_led_panel(const ipc::Request& request) {

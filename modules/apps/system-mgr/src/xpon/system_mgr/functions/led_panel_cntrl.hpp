@@ -26,16 +26,6 @@ class LedPanelCntrl : public SysFunction {
   LedPanelCntrl(LedPanelCntrl&&) = delete;
   LedPanelCntrl& operator=(LedPanelCntrl&&) = delete;
 
-  /// Subscribes IPC_SYSTEM_MGR__CNTRL_LED_PANEL.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes IPC_SYSTEM_MGR__CNTRL_LED_PANEL.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers IPC_SYSTEM_MGR__CNTRL_LED_PANEL; any other id is returned as an unexpected request.
-  /// A request without reply information that reaches the answer throws std::bad_optional_access.
-  Result<void> handle_request(const ipc::Request& request);
-
  private:
   Result<void> cntrl_led_panel(const ipc::Request& request);
 

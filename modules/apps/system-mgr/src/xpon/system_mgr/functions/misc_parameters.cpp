@@ -22,16 +22,6 @@ using core::ErrorPayload;
 constexpr std::uint32_t kRedLed = BRD_API__LED_COLOR_RED;
 constexpr std::uint32_t kGreenLed = BRD_API__LED_COLOR_GREEN;
 
-// The requests answered, in the order they are subscribed and unsubscribed.
-constexpr std::initializer_list<std::uint16_t> kRequestIds = {
-    IPC_SYSTEM_MGR__GET_DEVICE_FACTORY,        IPC_SYSTEM_MGR__GET_CRATE_FACTORY,
-    IPC_SYSTEM_MGR__GET_FPGA_VERSION,          IPC_SYSTEM_MGR__GET_CPLD_VERSION,
-    IPC_SYSTEM_MGR__ENABLE_F_BUTTON,           IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET,
-    IPC_SYSTEM_MGR__DISABLE_F_BUTTON,          IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET,
-    IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED,       IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED,
-    IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED,       IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF,
-    IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, IPC_SYSTEM_MGR__P_PORT_LED_OFF};
-
 }  // namespace
 
 MiscParameters::MiscParameters(const std::shared_ptr<ILogger>& logger, const std::shared_ptr<IIpc>& ipc,
@@ -53,6 +43,48 @@ MiscParameters::MiscParameters(const std::shared_ptr<ILogger>& logger, const std
         fmt::format("Get CPLD Config version for {} failed ({}) ", kName, cpld.error().to_string()));
   }
   cpld_version_ = cpld.value();
+  using board::IBoard;
+  declare_routes(
+      {{IPC_SYSTEM_MGR__GET_DEVICE_FACTORY,
+        [this](const ipc::Request& req) { return get_factory(req, device_factory_); }},
+       {IPC_SYSTEM_MGR__GET_CRATE_FACTORY, [this](const ipc::Request& req) { return get_crate_factory(req); }},
+       // The versions read at construction: the hardware is not asked again.
+       {IPC_SYSTEM_MGR__GET_FPGA_VERSION, [this](const ipc::Request& req) { return answer(req, {fpga_version_}); }},
+       {IPC_SYSTEM_MGR__GET_CPLD_VERSION, [this](const ipc::Request& req) { return answer(req, {cpld_version_}); }},
+       {IPC_SYSTEM_MGR__ENABLE_F_BUTTON,
+        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__enable, "f_btn__enable"); }},
+       {IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET,
+        [this](const ipc::Request& req) {
+          return f_btn_call(req, &IBoard::f_btn__enable_hard_reset, "f_btn__enable_hard_reset");
+        }},
+       {IPC_SYSTEM_MGR__DISABLE_F_BUTTON,
+        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__disable, "f_btn__disable"); }},
+       {IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET,
+        [this](const ipc::Request& req) {
+          return f_btn_call(req, &IBoard::f_btn__disable_hard_reset, "f_btn__disable_hard_reset");
+        }},
+       // The operation is named "pooling", as the board interface names it.
+       {IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED,
+        [this](const ipc::Request& req) {
+          return f_btn_call(req, &IBoard::f_btn__is_pooling_enabled, "f_btn__is_pooling_enabled");
+        }},
+       {IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED,
+        [this](const ipc::Request& req) {
+          return f_btn_call(req, &IBoard::f_btn__is_hard_reset_enabled, "f_btn__is_hard_reset_enabled");
+        }},
+       {IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED,
+        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__is_pressed, "f_btn__is_pressed"); }},
+       {IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF,
+        [this](const ipc::Request& req) {
+          return p_port_led_handlers(req, BRD_API__LED_MODE_ON, BRD_API__LED_MODE_OFF);
+        }},
+       {IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF,
+        [this](const ipc::Request& req) {
+          return p_port_led_handlers(req, BRD_API__LED_MODE_OFF, BRD_API__LED_MODE_ON);
+        }},
+       {IPC_SYSTEM_MGR__P_PORT_LED_OFF, [this](const ipc::Request& req) {
+          return p_port_led_handlers(req, BRD_API__LED_MODE_OFF, BRD_API__LED_MODE_OFF);
+        }}});
   logger_->progress("{} create successfully", kName);
 }
 
@@ -65,63 +97,6 @@ Result<std::uint8_t> MiscParameters::read_version(Result<std::uint8_t> (board::I
     return ErrorPayload(Error::InvalidInputArg, "no board");
   }
   return core::guarded_call(*logger_, [this, read] { return ((*board_).*read)(); });
-}
-
-Result<void> MiscParameters::ipc_subscribe() {
-  return subscribe_requests(kRequestIds, [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> MiscParameters::ipc_unsubscribe() {
-  return unsubscribe_requests(kRequestIds);
-}
-
-Result<void> MiscParameters::handle_request(const ipc::Request& request) {
-  using board::IBoard;
-  return route_request(
-      request,
-      {{IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, "IPC_SYSTEM_MGR__GET_DEVICE_FACTORY",
-        [this](const ipc::Request& req) { return get_factory(req, device_factory_); }},
-       {IPC_SYSTEM_MGR__GET_CRATE_FACTORY, "IPC_SYSTEM_MGR__GET_CRATE_FACTORY",
-        [this](const ipc::Request& req) { return get_crate_factory(req); }},
-       // The versions read at construction: the hardware is not asked again.
-       {IPC_SYSTEM_MGR__GET_FPGA_VERSION, "IPC_SYSTEM_MGR__GET_FPGA_VERSION",
-        [this](const ipc::Request& req) { return answer(req, {fpga_version_}); }},
-       {IPC_SYSTEM_MGR__GET_CPLD_VERSION, "IPC_SYSTEM_MGR__GET_CPLD_VERSION",
-        [this](const ipc::Request& req) { return answer(req, {cpld_version_}); }},
-       {IPC_SYSTEM_MGR__ENABLE_F_BUTTON, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON",
-        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__enable, "f_btn__enable"); }},
-       {IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET",
-        [this](const ipc::Request& req) {
-          return f_btn_call(req, &IBoard::f_btn__enable_hard_reset, "f_btn__enable_hard_reset");
-        }},
-       {IPC_SYSTEM_MGR__DISABLE_F_BUTTON, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON",
-        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__disable, "f_btn__disable"); }},
-       {IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET",
-        [this](const ipc::Request& req) {
-          return f_btn_call(req, &IBoard::f_btn__disable_hard_reset, "f_btn__disable_hard_reset");
-        }},
-       // The operation is named "pooling", as the board interface names it.
-       {IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED",
-        [this](const ipc::Request& req) {
-          return f_btn_call(req, &IBoard::f_btn__is_pooling_enabled, "f_btn__is_pooling_enabled");
-        }},
-       {IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED",
-        [this](const ipc::Request& req) {
-          return f_btn_call(req, &IBoard::f_btn__is_hard_reset_enabled, "f_btn__is_hard_reset_enabled");
-        }},
-       {IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, "IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED",
-        [this](const ipc::Request& req) { return f_btn_call(req, &IBoard::f_btn__is_pressed, "f_btn__is_pressed"); }},
-       {IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF",
-        [this](const ipc::Request& req) {
-          return p_port_led_handlers(req, BRD_API__LED_MODE_ON, BRD_API__LED_MODE_OFF);
-        }},
-       {IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF",
-        [this](const ipc::Request& req) {
-          return p_port_led_handlers(req, BRD_API__LED_MODE_OFF, BRD_API__LED_MODE_ON);
-        }},
-       {IPC_SYSTEM_MGR__P_PORT_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_LED_OFF", [this](const ipc::Request& req) {
-          return p_port_led_handlers(req, BRD_API__LED_MODE_OFF, BRD_API__LED_MODE_OFF);
-        }}});
 }
 
 Result<void> MiscParameters::answer(const ipc::Request& request, ipc::Payload payload) {

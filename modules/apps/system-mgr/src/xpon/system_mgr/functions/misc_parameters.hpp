@@ -29,15 +29,6 @@ class MiscParameters : public SysFunction {
   MiscParameters(MiscParameters&&) = delete;
   MiscParameters& operator=(MiscParameters&&) = delete;
 
-  /// Subscribes the fourteen requests, in their id order (the P-port LED requests last).
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes them in the same order.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers the fourteen requests; any other id is returned as an unexpected request.
-  Result<void> handle_request(const ipc::Request& request);
-
   /// Sets the device's factory answer (family id first). Called by the family service before
   /// run: requests read it without a lock.
   void set_device_factory(const System_mgr__factory& record) noexcept { device_factory_ = record; }

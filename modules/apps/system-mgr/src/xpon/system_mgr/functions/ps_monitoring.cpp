@@ -31,6 +31,7 @@ PsMonitoring::PsMonitoring(const std::shared_ptr<ILogger>& logger, const std::sh
                            const std::shared_ptr<board::IBoard>& board, std::chrono::milliseconds period,
                            const std::shared_ptr<host::IHost>& host)
     : SysFunction(logger, ipc, kName, period), logger_(logger), ipc_(ipc), board_(board), host_(host) {
+  declare_routes({{IPC_SYSTEM_MGR__GET_PS_STATES, [this](const ipc::Request& req) { return get_ps_states(req); }}});
   logger_->progress("{} create successfully", kName);
 }
 
@@ -44,20 +45,6 @@ Result<void> PsMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::v
 
 Result<void> PsMonitoring::master_change(const ServiceCtx& /*ctx*/) {
   return core::success();
-}
-
-Result<void> PsMonitoring::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__GET_PS_STATES},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> PsMonitoring::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_PS_STATES});
-}
-
-Result<void> PsMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_PS_STATES, "IPC_SYSTEM_MGR__GET_PS_STATES",
-                                  [this](const ipc::Request& req) { return get_ps_states(req); }}});
 }
 
 Result<void> PsMonitoring::polling() {

@@ -42,15 +42,6 @@ class PsMonitoring : public SysFunction {
   /// Reads every supply and publishes its alarm record with its current state.
   Result<void> polling() override;
 
-  /// Subscribes IPC_SYSTEM_MGR__GET_PS_STATES.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes IPC_SYSTEM_MGR__GET_PS_STATES.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers IPC_SYSTEM_MGR__GET_PS_STATES; any other id is returned as an unexpected request.
-  Result<void> handle_request(const ipc::Request& request);
-
  private:
   Result<void> get_ps_states(const ipc::Request& request);
   // Publishes the alarm record of one supply and logs its flags and identification.

@@ -29,6 +29,8 @@ PwrModuleMonitoring::PwrModuleMonitoring(const std::shared_ptr<ILogger>& logger,
     // The trailing blank is part of the system's text.
     throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", kName, updated.error().to_string()));
   }
+  declare_routes(
+      {{IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, [this](const ipc::Request& req) { return get_pwr_module_state(req); }}});
   logger_->progress("{} create successfully", kName);
 }
 
@@ -53,20 +55,6 @@ Result<void> PwrModuleMonitoring::polling() {
   // Empty on purpose, and a success rather than Error::NotImplemented: the polling thread is
   // started and wakes every period for this poll that does nothing.
   return core::success();
-}
-
-Result<void> PwrModuleMonitoring::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> PwrModuleMonitoring::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE});
-}
-
-Result<void> PwrModuleMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, "IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE",
-                                  [this](const ipc::Request& req) { return get_pwr_module_state(req); }}});
 }
 
 Result<void> PwrModuleMonitoring::get_pwr_module_state(const ipc::Request& request) {

@@ -42,15 +42,6 @@ class PwrModuleMonitoring : public SysFunction {
   /// Does nothing and succeeds, so the polling thread runs all the same.
   Result<void> polling() override;
 
-  /// Subscribes IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE; any other id is returned as an unexpected request.
-  Result<void> handle_request(const ipc::Request& request);
-
  private:
   Result<void> cfg_update();
   Result<void> get_pwr_module_state(const ipc::Request& request);

@@ -35,6 +35,7 @@ RamMonitoring::RamMonitoring(const std::shared_ptr<ILogger>& logger, const std::
     // The trailing blank is part of the system's text.
     throw std::runtime_error(fmt::format("Config update for {} failed ({}) ", kName, updated.error().to_string()));
   }
+  declare_routes({{IPC_SYSTEM_MGR__GET_RAM_DATA, [this](const ipc::Request& req) { return get_ram_data(req); }}});
   logger_->progress("{} create successfully", kName);
 }
 
@@ -61,20 +62,6 @@ Result<void> RamMonitoring::cfg_update() {
 
 Result<void> RamMonitoring::config_change(const ServiceCtx& /*ctx*/, const std::vector<Config_change>& changes) {
   return apply_config_changes(changes, {{kConfigSection, [this] { return cfg_update(); }}});
-}
-
-Result<void> RamMonitoring::ipc_subscribe() {
-  return subscribe_requests({IPC_SYSTEM_MGR__GET_RAM_DATA},
-                            [this](const ipc::Request& request) { return handle_request(request); });
-}
-
-Result<void> RamMonitoring::ipc_unsubscribe() {
-  return unsubscribe_requests({IPC_SYSTEM_MGR__GET_RAM_DATA});
-}
-
-Result<void> RamMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_RAM_DATA, "IPC_SYSTEM_MGR__GET_RAM_DATA",
-                                  [this](const ipc::Request& req) { return get_ram_data(req); }}});
 }
 
 Result<void> RamMonitoring::polling() {

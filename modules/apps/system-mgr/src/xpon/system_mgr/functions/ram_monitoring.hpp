@@ -48,15 +48,6 @@ class RamMonitoring : public SysFunction {
   /// Computes the free share of physical memory and publishes the alarm record with the current state.
   Result<void> polling() override;
 
-  /// Subscribes IPC_SYSTEM_MGR__GET_RAM_DATA.
-  Result<void> ipc_subscribe() override;
-
-  /// Unsubscribes IPC_SYSTEM_MGR__GET_RAM_DATA.
-  Result<void> ipc_unsubscribe() override;
-
-  /// Answers IPC_SYSTEM_MGR__GET_RAM_DATA; any other id is returned as an unexpected request.
-  Result<void> handle_request(const ipc::Request& request);
-
   /// The threshold in use (lowest acceptable free share, percent).
   [[nodiscard]] std::uint8_t threshold() const noexcept { return threshold_.load(); }
 

@@ -16,29 +16,6 @@ using core::Error;
 using core::ErrorPayload;
 using std::placeholders::_1;
 
-// The P-port requests, which an FC board refuses, and the F-port requests, which an LC board refuses.
-constexpr std::initializer_list<std::uint16_t> kLcRequests = {IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT,
-                                                              IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA,
-                                                              IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER,
-                                                              IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO,
-                                                              IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX,
-                                                              IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX};
-constexpr std::initializer_list<std::uint16_t> kFcRequests = {
-    IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT, IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA,
-    IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO, IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX,
-    IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX};
-constexpr std::initializer_list<std::uint16_t> kLtRequests = {IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT,
-                                                              IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT,
-                                                              IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA,
-                                                              IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA,
-                                                              IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER,
-                                                              IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO,
-                                                              IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO,
-                                                              IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX,
-                                                              IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX,
-                                                              IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX,
-                                                              IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX};
-
 // Bytes 4 to 62 of the identification reading are kept; its last byte is not.
 constexpr std::size_t kKeptDataBytes = sizeof(SfpModuleRecord::data);
 static_assert(kKeptDataBytes == sizeof(Brd__sfp_data::data) - 1);
@@ -75,6 +52,61 @@ SfpMonitoring::SfpMonitoring(const std::shared_ptr<ILogger>& logger, const std::
       get_f_port_sfp_eddi_data_(std::bind(&board::IBoard::get_f_port_sfp_eddi_data, board, _1)),
       get_p_port_sfp_eddi_data_(std::bind(&board::IBoard::get_p_port_sfp_eddi_data, board, _1)) {
   // NOLINTEND(modernize-avoid-bind)
+  // A P-port request is refused on an FC board, an F-port request on an LC board; the
+  // refusal texts are kept as they are, "LT or LC" of the P-port TRX requests included.
+  const auto p_port = [this](std::string_view refusal, auto body) {
+    return [this, refusal, body](const ipc::Request& request) -> Result<void> {
+      if (device_family_ == DeviceFamily::FC) {
+        return refuse(request, refusal);
+      }
+      return body(request);
+    };
+  };
+  const auto f_port = [this](std::string_view refusal, auto body) {
+    return [this, refusal, body](const ipc::Request& request) -> Result<void> {
+      if (device_family_ == DeviceFamily::LC) {
+        return refuse(request, refusal);
+      }
+      return body(request);
+    };
+  };
+  declare_routes({
+      {IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT,
+       p_port("IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT request can be handled only LC or LT "
+              "device family",
+              [this](const ipc::Request& r) { return inject(r, true); })},
+      {IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT,
+       f_port("IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT request can be handled only FC or LT "
+              "device family",
+              [this](const ipc::Request& r) { return inject(r, false); })},
+      {IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA,
+       p_port("IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA request can be handled only LC or LT device family",
+              [this](const ipc::Request& r) { return get_eddi_and_send_response(r, true); })},
+      {IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA,
+       f_port("IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA request can be handled only FC or LT device family",
+              [this](const ipc::Request& r) { return get_eddi_and_send_response(r, false); })},
+      {IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER,
+       p_port("IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER request can be handled only LC or LT device family",
+              [this](const ipc::Request& r) { return rx_power(r); })},
+      {IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO,
+       p_port("IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO request can be handled only LC or LT device family",
+              [this](const ipc::Request& r) { return total_info(r, true); })},
+      {IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO,
+       f_port("IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO request can be handled only FC or LT device family",
+              [this](const ipc::Request& r) { return total_info(r, false); })},
+      {IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX,
+       p_port("IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX request can be handled only LT or LC device family",
+              [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, true, true); })},
+      {IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX,
+       f_port("IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX request can be handled only FC or LT device family",
+              [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, true, false); })},
+      {IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX,
+       p_port("IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX request can be handled only LT or LC device family",
+              [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, false, true); })},
+      {IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX,
+       f_port("IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX request can be handled only FC or LT device family",
+              [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, false, false); })},
+  });
   logger_->progress("{} create successfully", kName);
 }
 
@@ -153,27 +185,27 @@ Result<void> SfpMonitoring::fc_polling() {
 }
 
 Result<void> SfpMonitoring::lt_ipc_subscribe() {
-  return subscribe_requests(kLtRequests, [this](const ipc::Request& request) { return handle_request(request); });
+  return subscribe_routes(SYSTEM_MGR_SERVED_BY_LT);
 }
 
 Result<void> SfpMonitoring::lt_ipc_unsubscribe() {
-  return unsubscribe_requests(kLtRequests);
+  return unsubscribe_routes(SYSTEM_MGR_SERVED_BY_LT);
 }
 
 Result<void> SfpMonitoring::lc_ipc_subscribe() {
-  return subscribe_requests(kLcRequests, [this](const ipc::Request& request) { return handle_request(request); });
+  return subscribe_routes(SYSTEM_MGR_SERVED_BY_LC);
 }
 
 Result<void> SfpMonitoring::lc_ipc_unsubscribe() {
-  return unsubscribe_requests(kLcRequests);
+  return unsubscribe_routes(SYSTEM_MGR_SERVED_BY_LC);
 }
 
 Result<void> SfpMonitoring::fc_ipc_subscribe() {
-  return subscribe_requests(kFcRequests, [this](const ipc::Request& request) { return handle_request(request); });
+  return subscribe_routes(SYSTEM_MGR_SERVED_BY_FC);
 }
 
 Result<void> SfpMonitoring::fc_ipc_unsubscribe() {
-  return unsubscribe_requests(kFcRequests);
+  return unsubscribe_routes(SYSTEM_MGR_SERVED_BY_FC);
 }
 
 // --- Polling ------------------------------------------------------------------------------
@@ -251,68 +283,6 @@ Result<void> SfpMonitoring::cmn_polling(bool p_ports) {
 }
 
 // --- Requests -----------------------------------------------------------------------------
-
-Result<void> SfpMonitoring::handle_request(const ipc::Request& req) {
-  // A P-port request is refused on an FC board, an F-port request on an LC board; the
-  // refusal texts are kept as they are, "LT or LC" of the P-port TRX requests included.
-  const auto p_port = [this](std::string_view refusal, auto body) {
-    return [this, refusal, body](const ipc::Request& request) -> Result<void> {
-      if (device_family_ == DeviceFamily::FC) {
-        return refuse(request, refusal);
-      }
-      return body(request);
-    };
-  };
-  const auto f_port = [this](std::string_view refusal, auto body) {
-    return [this, refusal, body](const ipc::Request& request) -> Result<void> {
-      if (device_family_ == DeviceFamily::LC) {
-        return refuse(request, refusal);
-      }
-      return body(request);
-    };
-  };
-  return route_request(
-      req,
-      {
-          {IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT,
-           "IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT",
-           p_port("IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT request can be handled only LC or LT "
-                  "device family",
-                  [this](const ipc::Request& r) { return inject(r, true); })},
-          {IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT,
-           "IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT",
-           f_port("IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT request can be handled only FC or LT "
-                  "device family",
-                  [this](const ipc::Request& r) { return inject(r, false); })},
-          {IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA, "IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA",
-           p_port("IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA request can be handled only LC or LT device family",
-                  [this](const ipc::Request& r) { return get_eddi_and_send_response(r, true); })},
-          {IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA, "IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA",
-           f_port("IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA request can be handled only FC or LT device family",
-                  [this](const ipc::Request& r) { return get_eddi_and_send_response(r, false); })},
-          {IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER, "IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER",
-           p_port("IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER request can be handled only LC or LT device family",
-                  [this](const ipc::Request& r) { return rx_power(r); })},
-          {IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, "IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO",
-           p_port("IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO request can be handled only LC or LT device family",
-                  [this](const ipc::Request& r) { return total_info(r, true); })},
-          {IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO, "IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO",
-           f_port("IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO request can be handled only FC or LT device family",
-                  [this](const ipc::Request& r) { return total_info(r, false); })},
-          {IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX",
-           p_port("IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX request can be handled only LT or LC device family",
-                  [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, true, true); })},
-          {IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX",
-           f_port("IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX request can be handled only FC or LT device family",
-                  [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, true, false); })},
-          {IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX",
-           p_port("IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX request can be handled only LT or LC device family",
-                  [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, false, true); })},
-          {IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX",
-           f_port("IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX request can be handled only FC or LT device family",
-                  [this](const ipc::Request& r) { return cntrl_trx_and_send_response(r, false, false); })},
-      });
-}
 
 Result<void> SfpMonitoring::refuse(const ipc::Request& req, std::string_view text) {
   logger_->error("{}", text);

@@ -66,8 +66,6 @@ class SfpMonitoring : public SysFunction {
   Result<void> fc_ipc_subscribe();
   Result<void> fc_ipc_unsubscribe();
 
-  /// Runs the handler of the request's id after the family check.
-  Result<void> handle_request(const ipc::Request& req);
   /// Answers with the module's diagnostics in engineering units (133 bytes).
   Result<void> get_eddi_and_send_response(const ipc::Request& req, bool p_port);
   /// Switches the module's transmitter and answers with an empty payload.

@@ -84,6 +84,7 @@ TempMonitoring::TempMonitoring(const std::shared_ptr<ILogger>& logger, const std
     slot_max_rate_.emplace(22, false);
     own_slot_ = kFcSlot;
   }
+  declare_routes({{IPC_SYSTEM_MGR__GET_TEMP, [this](const ipc::Request& req) { return get_temp_request(req); }}});
   logger_->progress("{} create successfully", kName);
 }
 
@@ -382,8 +383,7 @@ Result<void> TempMonitoring::handle_event(const ipc::Event& event) {
 }
 
 Result<void> TempMonitoring::ipc_subscribe() {
-  auto subscribed = subscribe_requests({IPC_SYSTEM_MGR__GET_TEMP},
-                                       [this](const ipc::Request& request) { return handle_request(request); });
+  auto subscribed = subscribe_routes();
   if (!subscribed) {
     return subscribed;
   }
@@ -401,7 +401,7 @@ Result<void> TempMonitoring::ipc_subscribe() {
 }
 
 Result<void> TempMonitoring::ipc_unsubscribe() {
-  auto unsubscribed = unsubscribe_requests({IPC_SYSTEM_MGR__GET_TEMP});
+  auto unsubscribed = unsubscribe_routes();
   if (!unsubscribed) {
     return unsubscribed;
   }
@@ -413,11 +413,6 @@ Result<void> TempMonitoring::ipc_unsubscribe() {
     }
   }
   return core::success();
-}
-
-Result<void> TempMonitoring::handle_request(const ipc::Request& request) {
-  return route_request(request, {{IPC_SYSTEM_MGR__GET_TEMP, "IPC_SYSTEM_MGR__GET_TEMP",
-                                  [this](const ipc::Request& req) { return get_temp_request(req); }}});
 }
 
 Result<void> TempMonitoring::get_temp_request(const ipc::Request& request) {

@@ -74,9 +74,6 @@ class TempMonitoring : public SysFunction {
   /// Unsubscribes what ipc_subscribe subscribed, in the same order.
   Result<void> ipc_unsubscribe() override;
 
-  /// Answers IPC_SYSTEM_MGR__GET_TEMP; any other id is returned as an unexpected request.
-  Result<void> handle_request(const ipc::Request& request);
-
   /// Handles the maximum and minimum rate events of the crate's boards (FC only).
   Result<void> handle_event(const ipc::Event& event);
 
