@@ -21,6 +21,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <utility>
 
@@ -34,47 +35,6 @@ using tool::UsageError;
 struct Named {
   std::uint16_t id;
   std::string_view name;
-};
-
-constexpr std::array kRequests{
-    Named{IPC_SYSTEM_MGR__GET_RAM_DATA, "IPC_SYSTEM_MGR__GET_RAM_DATA"},
-    Named{IPC_SYSTEM_MGR__GET_HDD_DATA, "IPC_SYSTEM_MGR__GET_HDD_DATA"},
-    Named{IPC_SYSTEM_MGR__CNTRL_LED_PANEL, "IPC_SYSTEM_MGR__CNTRL_LED_PANEL"},
-    Named{IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, "IPC_SYSTEM_MGR__GET_DEVICE_FACTORY"},
-    Named{IPC_SYSTEM_MGR__GET_CRATE_FACTORY, "IPC_SYSTEM_MGR__GET_CRATE_FACTORY"},
-    Named{IPC_SYSTEM_MGR__GET_FPGA_VERSION, "IPC_SYSTEM_MGR__GET_FPGA_VERSION"},
-    Named{IPC_SYSTEM_MGR__GET_CPLD_VERSION, "IPC_SYSTEM_MGR__GET_CPLD_VERSION"},
-    Named{IPC_SYSTEM_MGR__ENABLE_F_BUTTON, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON"},
-    Named{IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__ENABLE_F_BUTTON_HARD_RESET"},
-    Named{IPC_SYSTEM_MGR__DISABLE_F_BUTTON, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON"},
-    Named{IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET, "IPC_SYSTEM_MGR__DISABLE_F_BUTTON_HARD_RESET"},
-    Named{IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED"},
-    Named{IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED, "IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED"},
-    Named{IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, "IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED"},
-    Named{IPC_SYSTEM_MGR__GET_TEMP, "IPC_SYSTEM_MGR__GET_TEMP"},
-    Named{IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT,
-          "IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT"},
-    Named{IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT,
-          "IPC_SYSTEM_MGR__TRIGGER_EVENT_F_PORTS_SFP_MODULE_INJECT"},
-    Named{IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA, "IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA"},
-    Named{IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA, "IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA"},
-    Named{IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER, "IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER"},
-    Named{IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, "IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO"},
-    Named{IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO, "IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO"},
-    Named{IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX"},
-    Named{IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX"},
-    Named{IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX"},
-    Named{IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX, "IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX"},
-    Named{IPC_SYSTEM_MGR__GET_FAN_STATES, "IPC_SYSTEM_MGR__GET_FAN_STATES"},
-    Named{IPC_SYSTEM_MGR__SET_FAN_SPEED, "IPC_SYSTEM_MGR__SET_FAN_SPEED"},
-    Named{IPC_SYSTEM_MGR__GET_PS_STATES, "IPC_SYSTEM_MGR__GET_PS_STATES"},
-    Named{IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, "IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE"},
-    Named{IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY, "IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY"},
-    Named{IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED, "IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED"},
-    Named{IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, "IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE"},
-    Named{IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF"},
-    Named{IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF"},
-    Named{IPC_SYSTEM_MGR__P_PORT_LED_OFF, "IPC_SYSTEM_MGR__P_PORT_LED_OFF"},
 };
 
 constexpr std::array kDaemonEvents{
@@ -250,14 +210,14 @@ std::string format_other(const ipc::Event& event, bool json) {
   return fmt::format("{}: payload [{}] {}", event_prefix(event), hex(event.payload), byte_count(event.payload.size()));
 }
 
-constexpr std::size_t kTempRecordSize = 8;
-
 Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view unit, std::string_view key_suffix) {
-  if (bytes.size() != 8) {
-    return wrong_size(bytes.size(), "8");
+  static_assert(sizeof(System_mgr__ram_data) == sizeof(System_mgr__hdd_data));
+  static_assert(offsetof(System_mgr__ram_data, free) == offsetof(System_mgr__hdd_data, free));
+  if (bytes.size() != sizeof(System_mgr__ram_data)) {
+    return wrong_size(bytes.size(), std::to_string(sizeof(System_mgr__ram_data)));
   }
-  const float total = read_f32(bytes, 0);
-  const float free = read_f32(bytes, 4);
+  const float total = read_f32(bytes, offsetof(System_mgr__ram_data, total));
+  const float free = read_f32(bytes, offsetof(System_mgr__ram_data, free));
   Decoded decoded;
   decoded.lines.push_back(fmt::format("total {} {}, free {} {}", number(total), unit, number(free), unit));
   decoded.json[fmt::format("total_{}", key_suffix)] = total;
@@ -265,109 +225,41 @@ Decoded decode_two_floats(std::span<const std::uint8_t> bytes, std::string_view 
   return decoded;
 }
 
-Decoded decode_version(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() != 1) {
-    return wrong_size(bytes.size(), "1");
-  }
-  Decoded decoded;
-  decoded.lines.push_back(fmt::format("version 0x{:02x} ({})", bytes[0], bytes[0]));
-  decoded.json["version"] = bytes[0];
-  return decoded;
+/// The decoders of the answers of `ram` and `disk`.
+std::span<const AnswerDecoder> memory_decoders() {
+  static const std::array<AnswerDecoder, 2> decoders{{
+      {IPC_SYSTEM_MGR__GET_RAM_DATA,
+       [](std::span<const std::uint8_t> bytes) { return decode_two_floats(bytes, "kB", "kb"); }},
+      {IPC_SYSTEM_MGR__GET_HDD_DATA,
+       [](std::span<const std::uint8_t> bytes) { return decode_two_floats(bytes, "GiB", "gib"); }},
+  }};
+  return decoders;
 }
 
-Decoded decode_flag(std::span<const std::uint8_t> bytes, std::string_view what) {
-  if (bytes.size() != 1) {
-    return wrong_size(bytes.size(), "1");
-  }
-  Decoded decoded;
-  decoded.lines.push_back(fmt::format("{}: {} ({})", what, bytes[0] != 0 ? "yes" : "no", bytes[0]));
-  decoded.json["value"] = bytes[0];
-  decoded.json["set"] = bytes[0] != 0;
-  return decoded;
-}
-
-Decoded decode_temperatures(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() % kTempRecordSize != 0) {
-    return wrong_size(bytes.size(), "a multiple of 8 (one record per sensor)");
-  }
-  Decoded decoded;
-  Json sensors = Json::array();
-  for (std::size_t offset = 0; offset < bytes.size(); offset += kTempRecordSize) {
-    const auto id = static_cast<std::int32_t>(read_u32(bytes, offset));
-    const auto temperature = static_cast<std::int8_t>(bytes[offset + 4]);
-    decoded.lines.push_back(fmt::format("sensor {}: {}C", id, temperature));
-    sensors.push_back(Json{{"id", id}, {"temperature", temperature}});
-  }
-  if (bytes.empty()) {
-    decoded.lines.emplace_back("no sensors");
-  }
-  decoded.json["sensors"] = sensors;
-  return decoded;
-}
-
-/// The decoded answer of a request whose answer layout is known; nothing otherwise.
+/// The decoded answer of a request whose answer record has a decoder; nothing otherwise.
 std::optional<Decoded> decode_answer(std::uint16_t id, std::span<const std::uint8_t> bytes) {
-  switch (id) {
-    case IPC_SYSTEM_MGR__GET_RAM_DATA:
-      return decode_two_floats(bytes, "kB", "kb");
-    case IPC_SYSTEM_MGR__GET_HDD_DATA:
-      return decode_two_floats(bytes, "GiB", "gib");
-    case IPC_SYSTEM_MGR__GET_DEVICE_FACTORY:
-    case IPC_SYSTEM_MGR__GET_CRATE_FACTORY:
-      return decode_factory(bytes);
-    case IPC_SYSTEM_MGR__GET_FPGA_VERSION:
-    case IPC_SYSTEM_MGR__GET_CPLD_VERSION:
-      return decode_version(bytes);
-    case IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED:
-      return decode_flag(bytes, "front button enabled");
-    case IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED:
-      return decode_flag(bytes, "front button hard reset enabled");
-    case IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED:
-      return decode_flag(bytes, "front button pressed");
-    case IPC_SYSTEM_MGR__GET_TEMP:
-      return decode_temperatures(bytes);
-    case IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA:
-    case IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
-      return decode_eddi(bytes);
-    case IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER:
-      return decode_rx_power(bytes);
-    case IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO:
-    case IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO:
-      return decode_sfp_modules(bytes);
-    case IPC_SYSTEM_MGR__GET_FAN_STATES:
-      return decode_fan_states(bytes);
-    case IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE:
-      return decode_fan_module_state(bytes);
-    case IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY:
-      return decode_fan_module_factory(bytes);
-    case IPC_SYSTEM_MGR__GET_PS_STATES:
-      return decode_ps_states(bytes);
-    case IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE:
-      return decode_pwr_module(bytes);
-    default:
-      return std::nullopt;
+  for (const auto decoders :
+       {memory_decoders(), control_decoders(), power_decoders(), sfp_decoders(), fan_decoders()}) {
+    for (const AnswerDecoder& decoder : decoders) {
+      if (decoder.id == id) {
+        return decoder.decode(bytes);
+      }
+    }
   }
+  return std::nullopt;
 }
 
-RequestArgument argument_of(std::uint16_t id) noexcept {
-  switch (id) {
-    case IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA:
-    case IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA:
-    case IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER:
-    case IPC_SYSTEM_MGR__ENABLE_P_PORT_SFP_MODULE_TRX:
-    case IPC_SYSTEM_MGR__ENABLE_F_PORT_SFP_MODULE_TRX:
-    case IPC_SYSTEM_MGR__DISABLE_P_PORT_SFP_MODULE_TRX:
-    case IPC_SYSTEM_MGR__DISABLE_F_PORT_SFP_MODULE_TRX:
-    case IPC_SYSTEM_MGR__P_PORT_R_LED_ON_G_LED_OFF:
-    case IPC_SYSTEM_MGR__P_PORT_G_LED_ON_R_LED_OFF:
-    case IPC_SYSTEM_MGR__P_PORT_LED_OFF:
+RequestArgument argument_of(const RequestInfo& request) noexcept {
+  switch (request.argument) {
+    case SYSTEM_MGR_ARGUMENT_PORT:
       return RequestArgument::Port;
-    case IPC_SYSTEM_MGR__SET_FAN_SPEED:
-    case IPC_SYSTEM_MGR__SET_FAN_MODULE_SPEED:
+    case SYSTEM_MGR_ARGUMENT_SPEED:
       return RequestArgument::Speed;
-    default:
-      return RequestArgument::None;
+    case SYSTEM_MGR_ARGUMENT_LED:
+    case SYSTEM_MGR_ARGUMENT_NONE:
+      break;
   }
+  return RequestArgument::None;
 }
 
 std::string upper(std::string_view text) {
@@ -380,7 +272,19 @@ std::string upper(std::string_view text) {
 }  // namespace
 
 std::string_view request_name(std::uint16_t id) noexcept {
-  return find_name(kRequests, id);
+  const RequestInfo* request = find_request(id);
+  return request == nullptr ? std::string_view{} : request->name;
+}
+
+std::vector<std::uint16_t> decoded_requests() {
+  std::vector<std::uint16_t> ids;
+  for (const auto decoders :
+       {memory_decoders(), control_decoders(), power_decoders(), sfp_decoders(), fan_decoders()}) {
+    for (const AnswerDecoder& decoder : decoders) {
+      ids.push_back(decoder.id);
+    }
+  }
+  return ids;
 }
 
 std::string_view event_name(ipc::Key key) noexcept {
@@ -400,22 +304,7 @@ std::string_view event_name(ipc::Key key) noexcept {
 }
 
 std::string_view alarm_name(std::uint32_t alarm_id) noexcept {
-  switch (alarm_id) {
-    case SYSTEM_MGR_ALARM_RAM:
-      return "RAM";
-    case SYSTEM_MGR_ALARM_FAN:
-      return "fan";
-    case SYSTEM_MGR_ALARM_LOAD_AVERAGE:
-      return "system load average";
-    case SYSTEM_MGR_ALARM_TEMPERATURE:
-      return "temperature";
-    case SYSTEM_MGR_ALARM_DISK_SPACE:
-      return "disk space";
-    case SYSTEM_MGR_ALARM_POWER_SUPPLY:
-      return "power supply";
-    default:
-      return {};
-  }
+  return alarm_kind_name(alarm_id);
 }
 
 std::uint16_t parse_request_id(std::string_view text) {
@@ -423,8 +312,7 @@ std::uint16_t parse_request_id(std::string_view text) {
     const auto id = static_cast<std::uint16_t>(tool::parse_number(text, 0xFFFF, "--id"));
     if (request_name(id).empty()) {
       throw UsageError(fmt::format("--id: {} is not a request of the system manager ({} to {})", text,
-                                   static_cast<int>(IPC_SYSTEM_MGR__GET_RAM_DATA),
-                                   static_cast<int>(IPC_SYSTEM_MGR__P_PORT_LED_OFF)));
+                                   std::begin(kRequestCatalogue)->id, std::prev(std::end(kRequestCatalogue))->id));
     }
     return id;
   }
@@ -432,7 +320,7 @@ std::uint16_t parse_request_id(std::string_view text) {
   if (!name.starts_with(kRequestPrefix)) {
     name.insert(0, kRequestPrefix);
   }
-  for (const auto& request : kRequests) {
+  for (const RequestInfo& request : kRequestCatalogue) {
     if (request.name == name) {
       return request.id;
     }
@@ -478,13 +366,13 @@ std::string format_event(const ipc::Event& event, bool json) {
 
 std::vector<RequestCommand> request_commands() {
   std::vector<RequestCommand> commands;
-  commands.reserve(kRequests.size());
-  for (const auto& request : kRequests) {
+  commands.reserve(std::size(kRequestCatalogue));
+  for (const RequestInfo& request : kRequestCatalogue) {
     std::string command(request.name.substr(kRequestPrefix.size()));
     std::transform(command.begin(), command.end(), command.begin(), [](char character) {
       return character == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
     });
-    commands.push_back(RequestCommand{request.id, request.name, std::move(command), argument_of(request.id)});
+    commands.push_back(RequestCommand{request.id, request.name, std::move(command), argument_of(request)});
   }
   return commands;
 }
@@ -506,7 +394,7 @@ std::string format_response(ipc::Address from, std::uint16_t id, const ipc::Resp
   }
   // An error answer has no layout to decode.
   const auto decoded =
-      response.result == SYSTEM_MGR_RESULT_ANSWERED ? decode_answer(id, response.payload) : std::nullopt;
+      response.result == SYSTEM_MGR_RESULT_ANSWERED ? decode_answer(id, response.payload) : std::optional<Decoded>{};
   if (json) {
     Json line{{"type", "response"}, {"group", static_cast<int>(IPC_SYSTEM_MGR)}, {"id", id}};
     if (!name.empty()) {
@@ -538,8 +426,8 @@ std::string format_ram(ipc::Address from, const ipc::Response& response, bool js
   if (response.result != SYSTEM_MGR_RESULT_ANSWERED || response.payload.size() != sizeof(System_mgr__ram_data)) {
     return format_response(from, IPC_SYSTEM_MGR__GET_RAM_DATA, response, json);
   }
-  const float total = read_f32(response.payload, 0);
-  const float free = read_f32(response.payload, 4);
+  const float total = read_f32(response.payload, offsetof(System_mgr__ram_data, total));
+  const float free = read_f32(response.payload, offsetof(System_mgr__ram_data, free));
   constexpr double kKibPerMib = 1024.0;
   const double total_mib = static_cast<double>(total) / kKibPerMib;
   const double free_mib = static_cast<double>(free) / kKibPerMib;

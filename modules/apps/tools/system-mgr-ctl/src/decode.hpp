@@ -20,7 +20,11 @@ std::string_view request_name(std::uint16_t id) noexcept;
 /// The identifier of an event known to this tool ("IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED"); empty if unknown.
 std::string_view event_name(ipc::Key key) noexcept;
 
-/// What an alarm identifier is about ("system load average"); empty if unknown.
+/// The request ids whose answers this tool decodes, one entry per registered decoder.
+std::vector<std::uint16_t> decoded_requests();
+
+/// What an alarm identifier is about ("system load average", as the client header names the
+/// alarm kinds); empty if unknown.
 std::string_view alarm_name(std::uint32_t alarm_id) noexcept;
 
 /// Reads a request id: a number (decimal or 0x hex) of the daemon's range, or an identifier with

@@ -143,6 +143,44 @@ Decoded decode_factory(std::span<const std::uint8_t> bytes) {
   return decoded;
 }
 
+Decoded decode_version(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() != sizeof(System_mgr__version)) {
+    return detail::wrong_size(bytes.size(), std::to_string(sizeof(System_mgr__version)));
+  }
+  const std::uint8_t version = bytes[offsetof(System_mgr__version, version)];
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format("version 0x{:02x} ({})", version, version));
+  decoded.json["version"] = version;
+  return decoded;
+}
+
+Decoded decode_flag(std::span<const std::uint8_t> bytes, std::string_view what) {
+  if (bytes.size() != sizeof(System_mgr__flag)) {
+    return detail::wrong_size(bytes.size(), std::to_string(sizeof(System_mgr__flag)));
+  }
+  const std::uint8_t value = bytes[offsetof(System_mgr__flag, value)];
+  Decoded decoded;
+  decoded.lines.push_back(fmt::format("{}: {} ({})", what, value != 0 ? "yes" : "no", value));
+  decoded.json["value"] = value;
+  decoded.json["set"] = value != 0;
+  return decoded;
+}
+
+std::span<const detail::AnswerDecoder> control_decoders() {
+  using Bytes = std::span<const std::uint8_t>;
+  static const std::array<detail::AnswerDecoder, 7> decoders{{
+      {IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, decode_factory},
+      {IPC_SYSTEM_MGR__GET_CRATE_FACTORY, decode_factory},
+      {IPC_SYSTEM_MGR__GET_FPGA_VERSION, decode_version},
+      {IPC_SYSTEM_MGR__GET_CPLD_VERSION, decode_version},
+      {IPC_SYSTEM_MGR__IS_F_BUTTON_ENABLED, [](Bytes bytes) { return decode_flag(bytes, "front button enabled"); }},
+      {IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED,
+       [](Bytes bytes) { return decode_flag(bytes, "front button hard reset enabled"); }},
+      {IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED, [](Bytes bytes) { return decode_flag(bytes, "front button pressed"); }},
+  }};
+  return decoders;
+}
+
 std::string format_factory(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {
   if (!answered_with_size(response, sizeof(System_mgr__factory))) {
     return format_response(from, id, response, json);
@@ -162,23 +200,22 @@ std::string format_factory(ipc::Address from, std::uint16_t id, const ipc::Respo
 }
 
 std::string format_version(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {
-  if (!answered_with_size(response, 1)) {
+  if (!answered_with_size(response, sizeof(System_mgr__version))) {
     return format_response(from, id, response, json);
   }
   const bool fpga = id == IPC_SYSTEM_MGR__GET_FPGA_VERSION;
-  const std::uint8_t version = response.payload[0];
+  const Decoded decoded = decode_version(response.payload);
+  const auto version = decoded.json["version"].get<std::uint8_t>();
   if (json) {
-    return Json{{"type", "version"},
-                {"which", fpga ? "fpga" : "cpld"},
-                {"from", detail::address_text(from)},
-                {"version", version}}
-        .dump();
+    Json line{{"type", "version"}, {"which", fpga ? "fpga" : "cpld"}, {"from", detail::address_text(from)}};
+    line.update(decoded.json);
+    return line.dump();
   }
   return fmt::format("{} version {} (0x{:02x})", fpga ? "FPGA" : "CPLD", version, version);
 }
 
 std::string format_button_query(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {
-  if (!answered_with_size(response, 1)) {
+  if (!answered_with_size(response, sizeof(System_mgr__flag))) {
     return format_response(from, id, response, json);
   }
   std::string_view query = "pressed";
@@ -187,16 +224,13 @@ std::string format_button_query(ipc::Address from, std::uint16_t id, const ipc::
   } else if (id == IPC_SYSTEM_MGR__IS_F_BUTTON_HARD_RESET_ENABLED) {
     query = "hard reset enabled";
   }
-  const std::uint8_t value = response.payload[0];
+  const Decoded decoded = decode_flag(response.payload, query);
   if (json) {
-    return Json{{"type", "button"},
-                {"query", query},
-                {"from", detail::address_text(from)},
-                {"value", value},
-                {"set", value != 0}}
-        .dump();
+    Json line{{"type", "button"}, {"query", query}, {"from", detail::address_text(from)}};
+    line.update(decoded.json);
+    return line.dump();
   }
-  return fmt::format("front button {}: {}", query, value != 0 ? "yes" : "no");
+  return fmt::format("front button {}: {}", query, decoded.json["set"].get<bool>() ? "yes" : "no");
 }
 
 std::string format_setting(ipc::Address from, std::uint16_t id, const ipc::Response& response, bool json) {

@@ -21,6 +21,15 @@ std::string_view family_name(std::uint32_t family) noexcept;
 /// (the crate's image could not be read) is shown as such. Never throws for any payload.
 detail::Decoded decode_factory(std::span<const std::uint8_t> bytes);
 
+/// The one-byte version answer (System_mgr__version).
+detail::Decoded decode_version(std::span<const std::uint8_t> bytes);
+
+/// A one-byte yes/no answer (System_mgr__flag), named `what` in its text line.
+detail::Decoded decode_flag(std::span<const std::uint8_t> bytes, std::string_view what);
+
+/// The decoders of the answers of `factory`, `version` and `button`.
+std::span<const detail::AnswerDecoder> control_decoders();
+
 /// The `factory device|crate` view of a factory answer: a heading line and one indented line per
 /// field, or as JSON one object with every field. An error answer or a payload of another size
 /// is shown as format_response shows it. Never throws for any payload.

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstddef>
+#include <span>
 #include <string>
 
 namespace xpon::system_mgr::ctl {
@@ -14,14 +15,10 @@ namespace {
 using detail::Decoded;
 using detail::Json;
 
-constexpr std::size_t kTempRecordSize = 8;
-constexpr std::size_t kFanRecordSize = 4;
-constexpr std::size_t kFanModuleStateSize = 50;
-constexpr std::size_t kFanModuleFactorySize = 42;
-constexpr std::size_t kFanModuleCountByte = 30;
-constexpr std::size_t kFanModuleSettingByte = 31;
-constexpr std::size_t kFanModuleFirstSpeed = 2;
-constexpr std::size_t kFanModuleMaxFans = 28;
+constexpr std::size_t kTempRecordSize = sizeof(System_mgr__temperature);
+constexpr std::size_t kFanRecordSize = sizeof(System_mgr__fan_state);
+constexpr std::size_t kFanModuleStateSize = sizeof(System_mgr__fan_module_state);
+constexpr std::size_t kFanModuleFactorySize = sizeof(System_mgr__fan_module_factory);
 constexpr unsigned kRpmPerRps = 60;
 
 constexpr std::array<std::string_view, 5> kSensorNames{"PON SFP 1", "PON SFP 2", "Front SFP", "Switch chip",
@@ -67,17 +64,36 @@ std::string_view sensor_name(std::int32_t id) noexcept {
 
 namespace detail {
 
+Decoded decode_temperatures(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() % kTempRecordSize != 0) {
+    return wrong_size(bytes.size(), fmt::format("a multiple of {} (one record per sensor)", kTempRecordSize));
+  }
+  Decoded decoded;
+  Json sensors = Json::array();
+  for (std::size_t offset = 0; offset < bytes.size(); offset += kTempRecordSize) {
+    const auto id = static_cast<std::int32_t>(read_u32(bytes, offset + offsetof(System_mgr__temperature, id)));
+    const auto celsius = static_cast<std::int8_t>(bytes[offset + offsetof(System_mgr__temperature, temperature)]);
+    decoded.lines.push_back(fmt::format("sensor {} ({}): {} °C", id, sensor_name(id), celsius));
+    sensors.push_back(Json{{"id", id}, {"name", sensor_name(id)}, {"temperature_c", celsius}});
+  }
+  if (bytes.empty()) {
+    decoded.lines.emplace_back("no sensors");
+  }
+  decoded.json["sensors"] = sensors;
+  return decoded;
+}
+
 Decoded decode_fan_states(std::span<const std::uint8_t> bytes) {
   if (bytes.size() % kFanRecordSize != 0) {
-    return wrong_size(bytes.size(), "a multiple of 4 (one record per fan)");
+    return wrong_size(bytes.size(), fmt::format("a multiple of {} (one record per fan)", kFanRecordSize));
   }
   Decoded decoded;
   Json fans = Json::array();
   for (std::size_t offset = 0; offset < bytes.size(); offset += kFanRecordSize) {
     const std::size_t fan = offset / kFanRecordSize + 1;
-    const bool fault = bytes[offset] != 0;
-    const bool present = bytes[offset + 1] != 0;
-    const unsigned rps = read_u16(bytes, offset + 2);
+    const bool fault = bytes[offset + offsetof(System_mgr__fan_state, fault)] != 0;
+    const bool present = bytes[offset + offsetof(System_mgr__fan_state, present)] != 0;
+    const unsigned rps = read_u16(bytes, offset + offsetof(System_mgr__fan_state, speed));
     decoded.lines.push_back(fmt::format("fan {}: {}, {}, {} rpm ({} rps)", fan, present ? "present" : "absent",
                                         fault ? "fault" : "no fault", rps * kRpmPerRps, rps));
     fans.push_back(
@@ -92,18 +108,18 @@ Decoded decode_fan_states(std::span<const std::uint8_t> bytes) {
 
 Decoded decode_fan_module_state(std::span<const std::uint8_t> bytes) {
   if (bytes.size() != kFanModuleStateSize) {
-    return wrong_size(bytes.size(), "50");
+    return wrong_size(bytes.size(), std::to_string(kFanModuleStateSize));
   }
   Decoded decoded;
-  const bool present = bytes[0] != 0;
-  const bool fault = bytes[1] != 0;
-  const unsigned count = bytes[kFanModuleCountByte];
-  const unsigned setting = bytes[kFanModuleSettingByte];
+  const bool present = bytes[offsetof(System_mgr__fan_module_state, present)] != 0;
+  const bool fault = bytes[offsetof(System_mgr__fan_module_state, fault)] != 0;
+  const unsigned count = bytes[offsetof(System_mgr__fan_module_state, count)];
+  const unsigned setting = bytes[offsetof(System_mgr__fan_module_state, speed_setting)];
   decoded.lines.push_back(fmt::format("fan module: {}, {}, {} fans, speed setting {}", present ? "present" : "absent",
                                       fault ? "fault" : "no fault", count, setting));
   Json fans = Json::array();
-  for (std::size_t fan = 1; fan <= count && fan <= kFanModuleMaxFans; ++fan) {
-    const unsigned rps = bytes[kFanModuleFirstSpeed + fan - 1];
+  for (std::size_t fan = 1; fan <= count && fan <= SYSTEM_MGR_FAN_MODULE_MAX_FANS; ++fan) {
+    const unsigned rps = bytes[offsetof(System_mgr__fan_module_state, speed) + fan - 1];
     decoded.lines.push_back(fmt::format("fan {}: {} rpm ({} rps)", fan, rps * kRpmPerRps, rps));
     fans.push_back(Json{{"fan", fan}, {"rpm", rps * kRpmPerRps}, {"speed_rps", rps}});
   }
@@ -114,13 +130,16 @@ Decoded decode_fan_module_state(std::span<const std::uint8_t> bytes) {
 
 Decoded decode_fan_module_factory(std::span<const std::uint8_t> bytes) {
   if (bytes.size() != kFanModuleFactorySize) {
-    return wrong_size(bytes.size(), "42");
+    return wrong_size(bytes.size(), std::to_string(kFanModuleFactorySize));
   }
   Decoded decoded;
-  const std::string product = field_text(bytes, 0, 16);
-  const std::string serial = field_text(bytes, 16, 16);
-  const std::string revision = field_text(bytes, 32, 4);
-  const std::string date = field_text(bytes, 36, 6);
+#define FAN_MODULE_FIELD(field) \
+  field_text(bytes, offsetof(System_mgr__fan_module_factory, field), sizeof(System_mgr__fan_module_factory::field))
+  const std::string product = FAN_MODULE_FIELD(product_name);
+  const std::string serial = FAN_MODULE_FIELD(serial_number);
+  const std::string revision = FAN_MODULE_FIELD(hw_revision);
+  const std::string date = FAN_MODULE_FIELD(mfg_date);
+#undef FAN_MODULE_FIELD
   decoded.lines.push_back(
       fmt::format("fan module {}, serial {}, revision {}, made {}", product, serial, revision, date));
   decoded.json =
@@ -128,26 +147,23 @@ Decoded decode_fan_module_factory(std::span<const std::uint8_t> bytes) {
   return decoded;
 }
 
+std::span<const AnswerDecoder> fan_decoders() {
+  static const std::array<AnswerDecoder, 4> decoders{{
+      {IPC_SYSTEM_MGR__GET_TEMP, decode_temperatures},
+      {IPC_SYSTEM_MGR__GET_FAN_STATES, decode_fan_states},
+      {IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE, decode_fan_module_state},
+      {IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY, decode_fan_module_factory},
+  }};
+  return decoders;
+}
+
 }  // namespace detail
 
 std::string format_temperatures(ipc::Address from, const ipc::Response& response, bool json) {
-  const std::span<const std::uint8_t> bytes(response.payload);
-  if (!answered_with(response, bytes.size() % kTempRecordSize == 0)) {
+  if (!answered_with(response, response.payload.size() % kTempRecordSize == 0)) {
     return format_response(from, IPC_SYSTEM_MGR__GET_TEMP, response, json);
   }
-  Decoded decoded;
-  Json sensors = Json::array();
-  for (std::size_t offset = 0; offset < bytes.size(); offset += kTempRecordSize) {
-    const auto id = static_cast<std::int32_t>(detail::read_u32(bytes, offset));
-    const auto celsius = static_cast<std::int8_t>(bytes[offset + 4]);
-    decoded.lines.push_back(fmt::format("sensor {} ({}): {} °C", id, sensor_name(id), celsius));
-    sensors.push_back(Json{{"id", id}, {"name", sensor_name(id)}, {"celsius", celsius}});
-  }
-  if (bytes.empty()) {
-    decoded.lines.emplace_back("no sensors");
-  }
-  decoded.json["sensors"] = sensors;
-  return render(from, "temperatures", decoded, json);
+  return render(from, "temperatures", detail::decode_temperatures(response.payload), json);
 }
 
 std::string format_fan_states(ipc::Address from, const ipc::Response& response, bool json) {

@@ -18,6 +18,9 @@ std::string_view sensor_name(std::int32_t id) noexcept;
 
 namespace detail {
 
+/// The temperature sensors, 8 bytes each (System_mgr__temperature): id, name and °C.
+Decoded decode_temperatures(std::span<const std::uint8_t> bytes);
+
 /// The board's fans, 4 bytes each: presence, fault and speed in rpm (and the driver's rps).
 Decoded decode_fan_states(std::span<const std::uint8_t> bytes);
 
@@ -27,10 +30,13 @@ Decoded decode_fan_module_state(std::span<const std::uint8_t> bytes);
 /// The 42-byte fan module factory record: product, serial number, revision, date.
 Decoded decode_fan_module_factory(std::span<const std::uint8_t> bytes);
 
+/// The decoders of the answers of `temp`, `fans` and `fan-module`.
+std::span<const AnswerDecoder> fan_decoders();
+
 }  // namespace detail
 
 /// `temp`: one line per sensor with its name and °C ("sensor 4 (PON chip): 57 °C"), or as JSON
-/// {"type":"temperatures","sensors":[{"id","name","celsius"}]}. An error answer or a payload that
+/// {"type":"temperatures","sensors":[{"id","name","temperature_c"}]}. An error answer or a payload that
 /// is not 8 bytes per sensor is shown as format_response shows it. Never throws.
 std::string format_temperatures(ipc::Address from, const ipc::Response& response, bool json);
 

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <string_view>
 
@@ -156,6 +157,14 @@ std::string format_psu(ipc::Address from, const ipc::Response& response, bool js
 
 std::string format_power_module(ipc::Address from, const ipc::Response& response, bool json) {
   return format_decoded(from, IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, response, json, "power_module", decode_pwr_module);
+}
+
+std::span<const detail::AnswerDecoder> power_decoders() {
+  static const std::array<detail::AnswerDecoder, 2> decoders{{
+      {IPC_SYSTEM_MGR__GET_PS_STATES, decode_ps_states},
+      {IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, decode_pwr_module},
+  }};
+  return decoders;
 }
 
 }  // namespace xpon::system_mgr::ctl

@@ -24,6 +24,9 @@ detail::Decoded decode_ps_states(std::span<const std::uint8_t> bytes);
 /// size is malformed. Never throws for any payload.
 detail::Decoded decode_pwr_module(std::span<const std::uint8_t> bytes);
 
+/// The decoders of the answers of `psu` and `power-module`.
+std::span<const detail::AnswerDecoder> power_decoders();
+
 /// The `psu` command's view of a GET_PS_STATES answer sent from `from`: the lines of
 /// decode_ps_states, or as JSON {"type":"psu","from":...,"supplies":[...],"data_bytes":N}. An
 /// error answer or a malformed payload is shown as format_response shows it.

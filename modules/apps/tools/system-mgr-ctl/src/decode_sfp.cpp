@@ -3,8 +3,10 @@
 #include "xpon/board/driver_abi.h"
 #include "xpon/system_mgr/api.h"
 
+#include <array>
 #include <cmath>
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace xpon::system_mgr::ctl::detail {
@@ -139,16 +141,27 @@ Decoded decode_eddi(std::span<const std::uint8_t> bytes) {
 }
 
 Decoded decode_rx_power(std::span<const std::uint8_t> bytes) {
-  if (bytes.size() != sizeof(double)) {
-    return wrong_size(bytes.size(), "8");
+  if (bytes.size() != sizeof(System_mgr__rx_power)) {
+    return wrong_size(bytes.size(), std::to_string(sizeof(System_mgr__rx_power)));
   }
-  const double units = read_f64(bytes, 0);
+  const double units = read_f64(bytes, offsetof(System_mgr__rx_power, value));
   const double milliwatts = units / kPowerUnitsPerMilliwatt;
   Decoded decoded;
   decoded.lines.push_back(fmt::format("received power {} mW ({}), {} in 0.1 uW units", number(milliwatts),
                                       dbm_text(milliwatts), number(units)));
   decoded.json = Json{{"rx_power", units}, {"rx_power_mw", milliwatts}, {"rx_power_dbm", dbm_json(milliwatts)}};
   return decoded;
+}
+
+std::span<const AnswerDecoder> sfp_decoders() {
+  static const std::array<AnswerDecoder, 5> decoders{{
+      {IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA, decode_eddi},
+      {IPC_SYSTEM_MGR__GET_F_PORT_EDDI_DATA, decode_eddi},
+      {IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER, decode_rx_power},
+      {IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, decode_sfp_modules},
+      {IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO, decode_sfp_modules},
+  }};
+  return decoders;
 }
 
 }  // namespace xpon::system_mgr::ctl::detail

@@ -47,4 +47,7 @@ Decoded decode_eddi(std::span<const std::uint8_t> bytes);
 /// The receive power answer: one double in 0.1 uW units, shown in mW and dBm.
 Decoded decode_rx_power(std::span<const std::uint8_t> bytes);
 
+/// The decoders of the answers of `sfp list`, `sfp eddi` and `sfp rx-power`.
+std::span<const AnswerDecoder> sfp_decoders();
+
 }  // namespace xpon::system_mgr::ctl::detail

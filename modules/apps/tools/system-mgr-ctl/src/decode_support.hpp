@@ -51,6 +51,13 @@ struct Decoded {
   Json json = Json::object();
 };
 
+/// The decoder of one answer record, registered for the request whose answer it is; the
+/// generic `request` command and the typed command of that request both decode through it.
+struct AnswerDecoder {
+  std::uint16_t id;
+  Decoded (*decode)(std::span<const std::uint8_t> bytes);
+};
+
 /// The decoded view of an answer whose size is not its layout's: "malformed answer: N bytes,
 /// expected E", as its one line and as "error" in JSON.
 Decoded wrong_size(std::size_t size, std::string_view expected);

@@ -336,7 +336,7 @@ TEST_F(SystemMgrCtl, RequestPrintsTheAnswerAndExits0) {
   EXPECT_EQ(client.exit_status(), 0) << client.err();
   EXPECT_EQ(client.out(),
             "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [040000002a000000] "
-            "(8 bytes)\n  sensor 4: 42C\n");
+            "(8 bytes)\n  sensor 4 (PON chip): 42 °C\n");
   EXPECT_EQ(client.err(), "");
 }
 

@@ -30,8 +30,8 @@ TEST(CtlTemp, EverySensorWithItsNameInCelsius) {
   EXPECT_EQ(format_temperatures(kDaemon, answered(payload), false),
             "sensor 0 (PON SFP 1): 41 °C\nsensor 4 (PON chip): -5 °C\nsensor 9 (unknown): 70 °C");
   EXPECT_EQ(format_temperatures(kDaemon, answered(payload), true),
-            R"({"type":"temperatures","from":"0x0019fffe","sensors":[{"id":0,"name":"PON SFP 1","celsius":41},)"
-            R"({"id":4,"name":"PON chip","celsius":-5},{"id":9,"name":"unknown","celsius":70}]})");
+            R"({"type":"temperatures","from":"0x0019fffe","sensors":[{"id":0,"name":"PON SFP 1","temperature_c":41},)"
+            R"({"id":4,"name":"PON chip","temperature_c":-5},{"id":9,"name":"unknown","temperature_c":70}]})");
   EXPECT_EQ(format_temperatures(kDaemon, answered({}), false), "no sensors");
 }
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <set>
@@ -16,6 +17,8 @@ std::size_t system_mgr_api_c_alarm_size(void);
 std::size_t system_mgr_api_c_text_offset(void);
 void system_mgr_api_c_fill_alarm(unsigned char out[305]);
 int system_mgr_api_c_request_id(void);
+std::size_t system_mgr_api_c_request_count(void);
+const char* system_mgr_api_c_request_name(int id);
 }
 
 namespace xpon::system_mgr::ctl {
@@ -78,6 +81,43 @@ TEST(CtlClientHeader, CompilesAsCWithTheSameLayout) {
   EXPECT_EQ(format_event(event, false),
             "9000:9005 alarm from 0x0019fffe: id 1 (RAM) back to normal, instance 0, values 42 0 0, "
             "text \"Free RAM is 42% is back to normal\"");
+}
+
+TEST(CtlClientHeader, TheRequestCatalogueReadsTheSameFromC) {
+  ASSERT_EQ(system_mgr_api_c_request_count(), std::size(kRequestCatalogue));
+  EXPECT_EQ(std::string(system_mgr_api_c_request_name(15515)), "IPC_SYSTEM_MGR__GET_TEMP");
+  EXPECT_EQ(std::string(system_mgr_api_c_request_name(15536)), "IPC_SYSTEM_MGR__P_PORT_LED_OFF");
+  EXPECT_EQ(system_mgr_api_c_request_name(15537), nullptr);
+  for (const RequestInfo& info : kRequestCatalogue) {
+    EXPECT_EQ(std::string(system_mgr_api_c_request_name(info.id)), info.name);
+  }
+}
+
+TEST(CtlDecoders, EveryAnswerRecordOfTheCatalogueHasExactlyOneDecoder) {
+  const auto ids = decoded_requests();
+  for (const RequestInfo& info : kRequestCatalogue) {
+    const auto registered = std::count(ids.begin(), ids.end(), info.id);
+    EXPECT_EQ(registered, info.answer == SYSTEM_MGR_ANSWER_EMPTY ? 0 : 1) << info.name;
+  }
+  for (const std::uint16_t id : ids) {
+    EXPECT_NE(find_request(id), nullptr) << id;
+  }
+}
+
+TEST(CtlDecoders, EachDecoderTakesTheRecordSizeOfTheCatalogueAndRefusesAnotherSize) {
+  for (const RequestInfo& info : kRequestCatalogue) {
+    if (info.answer == SYSTEM_MGR_ANSWER_EMPTY) {
+      continue;
+    }
+    const std::size_t records = info.answer == SYSTEM_MGR_ANSWER_EACH ? 2 : 1;
+    const auto good =
+        format_response(kDaemon, info.id, test::answered(ipc::Payload(records * info.record_size, 0)), true);
+    EXPECT_EQ(good.find("malformed answer"), std::string::npos) << info.name << ": " << good;
+    EXPECT_NE(good.find(R"("decoded":)"), std::string::npos) << info.name;
+    const auto odd = format_response(kDaemon, info.id, test::answered(ipc::Payload(info.record_size + 1, 0)), true);
+    EXPECT_NE(odd.find("malformed answer: " + std::to_string(info.record_size + 1) + " bytes"), std::string::npos)
+        << info.name << ": " << odd;
+  }
 }
 
 TEST(CtlClientHeader, KeysAndAddressesHaveTheirFixedValues) {
@@ -324,10 +364,11 @@ TEST(CtlResponseDecoding, TemperaturesOnePerSensor) {
   EXPECT_EQ(format_response(kDaemon, 15515, answered(payload), false),
             "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload "
             "[000000002d00000003000000fb000000] (16 bytes)\n"
-            "  sensor 0: 45C\n"
-            "  sensor 3: -5C");
+            "  sensor 0 (PON SFP 1): 45 °C\n"
+            "  sensor 3 (Switch chip): -5 °C");
   EXPECT_TRUE(format_response(kDaemon, 15515, answered(payload), true)
-                  .ends_with(R"("decoded":{"sensors":[{"id":0,"temperature":45},{"id":3,"temperature":-5}]}})"));
+                  .ends_with(R"("decoded":{"sensors":[{"id":0,"name":"PON SFP 1","temperature_c":45},)"
+                             R"({"id":3,"name":"Switch chip","temperature_c":-5}]}})"));
   EXPECT_EQ(format_response(kDaemon, 15515, answered({}), false),
             "15500:15515 IPC_SYSTEM_MGR__GET_TEMP from 0x0019fffe: result 1 (answered), payload [] (0 bytes)\n"
             "  no sensors");
