@@ -1,7 +1,8 @@
 // What the functions whose request reads one thing of the board and answers it have in common,
-// checked for each of them: their life and subscription, and for the request: the payload is ignored, a failed read
-// gets the empty error response without a log line, a request without reply information throws after the read (or
-// becomes an exception error on a failed read), a failed send is logged and returned, an unknown id is refused.
+// checked for each of them: their life, and for the request: the payload is ignored, a failed read gets the empty
+// error response without a log line, a request without reply information throws after the read (or becomes an
+// exception error on a failed read). The base's contract (subscriptions, failed sends, unknown ids) is checked for
+// every function in function_contract_test.cpp.
 
 #include "function_test.hpp"
 #include "xpon/system_mgr/functions/ps_monitoring.hpp"
@@ -49,7 +50,6 @@ struct BoardRequest {
   /// ends as Error::Exception (an error answer through send_error_response).
   bool failed_read_without_reply_throws;
   std::unique_ptr<SysFunction> (*make)(const FunctionParts& parts);
-  Result<void> (*handle)(SysFunction& function, const ipc::Request& request);
 };
 
 void PrintTo(const BoardRequest& request, std::ostream* out) {
@@ -122,17 +122,11 @@ const BoardRequest kRequests[] = {
      readable_supplies, supplies_answer(), true,
      [](const FunctionParts& parts) -> std::unique_ptr<SysFunction> {
        return std::make_unique<PsMonitoring>(parts.logger, parts.ipc, parts.board, parts.period, parts.host);
-     },
-     [](SysFunction& function, const ipc::Request& request) {
-       return static_cast<PsMonitoring&>(function).handle_request(request);
      }},
     {"PwrModuleMonitoring", 30000ms, IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE, "IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE",
      BoardOp::get_pwr_module_state, readable_power_module, power_module_answer(), false,
      [](const FunctionParts& parts) -> std::unique_ptr<SysFunction> {
        return std::make_unique<PwrModuleMonitoring>(parts.logger, parts.ipc, parts.cfgdb, parts.board, parts.period);
-     },
-     [](SysFunction& function, const ipc::Request& request) {
-       return static_cast<PwrModuleMonitoring&>(function).handle_request(request);
      }},
 };
 
@@ -148,15 +142,6 @@ TEST_P(BoardRequestTest, LogsItsLifeWithItsNameAndKeepsItsPeriod) {
   EXPECT_TRUE(board->calls().empty());
 }
 
-TEST_P(BoardRequestTest, SubscribesAndUnsubscribesItsRequestOnly) {
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{ipc::Key{IPC_SYSTEM_MGR, GetParam().id}}));
-  ASSERT_TRUE(function->ipc_unsubscribe());
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-  EXPECT_TRUE(board->calls().empty());
-}
-
 TEST_P(BoardRequestTest, AFailingUnsubscriptionIsLoggedAndReturned) {
   auto function = make();
   logger->clear();
@@ -166,17 +151,6 @@ TEST_P(BoardRequestTest, AFailingUnsubscriptionIsLoggedAndReturned) {
   // The error's own line, then the same text where the function returns it.
   EXPECT_EQ(logger->texts(), std::vector<std::string>(2, "Error: Empty. Message: request key not subscribed."));
   EXPECT_TRUE(logger->contains("Error: Empty. Message: request key not subscribed.", 4));
-}
-
-TEST_P(BoardRequestTest, AFailingSubscriptionIsLoggedAndKeepsTheFunctionFromRunning) {
-  auto function = make();
-  ipc->fail_next_subscribe(Error::InvalidState);
-  const auto result = function->run();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
-  EXPECT_FALSE(function->is_running());
-  EXPECT_TRUE(board->calls().empty());
 }
 
 TEST_P(BoardRequestTest, AnswersWhatTheBoardGaveLoggingTheRequest) {
@@ -236,17 +210,6 @@ TEST_P(BoardRequestTest, AFailedReadWhoseErrorResponseFailsReturnsTheSendError) 
   EXPECT_TRUE(ipc->responses().empty());
 }
 
-TEST_P(BoardRequestTest, AFailingAnswerIsLoggedAndReturned) {
-  GetParam().make_readable(*board);
-  auto function = subscribed();
-  ipc->fail_next_send(Error::InvalidState);
-  const auto result = ipc->inject_request(request());
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
-  EXPECT_TRUE(ipc->responses().empty());
-}
-
 TEST_P(BoardRequestTest, WithoutReplyInformationTheHandlerThrowsAfterTheRead) {
   GetParam().make_readable(*board);
   auto function = subscribed();
@@ -271,19 +234,6 @@ TEST_P(BoardRequestTest, WithoutReplyInformationAFailedReadThrowsOrIsAnException
   }
   EXPECT_EQ(board->count(GetParam().op), 1U);
   EXPECT_TRUE(ipc->responses().empty());
-}
-
-TEST_P(BoardRequestTest, AnUnknownRequestIsNeitherAnsweredNorLogged) {
-  auto function = subscribed();
-  auto unknown = request();
-  unknown.id = IPC_SYSTEM_MGR__GET_FAN_STATES;
-  const auto result = GetParam().handle(*function, unknown);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::CommonError);
-  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unexpected IPC request: 15500|15527.");
-  EXPECT_TRUE(logger->texts().empty());
-  EXPECT_TRUE(ipc->responses().empty());
-  EXPECT_TRUE(board->calls().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(PowerFunctions, BoardRequestTest, testing::ValuesIn(kRequests),

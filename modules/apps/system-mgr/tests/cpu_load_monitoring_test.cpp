@@ -84,26 +84,6 @@ TEST_F(CpuLoadMonitoringTest, DefaultThresholdOfAFreshDatabase) {
   EXPECT_EQ(make()->threshold(), defaults[0]);
 }
 
-TEST_F(CpuLoadMonitoringTest, DestructionLogs) {
-  make().reset();
-  const auto texts = logger->texts();
-  ASSERT_GE(texts.size(), 2U);
-  EXPECT_EQ(texts[texts.size() - 2], "CpuLoadMonitoring destroy successfully");
-  EXPECT_EQ(texts.back(), "SysFunction destroy successfully");
-}
-
-TEST_F(CpuLoadMonitoringTest, UnreadableConfigurationAtConstructionThrows) {
-  store_unreadable_threshold();
-  try {
-    make();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Config update for CpuLoadMonitoring failed (Error: ErrorCApi) ");
-  }
-  EXPECT_TRUE(logger->contains("C API function returned -1, errno=" + std::to_string(EINVAL), 4));
-  EXPECT_EQ(errno, 0);
-}
-
 TEST_F(CpuLoadMonitoringTest, MissingDatabaseAtConstructionThrows) {
   try {
     CpuLoadMonitoring function(logger, ipc, nullptr, 30000ms, host);
@@ -123,14 +103,6 @@ TEST_F(CpuLoadMonitoringTest, ChangedThresholdIsReadOnItsChangeEvent) {
   EXPECT_EQ(function->threshold(), 1);
   EXPECT_EQ(logger->texts(), (std::vector<std::string>{"Change config event [ALARM_SYSTEM_LOAD_AVERAGE]"}));
   EXPECT_TRUE(logger->contains("Change config event [ALARM_SYSTEM_LOAD_AVERAGE]", 0));
-}
-
-TEST_F(CpuLoadMonitoringTest, SubscribesNothing) {
-  auto function = make();
-  EXPECT_TRUE(function->ipc_subscribe());
-  EXPECT_TRUE(function->ipc_unsubscribe());
-  EXPECT_EQ(ipc->subscribe_calls(), 0U);
-  EXPECT_EQ(ipc->unsubscribe_calls(), 0U);
 }
 
 TEST_F(CpuLoadMonitoringTest, LargestAverageAtTheThresholdRaisesTheAlarm) {

@@ -69,11 +69,6 @@ TEST_F(FanModuleMonitoringTest, ConstructionReadsTheLimitsAndLogsItsLife) {
   EXPECT_TRUE(logger->contains("FanModuleMonitoring destroy successfully", 0));
 }
 
-TEST_F(FanModuleMonitoringTest, UnreadableSectionFailsConstruction) {
-  store_raw_field(cfgdb::kAlarmSystemFan, "lower_speed", "-1");
-  expect_construction_failure([&] { make(); }, "Config update for FanModuleMonitoring failed (Error: ErrorCApi) ");
-}
-
 TEST_F(FanModuleMonitoringTest, ModuleAlarmFirstThenEveryFan) {
   store_limits(6000, 1200);
   board->answer(BoardOp::get_fan_module_state, module_with({50, 20, 0}));

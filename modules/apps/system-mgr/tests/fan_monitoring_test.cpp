@@ -66,11 +66,6 @@ TEST_F(FanMonitoringTest, ConstructionReadsTheLimitsAndLogsItsLife) {
   EXPECT_TRUE(logger->contains("FanMonitoring destroy successfully", 0));
 }
 
-TEST_F(FanMonitoringTest, UnreadableSectionFailsConstruction) {
-  store_raw_field(cfgdb::kAlarmSystemFan, "upper_speed", "70000");
-  expect_construction_failure([&] { make(); }, "Config update for FanMonitoring failed (Error: ErrorCApi) ");
-}
-
 TEST_F(FanMonitoringTest, SpeedEqualToEitherLimitIsAnAlarmOneInsideIsNot) {
   store_limits(6000, 1200);
   // 20 rps = 1200 rpm, 100 rps = 6000 rpm, 21 and 99 just inside.
@@ -292,13 +287,6 @@ TEST_F(FanMonitoringTest, GetFanStatesFailedSendIsLoggedAndReturned) {
   EXPECT_EQ(result.error().error, Error::Empty);
   EXPECT_TRUE(logger->contains("Error: Empty. Message: injected failure.", 4));
   EXPECT_TRUE(ipc->responses().empty());
-}
-
-TEST_F(FanMonitoringTest, UnexpectedRequestIsCommonError) {
-  auto function = make();
-  const auto result = function->handle_request(request(IPC_SYSTEM_MGR__GET_TEMP));
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().to_string(), "Error: CommonError. Message: Unexpected IPC request: 15500|15515.");
 }
 
 TEST_F(FanMonitoringTest, SubscribesBothRequestsInOrder) {

@@ -406,13 +406,15 @@ TEST_P(FunctionContractTest, AFailingSubscriptionKeepsTheFunctionFromRunning) {
     GTEST_SKIP() << "subscribes nothing";
   }
   auto function = make();
+  board->clear_calls();
   journal->fail_next_subscribe(Error::InvalidState);
   const auto result = function->run();
   ASSERT_TRUE(result.has_error());
   EXPECT_EQ(result.error().error, Error::InvalidState);
   EXPECT_TRUE(logger->contains("Error: InvalidState. Message: injected failure.", 4));
   EXPECT_FALSE(function->is_running());
-  // Nothing after the failed subscription was tried.
+  // No poll was made, and nothing after the failed subscription was tried.
+  EXPECT_TRUE(board->calls().empty());
   EXPECT_EQ(journal->journal(), (std::vector<std::string>{"+" + GetParam().subscriptions.front()}));
 }
 

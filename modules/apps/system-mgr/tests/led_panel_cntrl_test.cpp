@@ -89,15 +89,6 @@ TEST_F(LedPanelCntrlTest, ConfigurationAndMastershipChangesAreIgnored) {
   EXPECT_TRUE(board->calls().empty());
 }
 
-TEST_F(LedPanelCntrlTest, FailedSubscriptionIsReturned) {
-  auto function = make();
-  ipc->fail_next_subscribe(Error::InvalidState);
-  const auto result = function->ipc_subscribe();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-}
-
 TEST_F(LedPanelCntrlTest, TwelveBytePayloadIsPassedToTheBoardAndAnswered) {
   auto function = make();
   logger->clear();
@@ -137,18 +128,6 @@ TEST_F(LedPanelCntrlTest, RecordIsPassedUninterpreted) {
   ASSERT_TRUE(function->handle_request(led_request(payload)));
   ASSERT_EQ(led_calls().size(), 1U);
   EXPECT_TRUE(same_led(led_calls()[0], Brd__led{0xFFFFFFFFU, 7, 0x40302010U}));
-}
-
-TEST_F(LedPanelCntrlTest, ElevenBytePayloadIsRefusedWithoutCallingTheBoard) {
-  auto function = make();
-  ipc::Payload payload = alarm_blink_red();
-  payload.pop_back();
-  expect_refused(*function, payload);
-}
-
-TEST_F(LedPanelCntrlTest, EmptyPayloadIsRefusedWithoutCallingTheBoard) {
-  auto function = make();
-  expect_refused(*function, {});
 }
 
 TEST_F(LedPanelCntrlTest, ThreeBytePayloadIsRefusedWithoutCallingTheBoard) {
@@ -223,21 +202,6 @@ TEST_F(LedPanelCntrlTest, FailedBoardCallWithoutReplyInformationThrowsAfterIt) {
   EXPECT_THROW(static_cast<void>(function->handle_request(request)), std::bad_optional_access);
   EXPECT_EQ(led_calls().size(), 1U);
   EXPECT_TRUE(ipc->responses().empty());
-}
-
-TEST_F(LedPanelCntrlTest, UnknownRequestIsNeitherAnsweredNorLogged) {
-  auto function = make();
-  logger->clear();
-  auto request = led_request(alarm_blink_red());
-  request.id = IPC_SYSTEM_MGR__GET_DEVICE_FACTORY;
-  const auto result = function->handle_request(request);
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::CommonError);
-  ASSERT_TRUE(result.error().info.has_value());
-  EXPECT_EQ(result.error().info->message, "Unexpected IPC request: 15500|15504");
-  EXPECT_TRUE(ipc->responses().empty());
-  EXPECT_TRUE(logger->texts().empty());
-  EXPECT_TRUE(board->calls().empty());
 }
 
 TEST_F(LedPanelCntrlTest, InjectedRequestReachesTheBoardThroughTheSubscription) {

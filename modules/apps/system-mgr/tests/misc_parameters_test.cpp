@@ -195,16 +195,6 @@ TEST_F(MiscParametersTest, SubscribesTheFourteenRequestsInOrderAndUnsubscribesTh
   EXPECT_EQ(ipc->unsubscribe_calls(), 14U);
 }
 
-TEST_F(MiscParametersTest, FailedSubscriptionIsReturnedAndLaterKeysAreNotTouched) {
-  auto function = make();
-  ipc->fail_next_subscribe(Error::InvalidState);
-  const auto result = function->ipc_subscribe();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_EQ(ipc->subscribe_calls(), 1U);
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-}
-
 TEST_F(MiscParametersTest, ConfigurationAndMastershipChangesAreIgnored) {
   auto function = make();
   EXPECT_TRUE(function->config_change({}, {{80, 1, 0}}));
@@ -556,18 +546,6 @@ INSTANTIATE_TEST_SUITE_P(
                                          IPC_SYSTEM_MGR__ENABLE_F_BUTTON, IPC_SYSTEM_MGR__IS_F_BUTTON_PRESSED),
                        ::testing::Values(std::size_t{3}, std::size_t{4}, std::size_t{11}, std::size_t{12},
                                          std::size_t{4096})));
-
-TEST_F(MiscParametersTest, IdOfAnotherFunctionIsAnUnexpectedRequest) {
-  auto function = make();
-  const auto result = function->handle_request(request(IPC_SYSTEM_MGR__TRIGGER_EVENT_P_PORTS_SFP_MODULE_INJECT));
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::CommonError);
-  ASSERT_TRUE(result.error().info.has_value());
-  EXPECT_EQ(result.error().info->message, "Unexpected IPC request: 15500|15516");
-  EXPECT_TRUE(ipc->responses().empty());
-  EXPECT_TRUE(logger->texts().empty());
-  EXPECT_TRUE(board->calls().empty());
-}
 
 TEST_F(MiscParametersTest, LedPanelIdIsNotHandledHere) {
   auto function = make();

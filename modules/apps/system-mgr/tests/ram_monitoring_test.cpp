@@ -135,26 +135,6 @@ TEST_F(RamMonitoringTest, ConstructionReadsTheConfigurationAndLogs) {
   EXPECT_TRUE(logger->contains("RamMonitoring create successfully", 0));
 }
 
-TEST_F(RamMonitoringTest, DestructionLogs) {
-  make().reset();
-  const auto texts = logger->texts();
-  ASSERT_GE(texts.size(), 2U);
-  EXPECT_EQ(texts[texts.size() - 2], "RamMonitoring destroy successfully");
-  EXPECT_EQ(texts.back(), "SysFunction destroy successfully");
-}
-
-TEST_F(RamMonitoringTest, UnreadableConfigurationAtConstructionThrows) {
-  store_unreadable_threshold();
-  try {
-    make();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Config update for RamMonitoring failed (Error: ErrorCApi) ");
-  }
-  EXPECT_TRUE(logger->contains("C API function returned -1, errno=" + std::to_string(EINVAL), 4));
-  EXPECT_EQ(errno, 0);
-}
-
 TEST_F(RamMonitoringTest, ChangeOfTheRamSectionRereadsTheThreshold) {
   store_threshold(10);
   auto function = make();
@@ -193,25 +173,6 @@ TEST_F(RamMonitoringTest, FailedReadOnChangeStopsAtOnceAndKeepsThePreviousThresh
 }
 
 // --- Subscriptions -------------------------------------------------------------------------
-
-TEST_F(RamMonitoringTest, SubscribesAndUnsubscribesTheRamDataRequest) {
-  auto function = make();
-  ASSERT_TRUE(function->ipc_subscribe());
-  EXPECT_EQ(ipc->request_subscriptions(), (std::vector<ipc::Key>{ipc::Key{15500, 15501}}));
-  ASSERT_TRUE(function->ipc_unsubscribe());
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-  EXPECT_EQ(ipc->subscribe_calls(), 1U);
-  EXPECT_EQ(ipc->unsubscribe_calls(), 1U);
-}
-
-TEST_F(RamMonitoringTest, FailedSubscriptionIsReturned) {
-  auto function = make();
-  ipc->fail_next_subscribe(Error::InvalidState);
-  const auto result = function->ipc_subscribe();
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-}
 
 // --- Polling -------------------------------------------------------------------------------
 
@@ -413,16 +374,6 @@ TEST_F(RamMonitoringTest, FailedRequestWithoutReplyInformationReturnsTheReadErro
   EXPECT_TRUE(ipc->responses().empty());
   // The error response could not be addressed: the guard reports it.
   EXPECT_TRUE(logger->contains("An std::exception was thrown: bad optional access ", 4));
-}
-
-TEST_F(RamMonitoringTest, FailedSendOfTheAnswerIsReturned) {
-  host->set_file("/proc/meminfo", kMeminfo);
-  auto function = make();
-  ipc->fail_next_send(Error::InvalidState);
-  const auto result = function->handle_request(ram_request());
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::InvalidState);
-  EXPECT_TRUE(ipc->responses().empty());
 }
 
 TEST_F(RamMonitoringTest, FailedSendOfTheErrorResponseStillReturnsTheReadError) {

@@ -147,15 +147,6 @@ TEST_F(SfpMonitoringTest, SubscribesTheElevenRequests) {
   EXPECT_TRUE(ipc->request_subscriptions().empty());
 }
 
-TEST_F(SfpMonitoringTest, FailingFirstSubscriptionEndsTheWalk) {
-  auto function = make();
-  ipc->fail_next_subscribe(Error::InvalidState);
-  const auto subscribed = function->ipc_subscribe();
-  EXPECT_EQ(error_of(subscribed), Error::InvalidState);
-  EXPECT_EQ(ipc->subscribe_calls(), 1U);
-  EXPECT_TRUE(ipc->request_subscriptions().empty());
-}
-
 TEST_F(SfpMonitoringTest, LcVariantSubscribesTheSixPPortRequests) {
   auto function = make();
   ASSERT_TRUE(function->lc_ipc_subscribe());

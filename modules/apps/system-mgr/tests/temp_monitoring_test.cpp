@@ -712,14 +712,6 @@ TEST_F(TempMonitoringTest, SubscribesTheRequestAndBothEventsAndUndoesThem) {
   EXPECT_TRUE(ipc->event_subscriptions().empty());
 }
 
-TEST_F(TempMonitoringTest, FirstSubscriptionFailureIsReturned) {
-  auto function = make();
-  ipc->fail_next_subscribe();
-  ASSERT_TRUE(function->ipc_subscribe().has_error());
-  EXPECT_EQ(ipc->subscribe_calls(), 1U);
-  EXPECT_TRUE(ipc->event_subscriptions().empty());
-}
-
 // --- Threads ----------------------------------------------------------------------------------
 
 TEST_F(TempMonitoringTest, EventsConfigurationAndPollsShareTheStateSafely) {

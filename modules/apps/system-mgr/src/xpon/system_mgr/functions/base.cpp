@@ -287,7 +287,8 @@ Result<void> SysFunction::handle_request(const ipc::Request& request) {
   return ErrorPayload(Error::CommonError, fmt::format("Unexpected IPC request: {}|{}", request.group, request.id));
 }
 
-Result<void> SysFunction::subscribe_routes(unsigned families, const std::source_location& caller) {
+Result<void> SysFunction::walk_routes(unsigned families, const std::source_location& caller,
+                                      const std::function<Result<void>(ipc::Key)>& call) {
   if (!routes_) {
     return core::success();
   }
@@ -295,39 +296,27 @@ Result<void> SysFunction::subscribe_routes(unsigned families, const std::source_
     if (!served_on(route.id, families)) {
       continue;
     }
-    auto subscribed = core::guarded_call(
+    auto done = core::guarded_call(
         log(),
         [&] {
-          return ipc_->subscribe_request(ipc::Key{IPC_SYSTEM_MGR, route.id},
-                                         [this](const ipc::Request& request) { return handle_request(request); });
+          return call(ipc::Key{IPC_SYSTEM_MGR, route.id});
         },
         caller);
-    if (!subscribed) {
-      return core::propagate(log(), std::move(subscribed), caller);
+    if (!done) {
+      return core::propagate(log(), std::move(done), caller);
     }
   }
   return core::success();
 }
 
+Result<void> SysFunction::subscribe_routes(unsigned families, const std::source_location& caller) {
+  return walk_routes(families, caller, [this](ipc::Key key) {
+    return ipc_->subscribe_request(key, [this](const ipc::Request& request) { return handle_request(request); });
+  });
+}
+
 Result<void> SysFunction::unsubscribe_routes(unsigned families, const std::source_location& caller) {
-  if (!routes_) {
-    return core::success();
-  }
-  for (const auto& route : *routes_) {
-    if (!served_on(route.id, families)) {
-      continue;
-    }
-    auto unsubscribed = core::guarded_call(
-        log(),
-        [&] {
-          return ipc_->unsubscribe_request(ipc::Key{IPC_SYSTEM_MGR, route.id});
-        },
-        caller);
-    if (!unsubscribed) {
-      return core::propagate(log(), std::move(unsubscribed), caller);
-    }
-  }
-  return core::success();
+  return walk_routes(families, caller, [this](ipc::Key key) { return ipc_->unsubscribe_request(key); });
 }
 
 Result<void> SysFunction::send_answer(const ipc::Request& request, ipc::Payload payload) {

@@ -256,6 +256,11 @@ class SysFunction : public ISysFunction {
  private:
   void thread_fn();
 
+  // Calls `call` with the key of each routed request served on one of `families`, in the route
+  // table's order, each call guarded; the first failure is logged and returned.
+  Result<void> walk_routes(unsigned families, const std::source_location& caller,
+                           const std::function<Result<void>(ipc::Key)>& call);
+
   std::shared_ptr<ILogger> logger_;
   std::shared_ptr<IIpc> ipc_;
   std::string_view name_;
