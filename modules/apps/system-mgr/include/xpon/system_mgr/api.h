@@ -149,7 +149,7 @@ enum System_mgr__answer_shape {
   X(P_PORT_LED_OFF, 15536, SYSTEM_MGR_SERVED_BY_ALL, SYSTEM_MGR_ARGUMENT_PORT, SYSTEM_MGR_ANSWER_EMPTY, void)
 
 /* Requests answered by the daemon (module word IPC_SYSTEM_MGR): IPC_SYSTEM_MGR__<NAME> = id. */
-#define SYSTEM_MGR_REQUEST_ID(name, id, families, argument, shape, record) IPC_SYSTEM_MGR__##name = id,
+#define SYSTEM_MGR_REQUEST_ID(name, id, families, argument, shape, record) IPC_SYSTEM_MGR__##name = (id),
 enum System_mgr__request_id { SYSTEM_MGR_REQUESTS(SYSTEM_MGR_REQUEST_ID) };
 #undef SYSTEM_MGR_REQUEST_ID
 
@@ -188,7 +188,7 @@ enum { SYSTEM_MGR_ALARM_RAISED = 0, SYSTEM_MGR_ALARM_BACK_TO_NORMAL = 1 };
   X(POWER_SUPPLY, 46, "power supply")
 
 /* Alarm::alarm_id values: SYSTEM_MGR_ALARM_<NAME> = id. */
-#define SYSTEM_MGR_ALARM_ID(name, id, text) SYSTEM_MGR_ALARM_##name = id,
+#define SYSTEM_MGR_ALARM_ID(name, id, text) SYSTEM_MGR_ALARM_##name = (id),
 enum System_mgr__alarm_id { SYSTEM_MGR_ALARMS(SYSTEM_MGR_ALARM_ID) };
 #undef SYSTEM_MGR_ALARM_ID
 
