@@ -13,16 +13,15 @@ namespace {
 constexpr std::array kNames{XPON_BOARD_OPERATIONS(XPON_TEST_BOARD_OP_NAME)};
 #undef XPON_TEST_BOARD_OP_NAME
 
-// The type of the data a read operation answers with; void for the operations that only act.
-const std::type_info& data_type_of(BoardOp op) {
-  switch (op) {
-#define XPON_TEST_BOARD_OP_DATA(operation, command, data) \
-  case BoardOp::operation:                                \
-    return typeid(data);
-    XPON_BOARD_OPERATIONS(XPON_TEST_BOARD_OP_DATA)
+// The type of the data each operation answers with, void for the operations that only act;
+// generated from the same list.
+#define XPON_TEST_BOARD_OP_DATA(operation, command, data) &typeid(data),
+constexpr std::array kDataTypes{XPON_BOARD_OPERATIONS(XPON_TEST_BOARD_OP_DATA)};
 #undef XPON_TEST_BOARD_OP_DATA
-  }
-  return typeid(void);
+
+const std::type_info& data_type_of(BoardOp op) {
+  const auto index = static_cast<std::size_t>(op);
+  return index < kDataTypes.size() ? *kDataTypes[index] : typeid(void);
 }
 
 }  // namespace
