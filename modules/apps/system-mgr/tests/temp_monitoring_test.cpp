@@ -15,6 +15,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -765,6 +766,145 @@ TEST_F(TempMonitoringTest, EventsConfigurationAndPollsShareTheStateSafely) {
   EXPECT_TRUE(function->max_rate_set());
   EXPECT_TRUE(function->is_master());
 }
+
+// --- The per-sensor verdict, apart from the I/O ----------------------------------------------
+
+struct VerdictCase {
+  const char* name;
+  std::int32_t id;
+  int temperature;
+  // Every sensor's lower and upper limit.
+  std::uint8_t lower;
+  std::uint8_t upper;
+  FanControlState state;
+  SensorVerdict verdict;
+};
+
+void PrintTo(const VerdictCase& verdict, std::ostream* out) {
+  *out << verdict.name;
+}
+
+CfgDb__alarm_system_temperature limits_of(std::uint8_t lower, std::uint8_t upper) {
+  CfgDb__alarm_system_temperature limits{};
+  for (auto& sensor : limits.sensor) {
+    sensor.lower = lower;
+    sensor.upper = upper;
+  }
+  return limits;
+}
+
+// Fan control states: automatic mode with the family code and the flags of each path.
+constexpr FanControlState manual(std::uint32_t family) {
+  return FanControlState{.auto_fan = false, .family = family};
+}
+constexpr FanControlState lt(bool max_rate_set) {
+  return FanControlState{.auto_fan = true, .family = 0, .max_rate_set = max_rate_set};
+}
+constexpr FanControlState by_event(std::uint32_t family, bool event_max_rate_sent, bool max_rate_set = false) {
+  return FanControlState{.auto_fan = true,
+                         .family = family,
+                         .max_rate_set = max_rate_set,
+                         .event_max_rate_sent = event_max_rate_sent};
+}
+constexpr FanControlState master(bool max_rate_set, bool slot_asks, bool event_max_rate_sent = false) {
+  return FanControlState{.auto_fan = true,
+                         .family = 2,
+                         .is_master = true,
+                         .max_rate_set = max_rate_set,
+                         .slot_asks = slot_asks,
+                         .event_max_rate_sent = event_max_rate_sent};
+}
+
+constexpr FanDecision kNoFanAction{};
+constexpr FanDecision kBoardMax{FanTarget::BoardFans, true};
+constexpr FanDecision kBoardMin{FanTarget::BoardFans, false};
+constexpr FanDecision kModuleMax{FanTarget::FanModule, true};
+constexpr FanDecision kModuleMin{FanTarget::FanModule, false};
+constexpr FanDecision kAskMax{FanTarget::MasterByEvent, true};
+constexpr FanDecision kAskMin{FanTarget::MasterByEvent, false};
+
+constexpr SensorVerdict normal(FanDecision fan = kNoFanAction) {
+  return {true, true, fan};
+}
+constexpr SensorVerdict raised(FanDecision fan = kNoFanAction) {
+  return {true, false, fan};
+}
+constexpr SensorVerdict kSkipped{};
+
+class SensorVerdictTest : public testing::TestWithParam<VerdictCase> {};
+
+TEST_P(SensorVerdictTest, DecidesTheAlarmAndTheFanStep) {
+  const VerdictCase& verdict = GetParam();
+  const SensorVerdict decided =
+      decide_sensor(verdict.id, verdict.temperature, limits_of(verdict.lower, verdict.upper), verdict.state);
+  EXPECT_EQ(decided.monitored, verdict.verdict.monitored);
+  EXPECT_EQ(decided.normal, verdict.verdict.normal);
+  EXPECT_EQ(decided.fan.target, verdict.verdict.fan.target);
+  EXPECT_EQ(decided.fan.maximum, verdict.verdict.fan.maximum);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, SensorVerdictTest,
+    testing::Values(
+        // The alarm: strictly inside both limits is normal; the ids 0 to 4 have limits.
+        VerdictCase{"InsideBothLimitsIsNormal", 0, 30, 10, 40, manual(0), normal()},
+        VerdictCase{"AtTheLowerLimitIsRaised", 1, 10, 10, 40, manual(0), raised()},
+        VerdictCase{"AtTheUpperLimitIsRaised", 4, 40, 10, 40, manual(0), raised()},
+        VerdictCase{"OneAboveTheLowerLimitIsNormal", 4, 11, 10, 40, manual(0), normal()},
+        VerdictCase{"ANegativeReadingIsSigned", 3, -3, 0, 80, manual(0), raised()},
+        VerdictCase{"AnUpperLimitAbove127IsNeverReached", 2, 127, 0, 200, manual(0), normal()},
+        VerdictCase{"LimitsZeroAndZeroRaiseEveryReading", 0, 1, 0, 0, manual(0), raised()},
+        VerdictCase{"SensorFiveHasNoLimits", 5, 30, 0, 80, lt(false), kSkipped},
+        VerdictCase{"AnUnknownSensorHasNoLimits", 9, 99, 0, 80, lt(false), kSkipped},
+        VerdictCase{"ANegativeSensorIdHasNoLimits", -1, 99, 0, 80, lt(false), kSkipped},
+        // Manual mode: no fan step, whatever the reading.
+        VerdictCase{"ManualModeLeavesTheFansAlone", 0, 90, 0, 100, manual(0), normal()},
+        VerdictCase{"ManualModeOnAnFcMasterLeavesTheModuleAlone", 0, 90, 0, 100,
+                    FanControlState{.family = 2, .is_master = true, .slot_asks = true}, normal()},
+        // LT: the board's own fans.
+        VerdictCase{"LtAbove60RaisesTheFans", 0, 61, 0, 80, lt(false), normal(kBoardMax)},
+        VerdictCase{"LtAbove60AtTheMaximumDoesNothing", 0, 70, 0, 80, lt(true), normal()},
+        VerdictCase{"LtBelow60LowersTheFans", 0, 59, 0, 80, lt(true), normal(kBoardMin)},
+        VerdictCase{"LtFirstReadingBelow60DoesNothing", 0, 20, 0, 80, lt(false), normal()},
+        VerdictCase{"LtExactly60KeepsTheMaximum", 0, 60, 0, 80, lt(true), normal()},
+        VerdictCase{"LtExactly60KeepsTheMinimum", 0, 60, 0, 80, lt(false), normal()},
+        VerdictCase{"AnAlarmingReadingStillDrivesTheFans", 0, 90, 0, 80, lt(false), raised(kBoardMax)},
+        // LC: the master is asked by event, by the process-wide flag alone.
+        VerdictCase{"LcAbove60AsksForTheMaximum", 0, 70, 0, 80, by_event(1, false), normal(kAskMax)},
+        VerdictCase{"LcAbove60AfterAskingSendsNothing", 0, 70, 0, 80, by_event(1, true), normal()},
+        VerdictCase{"LcBelow60AfterAskingAsksForTheMinimum", 0, 50, 0, 80, by_event(1, true), normal(kAskMin)},
+        VerdictCase{"LcBelow60WithoutAskingSendsNothing", 0, 50, 0, 80, by_event(1, false), normal()},
+        VerdictCase{"LcExactly60SendsNothing", 0, 60, 0, 80, by_event(1, true), normal()},
+        VerdictCase{"LcIgnoresTheBoardFansFlag", 0, 50, 0, 80, by_event(1, false, true), normal()},
+        // FC: a board that is not master asks by event like an LC board.
+        VerdictCase{"NonMasterFcAbove60AsksForTheMaximum", 0, 70, 0, 80, by_event(2, false), normal(kAskMax)},
+        VerdictCase{"NonMasterFcBelow60AfterAskingAsksForTheMinimum", 0, 40, 0, 80, by_event(2, true),
+                    normal(kAskMin)},
+        // FC master: the crate's fan module, at the maximum while a slot asks.
+        VerdictCase{"MasterAbove60RaisesTheModule", 0, 65, 0, 80, master(false, false), normal(kModuleMax)},
+        VerdictCase{"MasterAbove60AtTheMaximumDoesNothing", 0, 65, 0, 80, master(true, false), normal()},
+        VerdictCase{"MasterWithASlotAskingRaisesTheModuleWhenCool", 0, 30, 0, 80, master(false, true),
+                    normal(kModuleMax)},
+        VerdictCase{"MasterWithASlotAskingKeepsTheMaximum", 0, 30, 0, 80, master(true, true), normal()},
+        VerdictCase{"MasterWithASlotAskingAt60RaisesTheModule", 0, 60, 0, 80, master(false, true),
+                    normal(kModuleMax)},
+        VerdictCase{"MasterBelow60WithNoSlotAskingLowersTheModule", 0, 55, 0, 80, master(true, false),
+                    normal(kModuleMin)},
+        VerdictCase{"MasterExactly60WithNoSlotAskingDoesNothing", 0, 60, 0, 80, master(true, false), normal()},
+        VerdictCase{"MasterFirstReadingBelow60DoesNothing", 0, 30, 0, 80, master(false, false), normal()},
+        VerdictCase{"MasterSendsNoEventWhateverTheEventFlag", 0, 30, 0, 80, master(false, false, true), normal()},
+        // A family code outside 0 to 2: no fan action at all.
+        VerdictCase{"FamilyThreeAbove60DoesNothing", 0, 90, 0, 100, by_event(3, false), normal()},
+        VerdictCase{"FamilyThreeBelow60AtTheMaximumDoesNothing", 0, 20, 0, 80, by_event(3, true, true), normal()},
+        VerdictCase{"TheLargestFamilyCodeDoesNothing", 0, 90, 0, 100,
+                    FanControlState{.auto_fan = true, .family = 0xFFFFFFFFU, .is_master = true, .slot_asks = true},
+                    normal()}),
+    [](const testing::TestParamInfo<VerdictCase>& verdict) { return std::string(verdict.param.name); });
+
+// The fan step alone is the same function the verdict uses.
+static_assert(decide_fan(61, lt(false)) == kBoardMax);
+static_assert(decide_fan(60, master(false, true)) == kModuleMax);
+static_assert(decide_fan(90, by_event(7, false)) == kNoFanAction);
 
 }  // namespace
 }  // namespace xpon::system_mgr
