@@ -159,6 +159,7 @@ TEST_F(TempMonitoringTest, FcFamilyAsksTheElectionManagerBeforeItKnowsItsOwnSlot
   EXPECT_EQ(requests[0].request.group, 14500);
   EXPECT_EQ(requests[0].request.id, 14504);
   EXPECT_TRUE(requests[0].request.payload.empty());
+  EXPECT_EQ(requests[0].timeout, 1000ms);
   EXPECT_TRUE(function->is_master());
   EXPECT_EQ(function->own_slot(), 21);
   std::unordered_map<std::uint16_t, bool> expected;
@@ -180,9 +181,13 @@ TEST_F(TempMonitoringTest, FcFamilyWithoutAnElectionAnswerFailsConstruction) {
 // --- Mastership -------------------------------------------------------------------------------
 
 TEST_F(TempMonitoringTest, MasterChangeOnAnLcFamilyAsksNothing) {
+  store_fan(0, 1);
   auto function = make();
+  // An answer is at hand, so that a query would make the board master: none is made.
+  ipc->answer_next_request(election_answer(0));
   EXPECT_TRUE(function->master_change({}));
   EXPECT_TRUE(ipc->requests().empty());
+  EXPECT_FALSE(function->is_master());
 }
 
 TEST_F(TempMonitoringTest, MasterChangeNamingSlot21MakesTheFcBoardMaster) {
@@ -191,6 +196,10 @@ TEST_F(TempMonitoringTest, MasterChangeNamingSlot21MakesTheFcBoardMaster) {
   ipc->answer_next_request(election_answer(21));
   EXPECT_TRUE(function->master_change({}));
   EXPECT_TRUE(function->is_master());
+  // Every query, at construction and on each change, waits at most a second for its answer.
+  for (const auto& request : ipc->requests()) {
+    EXPECT_EQ(request.timeout, 1000ms);
+  }
   ipc->answer_next_request(election_answer(22));
   EXPECT_TRUE(function->master_change({}));
   EXPECT_FALSE(function->is_master());
@@ -199,9 +208,21 @@ TEST_F(TempMonitoringTest, MasterChangeNamingSlot21MakesTheFcBoardMaster) {
 TEST_F(TempMonitoringTest, MasterChangeOnAnLtFamilyAlsoAsks) {
   store_fan(0, 0);
   auto function = make();
+  EXPECT_FALSE(function->is_master());
+  // Not an FC family: the own slot stays 0, so an answer naming slot 0 makes the board master.
   ipc->answer_next_request(election_answer(0));
   EXPECT_TRUE(function->master_change({}));
-  EXPECT_EQ(ipc->requests().size(), 1U);
+  const auto requests = ipc->requests();
+  ASSERT_EQ(requests.size(), 1U);
+  EXPECT_EQ(requests[0].address, 0x0015FFFEU);
+  EXPECT_EQ(requests[0].request.group, 14500);
+  EXPECT_EQ(requests[0].request.id, 14504);
+  EXPECT_EQ(requests[0].timeout, 1000ms);
+  EXPECT_EQ(function->own_slot(), 0);
+  EXPECT_TRUE(function->is_master());
+  ipc->answer_next_request(election_answer(21));
+  EXPECT_TRUE(function->master_change({}));
+  EXPECT_FALSE(function->is_master());
 }
 
 TEST_F(TempMonitoringTest, ErrorAnswerOrShortPayloadIsCommonErrorAndKeepsMastership) {
@@ -466,6 +487,52 @@ TEST_F(TempMonitoringTest, TemperatureSectionChangeIsReRead) {
   EXPECT_EQ(text_of(alarms().back()), "Sensor PON SFP 1 temperature 50C");
 }
 
+TEST_F(TempMonitoringTest, FailedTemperatureReadOnChangeIsLoggedAndTheFanSectionAfterItIsNotLookedAt) {
+  store_fan(0, 0);
+  store_section(cfgdb::kAlarmSystemTemperature, {0, 80, 0, 80, 0, 80, 0, 80, 0, 80});
+  set_readings({reading(0, 70)});
+  auto function = make();
+  store_raw_field(cfgdb::kAlarmSystemTemperature, "sensor0_upper", "300");
+  store_fan(1, 0);
+  logger->clear();
+  const auto result = function->config_change({}, {{81, 1, 0}, {42, 1, 0}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::ErrorCApi);
+  const auto texts = logger->texts();
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "C API function returned -1, errno=22"), 1);
+  EXPECT_TRUE(logger->contains("C API function returned -1, errno=22", 4));
+  EXPECT_FALSE(logger->contains("Change config event [ALARM_SYSTEM_TEMPERATURE]"));
+  EXPECT_FALSE(logger->contains("Change config event [FAN]"));
+  // The limits read before stay, and the fan section was not re-read: still automatic.
+  ASSERT_TRUE(function->polling());
+  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{
+                          expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
+  EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
+}
+
+TEST_F(TempMonitoringTest, FailedFanReadOnChangeIsLoggedAndTheTemperatureSectionAfterItIsNotLookedAt) {
+  store_fan(0, 0);
+  store_section(cfgdb::kAlarmSystemTemperature, {0, 80, 0, 80, 0, 80, 0, 80, 0, 80});
+  set_readings({reading(0, 70)});
+  auto function = make();
+  store_raw_field(cfgdb::kFan, "family", "9");
+  store_section(cfgdb::kAlarmSystemTemperature, {0, 50, 0, 80, 0, 80, 0, 80, 0, 80});
+  logger->clear();
+  const auto result = function->config_change({}, {{42, 1, 0}, {81, 1, 0}});
+  ASSERT_TRUE(result.has_error());
+  EXPECT_EQ(result.error().error, Error::ErrorCApi);
+  const auto texts = logger->texts();
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "C API function returned -1, errno=22"), 1);
+  EXPECT_TRUE(logger->contains("C API function returned -1, errno=22", 4));
+  EXPECT_FALSE(logger->contains("Change config event [FAN]"));
+  EXPECT_FALSE(logger->contains("Change config event [ALARM_SYSTEM_TEMPERATURE]"));
+  // The fan section read before stays (automatic, LT) and the new limits were not read.
+  ASSERT_TRUE(function->polling());
+  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{
+                          expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
+  EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
+}
+
 // --- Automatic fan control: by event (LC, non-master FC) ---------------------------------------
 
 TEST_F(TempMonitoringTest, LcBoardAsksTheMasterByEvent) {
@@ -577,6 +644,24 @@ TEST_F(TempMonitoringTest, MasterAlreadyAtMaximumOnlyRecordsTheSlot) {
   EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
   EXPECT_TRUE(function->slot_max_rate().at(5));
   EXPECT_TRUE(board->calls().empty());
+}
+
+TEST_F(TempMonitoringTest, MasterInManualModeRecordsTheSlotWithoutTouchingTheBoard) {
+  store_fan(1, 2);
+  ipc->answer_next_request(election_answer(0));
+  auto function = make();
+  ASSERT_TRUE(function->is_master());
+  board->clear_calls();
+  ASSERT_TRUE(function->handle_event(rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, 5)));
+  EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
+  EXPECT_TRUE(function->slot_max_rate().at(5));
+  EXPECT_TRUE(board->calls().empty());
+  EXPECT_FALSE(function->max_rate_set());
+  // Nor does a poll while the slot asks: the mode is manual.
+  set_readings({reading(0, 30)});
+  board->clear_calls();
+  ASSERT_TRUE(function->polling());
+  EXPECT_EQ(board->ops(), (std::vector<BoardOp>{BoardOp::get_temp_info}));
 }
 
 TEST_F(TempMonitoringTest, NonMasterFcRecordsTheSlotWithoutTouchingTheFans) {
