@@ -354,16 +354,15 @@ TEST(FanOut, ThrowingConfigChangeEndsTheWalkAsAnException) {
 using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
 
 // Each family's functions, in creation order, with their polling periods (0: never polls).
-const Lineup kExpectedFc{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms},
-                         {"HddMonitoring", 30000ms},     {"LedPanelCntrl", 0ms},
-                         {"MiscParameters", 0ms},        {"TempMonitoring", 20000ms},
-                         {"SfpMonitoring", 1000ms},      {"FanModuleMonitoring", 30000ms},
-                         {"PwrModuleMonitoring", 30000ms}};
-const Lineup kExpectedLc{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"LedPanelCntrl", 0ms},
+const Lineup kExpectedFc{
+    {"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms},       {"HddMonitoring", 30000ms},
+    {"LedPanelCntrl", 0ms},         {"MiscParameters", 0ms},          {"TempMonitoring", 20000ms},
+    {"SfpMonitoring", 1000ms},      {"FanModuleMonitoring", 30000ms}, {"PwrModuleMonitoring", 30000ms}};
+const Lineup kExpectedLc{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms},  {"LedPanelCntrl", 0ms},
                          {"MiscParameters", 0ms},        {"TempMonitoring", 20000ms}, {"SfpMonitoring", 1000ms}};
 const Lineup kExpectedLt{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms},
-                         {"LedPanelCntrl", 0ms},         {"MiscParameters", 0ms},     {"TempMonitoring", 20000ms},
-                         {"SfpMonitoring", 1000ms},      {"FanMonitoring", 30000ms},  {"PsMonitoring", 1000ms}};
+                         {"LedPanelCntrl", 0ms},         {"MiscParameters", 0ms},    {"TempMonitoring", 20000ms},
+                         {"SfpMonitoring", 1000ms},      {"FanMonitoring", 30000ms}, {"PsMonitoring", 1000ms}};
 
 // Name and period of every function of a service, in creation order.
 Lineup lineup(const std::vector<std::shared_ptr<ISysFunction>>& functions) {

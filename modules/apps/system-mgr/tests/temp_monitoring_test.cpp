@@ -505,8 +505,9 @@ TEST_F(TempMonitoringTest, FailedTemperatureReadOnChangeIsLoggedAndTheFanSection
   EXPECT_FALSE(logger->contains("Change config event [FAN]"));
   // The limits read before stay, and the fan section was not re-read: still automatic.
   ASSERT_TRUE(function->polling());
-  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{
-                          expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
+  EXPECT_EQ(
+      alarms(),
+      (std::vector<ipc::Payload>{expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
   EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
 }
 
@@ -528,8 +529,9 @@ TEST_F(TempMonitoringTest, FailedFanReadOnChangeIsLoggedAndTheTemperatureSection
   EXPECT_FALSE(logger->contains("Change config event [ALARM_SYSTEM_TEMPERATURE]"));
   // The fan section read before stays (automatic, LT) and the new limits were not read.
   ASSERT_TRUE(function->polling());
-  EXPECT_EQ(alarms(), (std::vector<ipc::Payload>{
-                          expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
+  EXPECT_EQ(
+      alarms(),
+      (std::vector<ipc::Payload>{expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
   EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
 }
 
@@ -886,10 +888,8 @@ constexpr FanControlState lt(bool max_rate_set) {
   return FanControlState{.auto_fan = true, .family = 0, .max_rate_set = max_rate_set};
 }
 constexpr FanControlState by_event(std::uint32_t family, bool event_max_rate_sent, bool max_rate_set = false) {
-  return FanControlState{.auto_fan = true,
-                         .family = family,
-                         .max_rate_set = max_rate_set,
-                         .event_max_rate_sent = event_max_rate_sent};
+  return FanControlState{
+      .auto_fan = true, .family = family, .max_rate_set = max_rate_set, .event_max_rate_sent = event_max_rate_sent};
 }
 constexpr FanControlState master(bool max_rate_set, bool slot_asks, bool event_max_rate_sent = false) {
   return FanControlState{.auto_fan = true,
@@ -963,16 +963,14 @@ INSTANTIATE_TEST_SUITE_P(
         VerdictCase{"LcIgnoresTheBoardFansFlag", 0, 50, 0, 80, by_event(1, false, true), normal()},
         // FC: a board that is not master asks by event like an LC board.
         VerdictCase{"NonMasterFcAbove60AsksForTheMaximum", 0, 70, 0, 80, by_event(2, false), normal(kAskMax)},
-        VerdictCase{"NonMasterFcBelow60AfterAskingAsksForTheMinimum", 0, 40, 0, 80, by_event(2, true),
-                    normal(kAskMin)},
+        VerdictCase{"NonMasterFcBelow60AfterAskingAsksForTheMinimum", 0, 40, 0, 80, by_event(2, true), normal(kAskMin)},
         // FC master: the crate's fan module, at the maximum while a slot asks.
         VerdictCase{"MasterAbove60RaisesTheModule", 0, 65, 0, 80, master(false, false), normal(kModuleMax)},
         VerdictCase{"MasterAbove60AtTheMaximumDoesNothing", 0, 65, 0, 80, master(true, false), normal()},
         VerdictCase{"MasterWithASlotAskingRaisesTheModuleWhenCool", 0, 30, 0, 80, master(false, true),
                     normal(kModuleMax)},
         VerdictCase{"MasterWithASlotAskingKeepsTheMaximum", 0, 30, 0, 80, master(true, true), normal()},
-        VerdictCase{"MasterWithASlotAskingAt60RaisesTheModule", 0, 60, 0, 80, master(false, true),
-                    normal(kModuleMax)},
+        VerdictCase{"MasterWithASlotAskingAt60RaisesTheModule", 0, 60, 0, 80, master(false, true), normal(kModuleMax)},
         VerdictCase{"MasterBelow60WithNoSlotAskingLowersTheModule", 0, 55, 0, 80, master(true, false),
                     normal(kModuleMin)},
         VerdictCase{"MasterExactly60WithNoSlotAskingDoesNothing", 0, 60, 0, 80, master(true, false), normal()},

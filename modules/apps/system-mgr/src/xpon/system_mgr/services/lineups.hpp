@@ -112,26 +112,22 @@ using namespace std::chrono_literals;
 
 /// FC boards: the crate's fan module and power module besides the common functions.
 inline constexpr std::array kFc{
-    polling<CpuLoadMonitoring>(30000ms),   polling<RamMonitoring>(30000ms),
-    polling<HddMonitoring>(30000ms),       never_polling<LedPanelCntrl>(),
-    never_polling<MiscParameters>(),       polling<TempMonitoring>(20000ms),
-    polling<SfpMonitoring>(1000ms),        polling<FanModuleMonitoring>(30000ms),
-    polling<PwrModuleMonitoring>(30000ms),
+    polling<CpuLoadMonitoring>(30000ms), polling<RamMonitoring>(30000ms),       polling<HddMonitoring>(30000ms),
+    never_polling<LedPanelCntrl>(),      never_polling<MiscParameters>(),       polling<TempMonitoring>(20000ms),
+    polling<SfpMonitoring>(1000ms),      polling<FanModuleMonitoring>(30000ms), polling<PwrModuleMonitoring>(30000ms),
 };
 
 /// LC boards: no disk space monitoring and nothing of the crate's.
 inline constexpr std::array kLc{
-    polling<CpuLoadMonitoring>(30000ms), polling<RamMonitoring>(30000ms), never_polling<LedPanelCntrl>(),
+    polling<CpuLoadMonitoring>(30000ms), polling<RamMonitoring>(30000ms),  never_polling<LedPanelCntrl>(),
     never_polling<MiscParameters>(),     polling<TempMonitoring>(20000ms), polling<SfpMonitoring>(1000ms),
 };
 
 /// LT boards: their own fans and power supplies besides the common functions.
 inline constexpr std::array kLt{
-    polling<CpuLoadMonitoring>(30000ms), polling<RamMonitoring>(30000ms),
-    polling<HddMonitoring>(30000ms),     never_polling<LedPanelCntrl>(),
-    never_polling<MiscParameters>(),     polling<TempMonitoring>(20000ms),
-    polling<SfpMonitoring>(1000ms),      polling<FanMonitoring>(30000ms),
-    polling<PsMonitoring>(1000ms),
+    polling<CpuLoadMonitoring>(30000ms), polling<RamMonitoring>(30000ms), polling<HddMonitoring>(30000ms),
+    never_polling<LedPanelCntrl>(),      never_polling<MiscParameters>(), polling<TempMonitoring>(20000ms),
+    polling<SfpMonitoring>(1000ms),      polling<FanMonitoring>(30000ms), polling<PsMonitoring>(1000ms),
 };
 
 }  // namespace lineups
