@@ -107,6 +107,36 @@ class TempMonitoringTest : public FunctionTest {
     return ids;
   }
 
+  // A function that reads sensor 0 at 70 C against the limits 0/80, with automatic LT fan control.
+  std::unique_ptr<TempMonitoring> make_reading_70_with_limits_0_80_and_automatic_lt_fans() {
+    store_fan(0, 0);
+    store_section(cfgdb::kAlarmSystemTemperature, {0, 80, 0, 80, 0, 80, 0, 80, 0, 80});
+    set_readings({reading(0, 70)});
+    return make();
+  }
+
+  // After a change list whose first section cannot be re-read: the failure, logged once, and a
+  // poll that shows both sections as read at construction (the reading normal, the fans raised).
+  void expect_nothing_re_read(TempMonitoring& function, const std::vector<Config_change>& changes) {
+    logger->clear();
+    expect_failed_reread(function.config_change({}, changes),
+                         {"Change config event [ALARM_SYSTEM_TEMPERATURE]", "Change config event [FAN]"});
+    ASSERT_TRUE(function.polling());
+    EXPECT_EQ(
+        alarms(),
+        (std::vector<ipc::Payload>{expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
+    EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
+  }
+
+  // Slot 5 asks an FC master for the maximum rate: the slot is recorded, the board is not touched.
+  void expect_max_rate_from_slot_5_recorded_without_touching_the_board(TempMonitoring& function) {
+    board->clear_calls();
+    ASSERT_TRUE(function.handle_event(rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, 5)));
+    EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
+    EXPECT_TRUE(function.slot_max_rate().at(5));
+    EXPECT_TRUE(board->calls().empty());
+  }
+
   std::shared_ptr<test::FakeBoard> board = std::make_shared<test::FakeBoard>();
 };
 
@@ -488,51 +518,17 @@ TEST_F(TempMonitoringTest, TemperatureSectionChangeIsReRead) {
 }
 
 TEST_F(TempMonitoringTest, FailedTemperatureReadOnChangeIsLoggedAndTheFanSectionAfterItIsNotLookedAt) {
-  store_fan(0, 0);
-  store_section(cfgdb::kAlarmSystemTemperature, {0, 80, 0, 80, 0, 80, 0, 80, 0, 80});
-  set_readings({reading(0, 70)});
-  auto function = make();
+  auto function = make_reading_70_with_limits_0_80_and_automatic_lt_fans();
   store_raw_field(cfgdb::kAlarmSystemTemperature, "sensor0_upper", "300");
   store_fan(1, 0);
-  logger->clear();
-  const auto result = function->config_change({}, {{81, 1, 0}, {42, 1, 0}});
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::ErrorCApi);
-  const auto texts = logger->texts();
-  EXPECT_EQ(std::count(texts.begin(), texts.end(), "C API function returned -1, errno=22"), 1);
-  EXPECT_TRUE(logger->contains("C API function returned -1, errno=22", 4));
-  EXPECT_FALSE(logger->contains("Change config event [ALARM_SYSTEM_TEMPERATURE]"));
-  EXPECT_FALSE(logger->contains("Change config event [FAN]"));
-  // The limits read before stay, and the fan section was not re-read: still automatic.
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(
-      alarms(),
-      (std::vector<ipc::Payload>{expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
-  EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
+  expect_nothing_re_read(*function, {{81, 1, 0}, {42, 1, 0}});
 }
 
 TEST_F(TempMonitoringTest, FailedFanReadOnChangeIsLoggedAndTheTemperatureSectionAfterItIsNotLookedAt) {
-  store_fan(0, 0);
-  store_section(cfgdb::kAlarmSystemTemperature, {0, 80, 0, 80, 0, 80, 0, 80, 0, 80});
-  set_readings({reading(0, 70)});
-  auto function = make();
+  auto function = make_reading_70_with_limits_0_80_and_automatic_lt_fans();
   store_raw_field(cfgdb::kFan, "family", "9");
   store_section(cfgdb::kAlarmSystemTemperature, {0, 50, 0, 80, 0, 80, 0, 80, 0, 80});
-  logger->clear();
-  const auto result = function->config_change({}, {{42, 1, 0}, {81, 1, 0}});
-  ASSERT_TRUE(result.has_error());
-  EXPECT_EQ(result.error().error, Error::ErrorCApi);
-  const auto texts = logger->texts();
-  EXPECT_EQ(std::count(texts.begin(), texts.end(), "C API function returned -1, errno=22"), 1);
-  EXPECT_TRUE(logger->contains("C API function returned -1, errno=22", 4));
-  EXPECT_FALSE(logger->contains("Change config event [FAN]"));
-  EXPECT_FALSE(logger->contains("Change config event [ALARM_SYSTEM_TEMPERATURE]"));
-  // The fan section read before stays (automatic, LT) and the new limits were not read.
-  ASSERT_TRUE(function->polling());
-  EXPECT_EQ(
-      alarms(),
-      (std::vector<ipc::Payload>{expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
-  EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
+  expect_nothing_re_read(*function, {{42, 1, 0}, {81, 1, 0}});
 }
 
 // --- Automatic fan control: by event (LC, non-master FC) ---------------------------------------
@@ -641,11 +637,7 @@ TEST_F(TempMonitoringTest, MasterAlreadyAtMaximumOnlyRecordsTheSlot) {
   auto function = make_fc(0);
   set_readings({reading(0, 70)});
   ASSERT_TRUE(function->polling());
-  board->clear_calls();
-  ASSERT_TRUE(function->handle_event(rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, 5)));
-  EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
-  EXPECT_TRUE(function->slot_max_rate().at(5));
-  EXPECT_TRUE(board->calls().empty());
+  expect_max_rate_from_slot_5_recorded_without_touching_the_board(*function);
 }
 
 TEST_F(TempMonitoringTest, MasterInManualModeRecordsTheSlotWithoutTouchingTheBoard) {
@@ -653,11 +645,7 @@ TEST_F(TempMonitoringTest, MasterInManualModeRecordsTheSlotWithoutTouchingTheBoa
   ipc->answer_next_request(election_answer(0));
   auto function = make();
   ASSERT_TRUE(function->is_master());
-  board->clear_calls();
-  ASSERT_TRUE(function->handle_event(rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, 5)));
-  EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
-  EXPECT_TRUE(function->slot_max_rate().at(5));
-  EXPECT_TRUE(board->calls().empty());
+  expect_max_rate_from_slot_5_recorded_without_touching_the_board(*function);
   EXPECT_FALSE(function->max_rate_set());
   // Nor does a poll while the slot asks: the mode is manual.
   set_readings({reading(0, 30)});

@@ -273,20 +273,18 @@ Result<void> TempMonitoring::handle_auto_fan(const FanDecision& decision) {
 }
 
 Result<void> TempMonitoring::lt_handle_auto_fan(bool maximum) {
-  const std::uint8_t rate = maximum ? kFanAutoMaxRate : kFanAutoMinRate;
-  auto set = core::guarded_call(*logger_, [&] { return board_->set_fan_speed(rate); });
-  if (!set) {
-    // The flag stays as it was: the next reading tries again.
-    return core::propagate(*logger_, std::move(set));
-  }
-  max_rate_set_ = maximum;
-  return core::success();
+  return set_auto_rate(&board::IBoard::set_fan_speed, maximum);
 }
 
 Result<void> TempMonitoring::fc_handle_auto_fan(bool maximum) {
+  return set_auto_rate(&board::IBoard::set_fan_module_speed, maximum);
+}
+
+Result<void> TempMonitoring::set_auto_rate(Result<void> (board::IBoard::*set_speed)(std::uint8_t), bool maximum) {
   const std::uint8_t rate = maximum ? kFanAutoMaxRate : kFanAutoMinRate;
-  auto set = core::guarded_call(*logger_, [&] { return board_->set_fan_module_speed(rate); });
+  auto set = core::guarded_call(*logger_, [&] { return ((*board_).*set_speed)(rate); });
   if (!set) {
+    // The flag stays as it was: the next reading tries again.
     return core::propagate(*logger_, std::move(set));
   }
   max_rate_set_ = maximum;

@@ -110,6 +110,8 @@ class TempMonitoring : public SysFunction {
   Result<void> handle_auto_fan(const FanDecision& decision);
   Result<void> lt_handle_auto_fan(bool maximum);
   Result<void> fc_handle_auto_fan(bool maximum);
+  // Sets the board's fans or the fan module (by `set_speed`) to the maximum or minimum rate.
+  Result<void> set_auto_rate(Result<void> (board::IBoard::*set_speed)(std::uint8_t), bool maximum);
   Result<void> handle_auto_fan_with_event(bool maximum);
   Result<void> send_rate_event(std::uint16_t id);
   Result<bool> ask_master();
