@@ -183,19 +183,6 @@ TEST_F(LoggingContextTest, MaxSizeInPlainBytes) {
   EXPECT_FALSE(std::filesystem::exists(path("system-mgr.2.log")));
 }
 
-// The number of this process's descriptors open on `file`.
-std::size_t descriptors_open_on(const std::string& file) {
-  std::size_t count = 0;
-  const auto wanted = std::filesystem::canonical(file);
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code error;
-    if (std::filesystem::read_symlink(entry.path(), error) == wanted) {
-      ++count;
-    }
-  }
-  return count;
-}
-
 TEST_F(LoggingContextTest, TheLogFileIsClosedOnExecAlsoAfterARotation) {
   const auto before = xpon::test::inheritable_descriptors();
   const std::string log = path("system-mgr.log");
@@ -203,14 +190,14 @@ TEST_F(LoggingContextTest, TheLogFileIsClosedOnExecAlsoAfterARotation) {
                               "\"\nmax_size = 64\nmax_files = 1\n");
   Logger logger("SYSTEM-MGR");
   logger.logf(kInfo, "line 0 {}", std::string(24, '.'));
-  ASSERT_EQ(descriptors_open_on(log), 1U);
+  ASSERT_EQ(xpon::test::descriptors_open_on(std::filesystem::canonical(log).string()), 1U);
   EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()),
             std::set<std::string>{});
   // The third line of 32 bytes rotates the file, and the sink opens it anew.
   logger.logf(kInfo, "line 1 {}", std::string(24, '.'));
   logger.logf(kInfo, "line 2 {}", std::string(24, '.'));
   ASSERT_TRUE(std::filesystem::exists(path("system-mgr.1.log")));
-  ASSERT_EQ(descriptors_open_on(log), 1U);
+  ASSERT_EQ(xpon::test::descriptors_open_on(std::filesystem::canonical(log).string()), 1U);
   EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()),
             std::set<std::string>{});
 }

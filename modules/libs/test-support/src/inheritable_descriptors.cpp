@@ -38,4 +38,16 @@ std::set<std::string> added_descriptors(const std::set<std::string>& before, con
   return added;
 }
 
+std::size_t descriptors_open_on(const std::string& target) {
+  std::size_t count = 0;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+    std::error_code link_error;
+    if (std::filesystem::read_symlink(entry.path(), link_error).string() == target && !link_error) {
+      ++count;
+    }
+  }
+  return count;
+}
+
 }  // namespace xpon::test

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -13,5 +14,9 @@ std::set<std::string> inheritable_descriptors();
 
 /// What `after` holds that `before` did not.
 std::set<std::string> added_descriptors(const std::set<std::string>& before, const std::set<std::string>& after);
+
+/// How many descriptors of this process refer to `target`: a file's path, or a kernel object's
+/// name as /proc shows it ("anon_inode:[eventfd]").
+std::size_t descriptors_open_on(const std::string& target);
 
 }  // namespace xpon::test
