@@ -84,11 +84,16 @@ ProcessEnd end_from(int status) {
   for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGCHLD}) {
     ::sigaction(number, &default_action, nullptr);
   }
-  const int input = ::open("/dev/null", O_RDONLY);
-  const int output = ::open(output_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int errors = ::open(errors_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (input < 0 || output < 0 || errors < 0 || ::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0 ||
-      ::dup2(errors, STDERR_FILENO) < 0) {
+  // Opened close-on-exec, so that only their copies on 0, 1 and 2 reach the program: dup2 clears
+  // the flag of the copy, and one that already is its stream has it cleared by hand.
+  const auto onto_stream = [](int descriptor, int stream) {
+    return descriptor == stream ? ::fcntl(descriptor, F_SETFD, 0) : ::dup2(descriptor, stream);
+  };
+  const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  const int output = ::open(output_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int errors = ::open(errors_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (input < 0 || output < 0 || errors < 0 || onto_stream(input, STDIN_FILENO) < 0 ||
+      onto_stream(output, STDOUT_FILENO) < 0 || onto_stream(errors, STDERR_FILENO) < 0) {
     const int failure = errno;
     (void)!::write(report_fd, &failure, sizeof failure);
     ::_exit(127);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <set>
 #include <string>
@@ -11,6 +13,9 @@ namespace xpon::test {
 /// out. A test takes the set before and after a component opens its descriptors: anything new
 /// would leak into every child of the process.
 std::set<std::string> inheritable_descriptors();
+
+/// The same for another running process of the same user (read from /proc/<pid>/fdinfo).
+std::set<std::string> inheritable_descriptors(pid_t process);
 
 /// What `after` holds that `before` did not.
 std::set<std::string> added_descriptors(const std::set<std::string>& before, const std::set<std::string>& after);
