@@ -56,7 +56,11 @@ ssize_t write_once(int descriptor, const void* data, std::size_t size) noexcept 
   return detail::write_once(system_write, descriptor, data, size);
 }
 
-ssize_t detail::read_once(ReadCall call, int descriptor, void* buffer, std::size_t size) noexcept {
+namespace {
+
+// One call, repeated while a signal interrupts it.
+template <typename Call, typename Buffer>
+ssize_t retry_interrupted(Call call, int descriptor, Buffer buffer, std::size_t size) noexcept {
   for (;;) {
     const ssize_t count = call(descriptor, buffer, size);
     if (count >= 0 || errno != EINTR) {
@@ -65,46 +69,44 @@ ssize_t detail::read_once(ReadCall call, int descriptor, void* buffer, std::size
   }
 }
 
-ssize_t detail::write_once(WriteCall call, int descriptor, const void* data, std::size_t size) noexcept {
-  for (;;) {
-    const ssize_t count = call(descriptor, data, size);
-    if (count >= 0 || errno != EINTR) {
-      return count;
-    }
-  }
-}
-
-ssize_t detail::read_full(ReadCall call, int descriptor, void* buffer, std::size_t size) noexcept {
-  auto* bytes = static_cast<unsigned char*>(buffer);
-  std::size_t filled = 0;
-  while (filled < size) {
-    const ssize_t count = read_once(call, descriptor, bytes + filled, size - filled);
+// Calls until `size` bytes have moved. A call that moves nothing is the end of the file for a
+// read, and an error (EIO) for a write, which would otherwise be repeated for ever.
+template <typename Call, typename Byte>
+ssize_t transfer_all(Call call, int descriptor, Byte* bytes, std::size_t size, bool nothing_is_the_end) noexcept {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t count = retry_interrupted(call, descriptor, bytes + done, size - done);
     if (count < 0) {
       return -1;
     }
     if (count == 0) {
-      break;
-    }
-    filled += static_cast<std::size_t>(count);
-  }
-  return static_cast<ssize_t>(filled);
-}
-
-ssize_t detail::write_full(WriteCall call, int descriptor, const void* data, std::size_t size) noexcept {
-  const auto* bytes = static_cast<const unsigned char*>(data);
-  std::size_t written = 0;
-  while (written < size) {
-    const ssize_t count = write_once(call, descriptor, bytes + written, size - written);
-    if (count < 0) {
-      return -1;
-    }
-    if (count == 0) {
+      if (nothing_is_the_end) {
+        break;
+      }
       errno = EIO;
       return -1;
     }
-    written += static_cast<std::size_t>(count);
+    done += static_cast<std::size_t>(count);
   }
-  return static_cast<ssize_t>(written);
+  return static_cast<ssize_t>(done);
+}
+
+}  // namespace
+
+ssize_t detail::read_once(ReadCall call, int descriptor, void* buffer, std::size_t size) noexcept {
+  return retry_interrupted(call, descriptor, buffer, size);
+}
+
+ssize_t detail::write_once(WriteCall call, int descriptor, const void* data, std::size_t size) noexcept {
+  return retry_interrupted(call, descriptor, data, size);
+}
+
+ssize_t detail::read_full(ReadCall call, int descriptor, void* buffer, std::size_t size) noexcept {
+  return transfer_all(call, descriptor, static_cast<unsigned char*>(buffer), size, true);
+}
+
+ssize_t detail::write_full(WriteCall call, int descriptor, const void* data, std::size_t size) noexcept {
+  return transfer_all(call, descriptor, static_cast<const unsigned char*>(data), size, false);
 }
 
 int detail::close_once(CloseCall call, int descriptor) noexcept {

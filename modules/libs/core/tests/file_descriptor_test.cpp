@@ -17,6 +17,7 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -203,14 +204,19 @@ Step next_step() {
   return step;
 }
 
-ssize_t scripted_read(int descriptor, void* buffer, std::size_t size) {
+/// Records one read or write call and gives its step, with errno set when the step fails.
+Step scripted_transfer(int descriptor, std::size_t size) {
   script.sizes.push_back(size);
   script.descriptors.push_back(descriptor);
   const Step step = next_step();
   if (step.result < 0) {
     errno = step.error;
-    return -1;
   }
+  return step;
+}
+
+ssize_t scripted_read(int descriptor, void* buffer, std::size_t size) {
+  const Step step = scripted_transfer(descriptor, size);
   auto* bytes = static_cast<char*>(buffer);
   for (ssize_t i = 0; i < step.result; ++i) {
     bytes[i] = script.next_byte++;
@@ -219,14 +225,10 @@ ssize_t scripted_read(int descriptor, void* buffer, std::size_t size) {
 }
 
 ssize_t scripted_write(int descriptor, const void* data, std::size_t size) {
-  script.sizes.push_back(size);
-  script.descriptors.push_back(descriptor);
-  const Step step = next_step();
-  if (step.result < 0) {
-    errno = step.error;
-    return -1;
+  const Step step = scripted_transfer(descriptor, size);
+  if (step.result > 0) {
+    script.written.append(static_cast<const char*>(data), static_cast<std::size_t>(step.result));
   }
-  script.written.append(static_cast<const char*>(data), static_cast<std::size_t>(step.result));
   return step.result;
 }
 
@@ -358,15 +360,34 @@ class InterruptingSignal : public ::testing::Test {
     write_end_.reset(ends[1]);
   }
 
-  void TearDown() override { ::sigaction(SIGUSR1, &old_action_, nullptr); }
+  void TearDown() override {
+    if (worker_.joinable()) {
+      worker_.join();
+    }
+    ::sigaction(SIGUSR1, &old_action_, nullptr);
+  }
 
-  /// Waits until thread `thread_id` sleeps (blocked in the pipe), then interrupts it once;
-  /// returns at once when the thread has finished its call.
-  static void interrupt_when_blocked(pid_t thread_id, pthread_t thread, const std::atomic<bool>& finished) {
-    const std::string stat_path = "/proc/self/task/" + std::to_string(thread_id) + "/stat";
+  /// Runs `call` (a read or write on the pipe) on a thread of its own, whose result and errno
+  /// are kept for finish().
+  void start(std::function<ssize_t()> call) {
+    worker_ = std::thread([this, call = std::move(call)] {
+      worker_id_.store(static_cast<pid_t>(::syscall(SYS_gettid)));
+      result_ = call();
+      error_ = errno;
+      finished_.store(true);
+    });
+    while (worker_id_.load() == 0) {
+      std::this_thread::yield();
+    }
+  }
+
+  /// Waits until the thread sleeps (blocked in the pipe), then interrupts it once; returns at
+  /// once when the thread has finished its call.
+  void interrupt_when_blocked() {
+    const std::string stat_path = "/proc/self/task/" + std::to_string(worker_id_.load()) + "/stat";
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     for (;;) {
-      if (finished.load()) {
+      if (finished_.load()) {
         return;
       }
       std::ifstream stat(stat_path);
@@ -380,10 +401,16 @@ class InterruptingSignal : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     const int before = signals_caught.load();
-    ASSERT_EQ(::pthread_kill(thread, SIGUSR1), 0);
-    while (signals_caught.load() == before && !finished.load()) {
+    ASSERT_EQ(::pthread_kill(worker_.native_handle(), SIGUSR1), 0);
+    while (signals_caught.load() == before && !finished_.load()) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+  }
+
+  /// Waits for the thread's call and checks that it moved `expected` bytes.
+  void finish(ssize_t expected) {
+    worker_.join();
+    EXPECT_EQ(result_, expected) << std::strerror(error_);
   }
 
   FileDescriptor read_end_;
@@ -391,29 +418,21 @@ class InterruptingSignal : public ::testing::Test {
 
  private:
   struct sigaction old_action_ {};
+  std::thread worker_;
+  std::atomic<pid_t> worker_id_{0};
+  std::atomic<bool> finished_{false};
+  ssize_t result_ = 0;
+  int error_ = 0;
 };
 
 TEST_F(InterruptingSignal, ReadFullWaitsThroughSignalsForTheWholeRecord) {
-  std::atomic<pid_t> reader_id{0};
-  std::atomic<bool> finished{false};
   std::array<char, 8> record{};
-  ssize_t result = 0;
-  int error = 0;
-  std::thread reader([&] {
-    reader_id.store(static_cast<pid_t>(::syscall(SYS_gettid)));
-    result = read_full(read_end_.get(), record.data(), record.size());
-    error = errno;
-    finished.store(true);
-  });
-  while (reader_id.load() == 0) {
-    std::this_thread::yield();
-  }
-  interrupt_when_blocked(reader_id.load(), reader.native_handle(), finished);
+  start([&] { return read_full(read_end_.get(), record.data(), record.size()); });
+  interrupt_when_blocked();
   EXPECT_EQ(::write(write_end_.get(), "abcd", 4), 4);
-  interrupt_when_blocked(reader_id.load(), reader.native_handle(), finished);
+  interrupt_when_blocked();
   EXPECT_EQ(::write(write_end_.get(), "efgh", 4), 4);
-  reader.join();
-  EXPECT_EQ(result, 8) << std::strerror(error);
+  finish(8);
   EXPECT_EQ(std::string(record.data(), record.size()), "abcdefgh");
   EXPECT_EQ(signals_caught.load(), 2);
 }
@@ -425,27 +444,20 @@ TEST_F(InterruptingSignal, WriteFullDeliversEverythingThroughSignalsAndPartialWr
   for (std::size_t i = 0; i < data.size(); ++i) {
     data[i] = static_cast<std::uint8_t>(i * 7 + i / 251);
   }
-  std::atomic<pid_t> writer_id{0};
-  std::atomic<bool> finished{false};
-  ssize_t result = 0;
-  int error = 0;
-  std::thread writer([&] {
-    writer_id.store(static_cast<pid_t>(::syscall(SYS_gettid)));
-    result = write_full(write_end_.get(), data.data(), data.size());
-    error = errno;
-    // A writer that gave up ends the pipe, so the reading below stops instead of waiting.
+  start([&] {
+    const ssize_t written = write_full(write_end_.get(), data.data(), data.size());
+    // The writer ends the pipe when it returns, so the reading below stops even if it gave up early.
+    const int error = errno;
     write_end_.reset();
-    finished.store(true);
+    errno = error;
+    return written;
   });
-  while (writer_id.load() == 0) {
-    std::this_thread::yield();
-  }
   std::vector<std::uint8_t> received;
   std::array<std::uint8_t, 1500> chunk{};
   int interruptions = 0;
   while (received.size() < data.size()) {
     if (interruptions < 20) {
-      interrupt_when_blocked(writer_id.load(), writer.native_handle(), finished);
+      interrupt_when_blocked();
       ++interruptions;
     }
     const ssize_t count = ::read(read_end_.get(), chunk.data(), chunk.size());
@@ -454,8 +466,7 @@ TEST_F(InterruptingSignal, WriteFullDeliversEverythingThroughSignalsAndPartialWr
     }
     received.insert(received.end(), chunk.begin(), chunk.begin() + count);
   }
-  writer.join();
-  EXPECT_EQ(result, static_cast<ssize_t>(data.size())) << std::strerror(error);
+  finish(static_cast<ssize_t>(data.size()));
   EXPECT_TRUE(received == data);
   EXPECT_EQ(signals_caught.load(), 20);
 }

@@ -458,10 +458,7 @@ TEST_F(ZmqIpcTest, NoDescriptorOfTheEndpointsIsInheritedByAStartedProgram) {
   auto client = endpoint(kClient);
   serve_echo(*server, kQuery);
   // A round trip opens the outgoing links of both sides as well.
-  Request request;
-  request.group = kQuery.group;
-  request.id = kQuery.id;
-  const auto answer = client->request(kServer, request, milliseconds(2000));
+  const auto answer = client->request(kServer, Request{{}, kQuery.group, kQuery.id, {}}, milliseconds(2000));
   ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
   EXPECT_EQ(test::added_descriptors(before, test::inheritable_descriptors()), std::set<std::string>{});
 }
