@@ -1,5 +1,7 @@
 #include "xpon/test/process.hpp"
 
+#include "xpon/core/file_descriptor.hpp"
+
 #include "xpon/test/temp_dir.hpp"
 
 #include <fcntl.h>
@@ -137,26 +139,24 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
   if (::pipe2(report, O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));
   }
+  core::FileDescriptor report_reader(report[0]);
+  core::FileDescriptor report_writer(report[1]);
   const pid_t parent = ::getpid();
   const pid_t child = ::fork();
   if (child == 0) {
-    ::close(report[0]);
+    report_reader.reset();
     become_child(arguments[0].c_str(), argument_pointers.data(), variable_pointers.data(), output.c_str(),
-                 errors.c_str(), limits.open_files ? &open_files : nullptr, report[1], parent);
+                 errors.c_str(), limits.open_files ? &open_files : nullptr, report_writer.get(), parent);
   }
-  ::close(report[1]);
+  const int fork_error = errno;
+  report_writer.reset();
   if (child < 0) {
-    const std::string reason = std::strerror(errno);
-    ::close(report[0]);
-    throw std::runtime_error("fork: " + reason);
+    throw std::runtime_error(std::string("fork: ") + std::strerror(fork_error));
   }
   pid_ = child;
   int failure = 0;
-  ssize_t got = 0;
-  do {
-    got = ::read(report[0], &failure, sizeof failure);
-  } while (got < 0 && errno == EINTR);
-  ::close(report[0]);
+  const ssize_t got = core::read_full(report_reader.get(), &failure, sizeof failure);
+  report_reader.reset();
   if (got == static_cast<ssize_t>(sizeof failure)) {
     reap_blocking();
     throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(failure));
