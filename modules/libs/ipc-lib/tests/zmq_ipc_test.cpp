@@ -1,6 +1,7 @@
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
+#include "xpon/test/inheritable_descriptors.hpp"
 #include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
 
@@ -17,6 +18,7 @@
 #include <iterator>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -452,6 +454,28 @@ TEST_F(ZmqIpcTest, SecondOwnerOfAnAddressIsRefused) {
   }
   first.reset();
   EXPECT_NO_THROW(endpoint(kServer));
+}
+
+TEST_F(ZmqIpcTest, NoDescriptorOfTheEndpointsIsInheritedByAStartedProgram) {
+  const auto before = test::inheritable_descriptors();
+  auto server = endpoint(kServer);
+  auto client = endpoint(kClient);
+  serve_echo(*server, kQuery);
+  // A round trip opens the outgoing links of both sides as well.
+  const auto answer = client->request(kServer, Request{{}, kQuery.group, kQuery.id, {}}, milliseconds(2000));
+  ASSERT_TRUE(answer.has_value()) << answer.error().to_string();
+  EXPECT_EQ(test::added_descriptors(before, test::inheritable_descriptors()), std::set<std::string>{});
+}
+
+TEST_F(ZmqIpcTest, TheLockFileIsHeldOnceAndClosedWithTheEndpoint) {
+  const std::string lock_file = root.path() + "/run/xpon/ipc/0015fffe.lock";
+  auto first = endpoint(kServer);
+  EXPECT_EQ(test::descriptors_open_on(lock_file), 1U);
+  // A refused second owner closes the descriptor it opened on the lock file.
+  EXPECT_THROW(endpoint(kServer), AddressInUse);
+  EXPECT_EQ(test::descriptors_open_on(lock_file), 1U);
+  first.reset();
+  EXPECT_EQ(test::descriptors_open_on(lock_file), 0U);
 }
 
 TEST_F(ZmqIpcTest, EndpointInARangeTakesTheFirstFreeAddress) {
