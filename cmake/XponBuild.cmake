@@ -12,6 +12,16 @@ elseif(NOT XPON_DEBUG_INFO STREQUAL "full")
   message(FATAL_ERROR "XPON_DEBUG_INFO must be full or lines, not '${XPON_DEBUG_INFO}'")
 endif()
 
+# How the test programs' own sources are optimised: "preset" (as the build type says), or "none"
+# (-O0). The libraries and programs under test keep the build type's optimisation either way, so
+# "none" tests the same code; CI, which builds every preset from scratch, asks for it because the
+# test sources are over half of what it compiles and build at -O0 in about half the time.
+set(XPON_TEST_OPTIMIZATION "preset" CACHE STRING "Optimisation of the test programs' sources: preset or none")
+set_property(CACHE XPON_TEST_OPTIMIZATION PROPERTY STRINGS preset none)
+if(NOT XPON_TEST_OPTIMIZATION MATCHES "^(preset|none)$")
+  message(FATAL_ERROR "XPON_TEST_OPTIMIZATION must be preset or none, not '${XPON_TEST_OPTIMIZATION}'")
+endif()
+
 # Signed integer overflow is fatal in every build. The ASan preset reports it
 # through UBSan (and aborts, -fno-sanitize-recover); every other build traps.
 if(XPON_SANITIZER STREQUAL "address")
@@ -65,19 +75,33 @@ function(xpon_library)
   xpon_warnings(${ARG_NAME})
 endfunction()
 
+# Test programs carrying one of these labels are not declared at all: a preset whose test run
+# leaves a label out (the cross build under qemu-user runs no system test) need not build them.
+set(XPON_SKIP_TEST_LABELS "" CACHE STRING "Labels whose test programs are not built (a ;-list)")
+
 # xpon_test(NAME <target> SOURCES ... DEPS ... [LABELS unit|component|system threaded ...])
 # Tests are discovered when ctest runs, so a sanitizer build never runs them at build time.
+# A program with a label of XPON_SKIP_TEST_LABELS is skipped: callers check if(TARGET ...).
 function(xpon_test)
   cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
   if(NOT XPON_BUILD_TESTS)
     return()
   endif()
+  foreach(label IN LISTS ARG_LABELS)
+    if(label IN_LIST XPON_SKIP_TEST_LABELS)
+      return()
+    endif()
+  endforeach()
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   xpon_warnings(${ARG_NAME})
+  if(XPON_TEST_OPTIMIZATION STREQUAL "none")
+    # After the build type's flags on the command line, so this -O0 is the one that counts.
+    target_compile_options(${ARG_NAME} PRIVATE -O0)
+  endif()
   gtest_discover_tests(${ARG_NAME} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
   # Labels are applied by a script of our own that runs after discovery: in PRE_TEST mode
   # CMake 3.25 flattens a list given in PROPERTIES, so only the first label would survive.

@@ -48,7 +48,7 @@ class Scratch {
 
   LoggingContext context(const std::string& text, std::shared_ptr<xpon::logger::IJournalWriter> journal = nullptr) {
     const std::string conf = (dir_ / "bench.conf").string();
-    if (std::FILE* out = std::fopen(conf.c_str(), "w")) {
+    if (std::FILE* out = std::fopen(conf.c_str(), "we")) {
       std::fputs(text.c_str(), out);
       std::fclose(out);
     }

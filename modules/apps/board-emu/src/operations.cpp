@@ -290,77 +290,94 @@ int get_p_port_sfp_rx_power(BoardModel& model, void* argument) {
   return 0;
 }
 
-#define XPON_EMU_OPERATION(command, handler)       \
-  Operation {                                      \
-    command, #command, _IOC_SIZE(command), handler \
+using Answer = int (*)(BoardModel& model, void* argument);
+
+// The answer to each command of the driver's list, or nullptr for a command the emulator does not
+// answer (the table below refuses to compile then).
+constexpr Answer answer_of(unsigned long request) {
+  switch (request) {
+// The inventory commands answer their byte of the model's inventory, named as the driver's inventory list names it.
+#define XPON_EMU_INVENTORY_ANSWER(command, value) \
+  case command:                                   \
+    return [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.value); };
+    BRD_DRIVER_INVENTORY(XPON_EMU_INVENTORY_ANSWER)
+#undef XPON_EMU_INVENTORY_ANSWER
+    case BOARD_GET_FPGA_VERSION:
+      return [](BoardModel& m, void* a) { return answer_byte(a, m.fpga_version); };
+    case BOARD_F_BTN_IS_PRESSED:
+      return [](BoardModel& m, void* a) { return answer_byte(a, m.front_button.pressed ? 1 : 0); };
+    case BOARD_F_BTN_IS_POLLING_ENABLED:
+      return [](BoardModel& m, void* a) { return answer_byte(a, m.front_button.polling_enabled ? 1 : 0); };
+    case BOARD_F_BTN_IS_HARD_RESET_ENABLED:
+      return [](BoardModel& m, void* a) { return answer_byte(a, m.front_button.hard_reset_enabled ? 1 : 0); };
+    case BOARD_F_BTN_SET_POLLING:
+      return [](BoardModel& m, void* a) { return read_switch(a, m.front_button.polling_enabled); };
+    case BOARD_F_BTN_SET_HARD_RESET:
+      return [](BoardModel& m, void* a) { return read_switch(a, m.front_button.hard_reset_enabled); };
+    case BOARD_SET_FAN_SPEED:
+      return [](BoardModel& m, void* a) {
+        m.fan_speed_setting = load<std::uint8_t>(a);
+        return 0;
+      };
+    case BOARD_GET_FAN_INFO:
+      return get_fan_info;
+    case BOARD_GET_PS_INFO:
+      return get_ps_info;
+    case BOARD_GET_TEMP_INFO:
+      return get_temp_info;
+    case BOARD_SET_FAN_MODULE_SPEED:
+      return [](BoardModel& m, void* a) {
+        if (!m.fan_module) {
+          return ENODEV;
+        }
+        m.fan_module->speed_setting = load<std::uint8_t>(a);
+        return 0;
+      };
+    case BOARD_GET_FAN_MODULE_FACTORY:
+      return get_fan_module_factory;
+    case BOARD_GET_FAN_MODULE_STATE:
+      return get_fan_module_state;
+    case BOARD_GET_PWR_MODULE_STATE:
+      return get_pwr_module_state;
+    case BOARD_CNTRL_LED_PANEL:
+      return cntrl_led_panel;
+    case BOARD_P_PORT_SET_LED_STATE:
+      return p_port_set_led_state;
+    case BOARD_P_PORT_GET_LED_STATE:
+      return p_port_get_led_state;
+    case BOARD_CNTRL_P_PORT_SFP_TRX:
+      return [](BoardModel& m, void* a) { return cntrl_sfp_trx(m.pon_ports, a); };
+    case BOARD_CNTRL_F_PORT_SFP_TRX:
+      return [](BoardModel& m, void* a) { return cntrl_sfp_trx(m.front_ports, a); };
+    case BOARD_GET_P_PORT_SFP_TRX:
+      return get_p_port_sfp_trx;
+    case BOARD_GET_F_PORT_SFP_STATE:
+      return [](BoardModel& m, void* a) { return get_sfp_state(m.front_ports, a); };
+    case BOARD_GET_P_PORT_SFP_STATE:
+      return [](BoardModel& m, void* a) { return get_sfp_state(m.pon_ports, a); };
+    case BOARD_GET_F_PORT_SFP_DATA:
+      return [](BoardModel& m, void* a) { return get_sfp_data(m.front_ports, a); };
+    case BOARD_GET_P_PORT_SFP_DATA:
+      return [](BoardModel& m, void* a) { return get_sfp_data(m.pon_ports, a); };
+    case BOARD_GET_F_PORT_SFP_EDDI_DATA:
+      return [](BoardModel& m, void* a) { return get_sfp_eddi(m.front_ports, a); };
+    case BOARD_GET_P_PORT_SFP_EDDI_DATA:
+      return [](BoardModel& m, void* a) { return get_sfp_eddi(m.pon_ports, a); };
+    case BOARD_GET_P_PORT_SFP_RX_POWER:
+      return get_p_port_sfp_rx_power;
+    default:
+      return nullptr;
   }
+}
 
-const std::array kOperations = {
-    XPON_EMU_OPERATION(BOARD_GET_CPLD_VERSION,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.cpld_version); }),
-    XPON_EMU_OPERATION(BOARD_GET_FAN_COUNT,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.fan_count); }),
-    XPON_EMU_OPERATION(BOARD_GET_PS_COUNT, [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.ps_count); }),
-    XPON_EMU_OPERATION(BOARD_GET_TEMP_COUNT,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.temp_count); }),
-    XPON_EMU_OPERATION(BOARD_GET_PON_PORT_COUNT,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.pon_port_count); }),
-    XPON_EMU_OPERATION(BOARD_GET_FRONT_PORT_COUNT,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.inventory.front_port_count); }),
-    XPON_EMU_OPERATION(BOARD_GET_FPGA_VERSION, [](BoardModel& m, void* a) { return answer_byte(a, m.fpga_version); }),
-    XPON_EMU_OPERATION(BOARD_F_BTN_IS_PRESSED,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.front_button.pressed ? 1 : 0); }),
-    XPON_EMU_OPERATION(BOARD_F_BTN_IS_POLLING_ENABLED,
-                       [](BoardModel& m, void* a) { return answer_byte(a, m.front_button.polling_enabled ? 1 : 0); }),
-    XPON_EMU_OPERATION(
-        BOARD_F_BTN_IS_HARD_RESET_ENABLED,
-        [](BoardModel& m, void* a) { return answer_byte(a, m.front_button.hard_reset_enabled ? 1 : 0); }),
-    XPON_EMU_OPERATION(BOARD_F_BTN_SET_POLLING,
-                       [](BoardModel& m, void* a) { return read_switch(a, m.front_button.polling_enabled); }),
-    XPON_EMU_OPERATION(BOARD_F_BTN_SET_HARD_RESET,
-                       [](BoardModel& m, void* a) { return read_switch(a, m.front_button.hard_reset_enabled); }),
-    XPON_EMU_OPERATION(BOARD_SET_FAN_SPEED,
-                       [](BoardModel& m, void* a) {
-                         m.fan_speed_setting = load<std::uint8_t>(a);
-                         return 0;
-                       }),
-    XPON_EMU_OPERATION(BOARD_GET_FAN_INFO, get_fan_info),
-    XPON_EMU_OPERATION(BOARD_GET_PS_INFO, get_ps_info),
-    XPON_EMU_OPERATION(BOARD_GET_TEMP_INFO, get_temp_info),
-    XPON_EMU_OPERATION(BOARD_SET_FAN_MODULE_SPEED,
-                       [](BoardModel& m, void* a) {
-                         if (!m.fan_module) {
-                           return ENODEV;
-                         }
-                         m.fan_module->speed_setting = load<std::uint8_t>(a);
-                         return 0;
-                       }),
-    XPON_EMU_OPERATION(BOARD_GET_FAN_MODULE_FACTORY, get_fan_module_factory),
-    XPON_EMU_OPERATION(BOARD_GET_FAN_MODULE_STATE, get_fan_module_state),
-    XPON_EMU_OPERATION(BOARD_GET_PWR_MODULE_STATE, get_pwr_module_state),
-    XPON_EMU_OPERATION(BOARD_CNTRL_LED_PANEL, cntrl_led_panel),
-    XPON_EMU_OPERATION(BOARD_P_PORT_SET_LED_STATE, p_port_set_led_state),
-    XPON_EMU_OPERATION(BOARD_P_PORT_GET_LED_STATE, p_port_get_led_state),
-    XPON_EMU_OPERATION(BOARD_CNTRL_P_PORT_SFP_TRX,
-                       [](BoardModel& m, void* a) { return cntrl_sfp_trx(m.pon_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_CNTRL_F_PORT_SFP_TRX,
-                       [](BoardModel& m, void* a) { return cntrl_sfp_trx(m.front_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_P_PORT_SFP_TRX, get_p_port_sfp_trx),
-    XPON_EMU_OPERATION(BOARD_GET_F_PORT_SFP_STATE,
-                       [](BoardModel& m, void* a) { return get_sfp_state(m.front_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_P_PORT_SFP_STATE,
-                       [](BoardModel& m, void* a) { return get_sfp_state(m.pon_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_F_PORT_SFP_DATA,
-                       [](BoardModel& m, void* a) { return get_sfp_data(m.front_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_P_PORT_SFP_DATA, [](BoardModel& m, void* a) { return get_sfp_data(m.pon_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_F_PORT_SFP_EDDI_DATA,
-                       [](BoardModel& m, void* a) { return get_sfp_eddi(m.front_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_P_PORT_SFP_EDDI_DATA,
-                       [](BoardModel& m, void* a) { return get_sfp_eddi(m.pon_ports, a); }),
-    XPON_EMU_OPERATION(BOARD_GET_P_PORT_SFP_RX_POWER, get_p_port_sfp_rx_power),
-};
-
+// The operation table, generated from the driver's command list.
+#define XPON_EMU_OPERATION(command, record) Operation{command, #command, _IOC_SIZE(command), answer_of(command)},
+constexpr std::array kOperations = {BRD_DRIVER_COMMANDS(XPON_EMU_OPERATION)};
 #undef XPON_EMU_OPERATION
+
+static_assert(std::none_of(kOperations.begin(), kOperations.end(),
+                           [](const Operation& operation) { return operation.answer == nullptr; }),
+              "every command of the driver's list has its answer in answer_of");
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 
 #include "xpon/board/driver_abi.h"
 #include "xpon/board_emu/operations.hpp"
+#include "xpon/test/published_driver_commands.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gtest/gtest.h>
@@ -79,6 +80,22 @@ TEST_F(EmulatorTest, EveryOperationRecordSizeMatchesItsRequestCode) {
     EXPECT_EQ(_IOC_TYPE(operation.request), static_cast<unsigned>('L')) << operation.name;
   }
   EXPECT_EQ(operations().size(), 33U);
+}
+
+// The table is generated from the driver's command list: the same commands, names and codes, in
+// the header's order, as drivers and fault files know them.
+TEST_F(EmulatorTest, TheOperationTableIsEveryPublishedCommandInOrder) {
+  ASSERT_EQ(operations().size(), test::kPublishedDriverCommands.size());
+  for (std::size_t index = 0; index < operations().size(); ++index) {
+    const auto& published = test::kPublishedDriverCommands[index];
+    EXPECT_EQ(operations()[index].name, published.name);
+    EXPECT_EQ(operations()[index].request, published.request) << published.name;
+    EXPECT_NE(operations()[index].answer, nullptr) << published.name;
+    const Operation* found = find_operation(static_cast<unsigned int>(published.request));
+    ASSERT_NE(found, nullptr) << published.name;
+    EXPECT_EQ(found->name, published.name);
+    EXPECT_TRUE(is_operation_name(published.name));
+  }
 }
 
 TEST_F(EmulatorTest, FpgaVersion) {

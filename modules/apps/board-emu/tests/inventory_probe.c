@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   snprintf(board_path, sizeof board_path, "%s/board", argv[1]);
   snprintf(control_path, sizeof control_path, "%s/board-control", argv[1]);
 
-  fd = open(board_path, O_RDWR);
+  fd = open(board_path, O_RDWR | O_CLOEXEC);
   if (fd < 0) {
     fprintf(stderr, "cannot open %s: %s\n", board_path, strerror(errno));
     return 1;
@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
 
   wanted = (uint8_t)(values[1] + 1u);
   length = snprintf(patch, sizeof patch, "{\"inventory\": {\"fan_count\": %u}}\n", (unsigned)wanted);
-  control = open(control_path, O_WRONLY);
+  control = open(control_path, O_WRONLY | O_CLOEXEC);
   if (control < 0 || write(control, patch, (size_t)length) != length) {
     fprintf(stderr, "cannot write %s: %s\n", control_path, strerror(errno));
     close(fd);

@@ -1,13 +1,13 @@
 // xpon-ipc-bus: the event bus of a board. Publishers push events into bus.in; every event is
 // forwarded unchanged (topic, header, payload) to the subscribers of bus.sub.
 
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/ipc/paths.hpp"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
@@ -41,17 +41,16 @@ void say(const std::string& line) {
 }
 
 /// Holds the exclusive lock of the bus so that a second bus cannot steal the socket files.
-int lock_bus() {
+xpon::core::FileDescriptor lock_bus() {
   const std::string path = xpon::ipc::ipc_directory() + "/bus.lock";
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  xpon::core::FileDescriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (!lock) {
     throw std::runtime_error(fmt::format("cannot open the bus lock file: {}", std::strerror(errno)));
   }
-  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    ::close(fd);
+  if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     throw std::runtime_error("another xpon-ipc-bus is already running");
   }
-  return fd;
+  return lock;
 }
 
 /// Reads the subscription messages XPUB hands up so that they never pile up; they are only counted.
@@ -90,14 +89,14 @@ int run(int settle_ms, bool verbose) {
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-  if (signal_fd < 0) {
+  const xpon::core::FileDescriptor signal_fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!signal_fd) {
     say(fmt::format("signalfd failed: {}", std::strerror(errno)));
     return 1;
   }
 
   xpon::ipc::ensure_ipc_directory();
-  const int lock_fd = lock_bus();
+  xpon::core::FileDescriptor lock = lock_bus();
   BusStats stats;
   {
     zmq::context_t context(1);
@@ -116,7 +115,7 @@ int run(int settle_ms, bool verbose) {
     // forwarded to nobody.
     std::array<zmq::pollitem_t, 2> settle_items{{
         {publisher.handle(), 0, ZMQ_POLLIN, 0},
-        {nullptr, signal_fd, ZMQ_POLLIN, 0},
+        {nullptr, signal_fd.get(), ZMQ_POLLIN, 0},
     }};
     const auto settle_end = std::chrono::steady_clock::now() + std::chrono::milliseconds(settle_ms);
     bool stop = false;
@@ -135,7 +134,7 @@ int run(int settle_ms, bool verbose) {
     std::array<zmq::pollitem_t, 3> items{{
         {inlet.handle(), 0, ZMQ_POLLIN, 0},
         {publisher.handle(), 0, ZMQ_POLLIN, 0},
-        {nullptr, signal_fd, ZMQ_POLLIN, 0},
+        {nullptr, signal_fd.get(), ZMQ_POLLIN, 0},
     }};
     while (!stop) {
       zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
@@ -147,15 +146,15 @@ int run(int settle_ms, bool verbose) {
       }
       if ((items[2].revents & ZMQ_POLLIN) != 0) {
         signalfd_siginfo info{};
-        [[maybe_unused]] const auto got = ::read(signal_fd, &info, sizeof info);
+        [[maybe_unused]] const auto got = xpon::core::read_once(signal_fd.get(), &info, sizeof info);
         stop = true;
       }
     }
     inlet.close();
     publisher.close();
   }
-  ::close(lock_fd);
-  ::close(signal_fd);
+  // The lock is let go only once the sockets are closed, so that a new bus never meets them.
+  lock.reset();
   say(fmt::format("stopped: {} events forwarded, {} malformed messages dropped, {} subscription messages read",
                   stats.forwarded, stats.malformed, stats.subscription_messages));
   return 0;

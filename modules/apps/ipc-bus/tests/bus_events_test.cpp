@@ -1,6 +1,7 @@
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/inheritable_descriptors.hpp"
 #include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
 
@@ -14,6 +15,7 @@
 #include <filesystem>
 #include <iterator>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -344,6 +346,17 @@ TEST_F(BusEventsTest, BusStopsCleanlyOnSigterm) {
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
+}
+
+TEST_F(BusEventsTest, TheBusOpensNothingAProgramItStartedWouldInherit) {
+  // Both sockets bound: the lock file, the signalfd and ZeroMQ's descriptors are all open.
+  ASSERT_TRUE(wait_until([&] {
+    return std::filesystem::exists(ipc_directory() + "/bus.sub") && std::filesystem::exists(ipc_directory() + "/bus.in");
+  }));
+  // What it inherited from this process it may hold as it is; nothing of its own may be inheritable.
+  EXPECT_EQ(test::added_descriptors(test::inheritable_descriptors(), test::inheritable_descriptors(bus->pid())),
+            std::set<std::string>{});
+  EXPECT_TRUE(bus->running());
 }
 
 TEST_F(BusEventsTest, SecondBusIsRefused) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -305,6 +306,19 @@ TEST_F(FanModuleMonitoringTest, ConfigChangeReReadsTheLimits) {
   EXPECT_TRUE(logger->contains("Change config event [ALARM_SYSTEM_FAN]", 0));
   EXPECT_EQ(function->limits().upper(), 4000);
   EXPECT_EQ(function->limits().lower(), 300);
+}
+
+TEST_F(FanModuleMonitoringTest, FailedReadOnChangeIsLoggedStopsAtOnceAndKeepsTheLastLimits) {
+  store_limits(6000, 1200);
+  auto function = make();
+  // A lower limit at the upper one is refused by the getter (EINVAL), as a damaged database would hold it.
+  store_raw_field(cfgdb::kAlarmSystemFan, "lower_speed", "6000");
+  logger->clear();
+  // One failed read only: the second record is not looked at.
+  expect_failed_reread(function->config_change({}, {{79, 1, 0}, {79, 1, 0}}),
+                       {"Change config event [ALARM_SYSTEM_FAN]"});
+  EXPECT_EQ(function->limits().upper(), 6000);
+  EXPECT_EQ(function->limits().lower(), 1200);
 }
 
 }  // namespace

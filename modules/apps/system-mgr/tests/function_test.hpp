@@ -19,6 +19,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -193,6 +194,21 @@ class FunctionTest : public ::testing::Test {
       ADD_FAILURE() << "constructed";
     } catch (const std::runtime_error& error) {
       EXPECT_EQ(std::string(error.what()), text);
+    }
+  }
+
+  /// Expects `result` to be that of a configuration change whose section could not be re-read:
+  /// Error::ErrorCApi, the getter's refusal (EINVAL) logged once at level 4, and none of
+  /// `success_texts` logged (the change's later records are not looked at).
+  void expect_failed_reread(const Result<void>& result, const std::vector<std::string>& success_texts) const {
+    ASSERT_TRUE(result.has_error());
+    EXPECT_EQ(result.error().error, core::Error::ErrorCApi);
+    const std::string refused = "C API function returned -1, errno=" + std::to_string(EINVAL);
+    const auto texts = logger->texts();
+    EXPECT_EQ(std::count(texts.begin(), texts.end(), refused), 1);
+    EXPECT_TRUE(logger->contains(refused, 4));
+    for (const auto& text : success_texts) {
+      EXPECT_FALSE(logger->contains(text)) << text;
     }
   }
 

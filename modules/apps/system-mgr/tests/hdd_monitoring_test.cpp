@@ -270,6 +270,18 @@ TEST_F(HddMonitoringTest, OtherSectionsAreIgnored) {
   EXPECT_TRUE(logger->texts().empty());
 }
 
+TEST_F(HddMonitoringTest, FailedReadOnChangeIsLoggedStopsAtOnceAndKeepsThePreviousThreshold) {
+  store_threshold(7);
+  auto function = make();
+  store_unreadable_threshold();
+  logger->clear();
+  // One failed read only: the second record is not looked at.
+  expect_failed_reread(
+      function->config_change(ServiceCtx{}, {service::Config_change{78, 1, 0}, service::Config_change{78, 1, 0}}),
+      {"Change config event [ALARM_DISK_SPACE]"});
+  EXPECT_EQ(function->threshold(), 7);
+}
+
 TEST_F(HddMonitoringTest, SubscribesAndUnsubscribesGetHddData) {
   auto function = make();
   ASSERT_TRUE(function->ipc_subscribe());

@@ -4,16 +4,17 @@
 #include "xpon/test/fake_board.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
+#include "xpon/test/wait.hpp"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace xpon::system_mgr {
@@ -95,15 +96,27 @@ TEST_F(PwrModuleMonitoringTest, ThePollSucceedsWithoutDoingAnything) {
   EXPECT_TRUE(logger->texts().empty());
 }
 
+// The function with its polls counted, to see the thread's.
+class CountedPwrModuleMonitoring : public Wakeable<PwrModuleMonitoring> {
+ public:
+  using Wakeable<PwrModuleMonitoring>::Wakeable;
+  Result<void> polling() override {
+    ++polls;
+    return PwrModuleMonitoring::polling();
+  }
+  std::atomic<int> polls{0};
+};
+
 TEST_F(PwrModuleMonitoringTest, ThePollingThreadRunsAndNeverSendsAnything) {
-  auto function = std::make_unique<Wakeable<PwrModuleMonitoring>>(logger, ipc, cfgdb, board, 10ms);
+  auto function = std::make_unique<CountedPwrModuleMonitoring>(logger, ipc, cfgdb, board, 10ms);
   ASSERT_TRUE(function->run());
   // The empty poll is not "not implemented": the thread is started all the same.
   EXPECT_TRUE(function->is_running());
+  EXPECT_EQ(function->polls.load(), 1) << "run makes the first poll";
   EXPECT_FALSE(logger->contains("Polling not required for System function: PwrModuleMonitoring"));
   EXPECT_TRUE(ipc->has_request_subscription(ipc::Key{IPC_SYSTEM_MGR, IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE}));
-  // Several periods go by.
-  std::this_thread::sleep_for(60ms);
+  // At least two polls of the thread after the first one.
+  EXPECT_TRUE(test::wait_until([&] { return function->polls.load() >= 3; }, 5s)) << function->polls.load();
   EXPECT_TRUE(ipc->events().empty());
   EXPECT_TRUE(ipc->responses().empty());
   EXPECT_TRUE(board->calls().empty());

@@ -1,6 +1,7 @@
 #include "xpon/system_mgr/services/create_service.hpp"
 #include "xpon/system_mgr/services/fc_service.hpp"
 #include "xpon/system_mgr/services/lc_service.hpp"
+#include "xpon/system_mgr/services/lineups.hpp"
 #include "xpon/system_mgr/services/lt_service.hpp"
 
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
@@ -15,6 +16,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -349,10 +351,22 @@ TEST(FanOut, ThrowingConfigChangeEndsTheWalkAsAnException) {
   EXPECT_TRUE(logger->contains("An std::exception was thrown: f1 threw ", 4));
 }
 
+using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
+
+// Each family's functions, in creation order, with their polling periods (0: never polls).
+const Lineup kExpectedFc{
+    {"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms},       {"HddMonitoring", 30000ms},
+    {"LedPanelCntrl", 0ms},         {"MiscParameters", 0ms},          {"TempMonitoring", 20000ms},
+    {"SfpMonitoring", 1000ms},      {"FanModuleMonitoring", 30000ms}, {"PwrModuleMonitoring", 30000ms}};
+const Lineup kExpectedLc{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms},  {"LedPanelCntrl", 0ms},
+                         {"MiscParameters", 0ms},        {"TempMonitoring", 20000ms}, {"SfpMonitoring", 1000ms}};
+const Lineup kExpectedLt{{"CpuLoadMonitoring", 30000ms}, {"RamMonitoring", 30000ms}, {"HddMonitoring", 30000ms},
+                         {"LedPanelCntrl", 0ms},         {"MiscParameters", 0ms},    {"TempMonitoring", 20000ms},
+                         {"SfpMonitoring", 1000ms},      {"FanMonitoring", 30000ms}, {"PsMonitoring", 1000ms}};
+
 // Name and period of every function of a service, in creation order.
-std::vector<std::pair<std::string, std::chrono::milliseconds>> lineup(
-    const std::vector<std::shared_ptr<ISysFunction>>& functions) {
-  std::vector<std::pair<std::string, std::chrono::milliseconds>> names;
+Lineup lineup(const std::vector<std::shared_ptr<ISysFunction>>& functions) {
+  Lineup names;
   for (const auto& function : functions) {
     const auto* base = dynamic_cast<const SysFunction*>(function.get());
     EXPECT_NE(base, nullptr);
@@ -363,35 +377,43 @@ std::vector<std::pair<std::string, std::chrono::milliseconds>> lineup(
   return names;
 }
 
+// Name and period of every entry of a family's table, in its order.
+Lineup lineup(std::span<const LineupEntry> table) {
+  Lineup names;
+  for (const LineupEntry& entry : table) {
+    names.emplace_back(std::string(entry.name), entry.period);
+  }
+  return names;
+}
+
+TEST(Lineups, EachFamilysTableNamesItsFunctionsAndPeriodsInCreationOrder) {
+  EXPECT_EQ(lineup(lineups::kFc), kExpectedFc);
+  EXPECT_EQ(lineup(lineups::kLc), kExpectedLc);
+  EXPECT_EQ(lineup(lineups::kLt), kExpectedLt);
+  EXPECT_EQ(kNoPolling, 0ms);
+}
+
 TEST_F(RealServices, EachFamilyCreatesExactlyItsFunctionsWithTheirPeriods) {
   const FcService fc(logger_, ipc_, cfgdb_, board_);
   const LcService lc(logger_, ipc_, cfgdb_, board_);
   const LtService lt(logger_, ipc_, cfgdb_, board_);
-  using Lineup = std::vector<std::pair<std::string, std::chrono::milliseconds>>;
-  EXPECT_EQ(lineup(fc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
-                                            {"RamMonitoring", 30000ms},
-                                            {"HddMonitoring", 30000ms},
-                                            {"LedPanelCntrl", 0ms},
-                                            {"MiscParameters", 0ms},
-                                            {"TempMonitoring", 20000ms},
-                                            {"SfpMonitoring", 1000ms},
-                                            {"FanModuleMonitoring", 30000ms},
-                                            {"PwrModuleMonitoring", 30000ms}}));
-  EXPECT_EQ(lineup(lc.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
-                                            {"RamMonitoring", 30000ms},
-                                            {"LedPanelCntrl", 0ms},
-                                            {"MiscParameters", 0ms},
-                                            {"TempMonitoring", 20000ms},
-                                            {"SfpMonitoring", 1000ms}}));
-  EXPECT_EQ(lineup(lt.functions()), (Lineup{{"CpuLoadMonitoring", 30000ms},
-                                            {"RamMonitoring", 30000ms},
-                                            {"HddMonitoring", 30000ms},
-                                            {"LedPanelCntrl", 0ms},
-                                            {"MiscParameters", 0ms},
-                                            {"TempMonitoring", 20000ms},
-                                            {"SfpMonitoring", 1000ms},
-                                            {"FanMonitoring", 30000ms},
-                                            {"PsMonitoring", 1000ms}}));
+  EXPECT_EQ(lineup(fc.functions()), kExpectedFc);
+  EXPECT_EQ(lineup(lc.functions()), kExpectedLc);
+  EXPECT_EQ(lineup(lt.functions()), kExpectedLt);
+}
+
+TEST_F(RealServices, EveryFunctionOfATableIsMadeOfItsOwnClassWithTheServicesObjects) {
+  // Each entry makes the function it names, with the period it gives, from the objects handed in.
+  const FunctionDeps deps{logger_, ipc_, cfgdb_, board_, DeviceType::FC};
+  for (const auto* table : {&lineups::kFc, &lineups::kLt}) {
+    for (const LineupEntry& entry : *table) {
+      const auto made = entry.make(deps, entry.period);
+      const auto* function = dynamic_cast<const SysFunction*>(made.get());
+      ASSERT_NE(function, nullptr) << entry.name;
+      EXPECT_EQ(function->name(), entry.name);
+      EXPECT_EQ(function->period(), entry.period) << entry.name;
+    }
+  }
 }
 
 TEST_F(RealServices, TheFifthOperationAnswersSuccessInEveryFamily) {

@@ -645,8 +645,12 @@ TEST_F(SfpMonitoringTest, EddiOfAllOnesWordsGivesFiniteValues) {
   // Temperature: raw -1/256 with slope 255.996 and offset -1/256, all in 1/256 degC.
   EXPECT_EQ(decoded.temperature, (-1.0 * 65535.0 / 256.0 - 1.0) / 256.0);
   EXPECT_EQ(decoded.voltage, (65535.0 * 65535.0 / 256.0 - 1.0) * 100.0);
+  // Bias in 2 uA units and power in 0.1 uW units of the same fixed-point value, 16776703.00390625.
   EXPECT_TRUE(std::isfinite(decoded.bias_current));
   EXPECT_TRUE(std::isfinite(decoded.optical_power));
+  EXPECT_DOUBLE_EQ(decoded.bias_current, 33553.4060078125);
+  EXPECT_DOUBLE_EQ(decoded.optical_power, 1677.670300390625);
+  EXPECT_EQ(decoded.valid, 1);
   EXPECT_EQ(decoded.port, 5U) << "the port is the requested one, not what the driver wrote";
 }
 
@@ -902,11 +906,56 @@ TEST_P(SfpRefusalTest, TheOtherNonLtFamilyIsServed) {
   plug(true, 0);
   plug(false, 0);
   ASSERT_TRUE(function->polling());
-  function->set_family(refusal.refusing == DeviceFamily::FC ? DeviceFamily::LC : DeviceFamily::FC);
+  // P-port requests are the ones FC refuses: LC serves them, and FC the F-port ones.
+  const bool p_port = refusal.refusing == DeviceFamily::FC;
+  function->set_family(p_port ? DeviceFamily::LC : DeviceFamily::FC);
   ipc->clear_sent();
+  board->clear_calls();
   ASSERT_TRUE(function->handle_request(request(refusal.id, u32(0))));
-  EXPECT_EQ(only_answer(1).empty(), refusal.id != 15518 && refusal.id != 15519 && refusal.id != 15520 &&
-                                        refusal.id != 15521 && refusal.id != 15522);
+  const auto answer = only_answer(1);
+  // The board's diagnostics and RX-power readings are left zero here.
+  switch (refusal.id) {
+    case 15516:
+    case 15517: {
+      // The group's module is published again, then the answer is empty.
+      EXPECT_TRUE(answer.empty());
+      const auto sent = events();
+      ASSERT_EQ(sent.size(), 1U);
+      EXPECT_EQ(sent[0].id, p_port ? 15539 : 15541);
+      EXPECT_EQ(sent[0].payload, record_bytes(0, 0x11));
+      break;
+    }
+    case 15518:
+    case 15519: {
+      // Port 0, diagnostics valid, every converted value 0.0.
+      ipc::Payload expected = u32(0);
+      expected.push_back(1);
+      expected.resize(133, 0);
+      EXPECT_EQ(answer, expected);
+      EXPECT_EQ(board->count(p_port ? BoardOp::get_p_port_sfp_eddi_data : BoardOp::get_f_port_sfp_eddi_data), 1U);
+      break;
+    }
+    case 15520:
+      // Zero coefficients: 0.0.
+      EXPECT_EQ(answer, ipc::Payload(8, 0));
+      EXPECT_EQ(board->count(BoardOp::get_p_port_sfp_rx_power), 1U);
+      break;
+    case 15521:
+    case 15522:
+      EXPECT_EQ(answer, record_bytes(0, 0x11));
+      break;
+    default: {
+      // The transmitter of the group's port 0 is switched on (15523, 15524) or off, then the answer is empty.
+      EXPECT_TRUE(answer.empty());
+      const auto switched =
+          board->arguments<Brd__cntrl_sfp_trx>(p_port ? BoardOp::cntrl_p_port_sfp_trx : BoardOp::cntrl_f_port_sfp_trx);
+      ASSERT_EQ(switched.size(), 1U);
+      EXPECT_EQ(switched[0].port, 0U);
+      EXPECT_EQ(switched[0].enable, (refusal.id == 15523 || refusal.id == 15524) ? 1 : 0);
+      break;
+    }
+  }
+  EXPECT_EQ(events().size(), (refusal.id == 15516 || refusal.id == 15517) ? 1U : 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryRequest, SfpRefusalTest, ::testing::ValuesIn(kRefusals),

@@ -15,6 +15,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -106,6 +107,36 @@ class TempMonitoringTest : public FunctionTest {
     return ids;
   }
 
+  // A function that reads sensor 0 at 70 C against the limits 0/80, with automatic LT fan control.
+  std::unique_ptr<TempMonitoring> make_reading_70_with_limits_0_80_and_automatic_lt_fans() {
+    store_fan(0, 0);
+    store_section(cfgdb::kAlarmSystemTemperature, {0, 80, 0, 80, 0, 80, 0, 80, 0, 80});
+    set_readings({reading(0, 70)});
+    return make();
+  }
+
+  // After a change list whose first section cannot be re-read: the failure, logged once, and a
+  // poll that shows both sections as read at construction (the reading normal, the fans raised).
+  void expect_nothing_re_read(TempMonitoring& function, const std::vector<Config_change>& changes) {
+    logger->clear();
+    expect_failed_reread(function.config_change({}, changes),
+                         {"Change config event [ALARM_SYSTEM_TEMPERATURE]", "Change config event [FAN]"});
+    ASSERT_TRUE(function.polling());
+    EXPECT_EQ(
+        alarms(),
+        (std::vector<ipc::Payload>{expected_alarm(1, 1, 70, "Sensor PON SFP 1 temperature 70C is back to normal")}));
+    EXPECT_EQ(board->arguments<std::uint8_t>(BoardOp::set_fan_speed), (std::vector<std::uint8_t>{159}));
+  }
+
+  // Slot 5 asks an FC master for the maximum rate: the slot is recorded, the board is not touched.
+  void expect_max_rate_from_slot_5_recorded_without_touching_the_board(TempMonitoring& function) {
+    board->clear_calls();
+    ASSERT_TRUE(function.handle_event(rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, 5)));
+    EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
+    EXPECT_TRUE(function.slot_max_rate().at(5));
+    EXPECT_TRUE(board->calls().empty());
+  }
+
   std::shared_ptr<test::FakeBoard> board = std::make_shared<test::FakeBoard>();
 };
 
@@ -158,6 +189,7 @@ TEST_F(TempMonitoringTest, FcFamilyAsksTheElectionManagerBeforeItKnowsItsOwnSlot
   EXPECT_EQ(requests[0].request.group, 14500);
   EXPECT_EQ(requests[0].request.id, 14504);
   EXPECT_TRUE(requests[0].request.payload.empty());
+  EXPECT_EQ(requests[0].timeout, 1000ms);
   EXPECT_TRUE(function->is_master());
   EXPECT_EQ(function->own_slot(), 21);
   std::unordered_map<std::uint16_t, bool> expected;
@@ -179,9 +211,13 @@ TEST_F(TempMonitoringTest, FcFamilyWithoutAnElectionAnswerFailsConstruction) {
 // --- Mastership -------------------------------------------------------------------------------
 
 TEST_F(TempMonitoringTest, MasterChangeOnAnLcFamilyAsksNothing) {
+  store_fan(0, 1);
   auto function = make();
+  // An answer is at hand, so that a query would make the board master: none is made.
+  ipc->answer_next_request(election_answer(0));
   EXPECT_TRUE(function->master_change({}));
   EXPECT_TRUE(ipc->requests().empty());
+  EXPECT_FALSE(function->is_master());
 }
 
 TEST_F(TempMonitoringTest, MasterChangeNamingSlot21MakesTheFcBoardMaster) {
@@ -190,6 +226,10 @@ TEST_F(TempMonitoringTest, MasterChangeNamingSlot21MakesTheFcBoardMaster) {
   ipc->answer_next_request(election_answer(21));
   EXPECT_TRUE(function->master_change({}));
   EXPECT_TRUE(function->is_master());
+  // Every query, at construction and on each change, waits at most a second for its answer.
+  for (const auto& request : ipc->requests()) {
+    EXPECT_EQ(request.timeout, 1000ms);
+  }
   ipc->answer_next_request(election_answer(22));
   EXPECT_TRUE(function->master_change({}));
   EXPECT_FALSE(function->is_master());
@@ -198,9 +238,21 @@ TEST_F(TempMonitoringTest, MasterChangeNamingSlot21MakesTheFcBoardMaster) {
 TEST_F(TempMonitoringTest, MasterChangeOnAnLtFamilyAlsoAsks) {
   store_fan(0, 0);
   auto function = make();
+  EXPECT_FALSE(function->is_master());
+  // Not an FC family: the own slot stays 0, so an answer naming slot 0 makes the board master.
   ipc->answer_next_request(election_answer(0));
   EXPECT_TRUE(function->master_change({}));
-  EXPECT_EQ(ipc->requests().size(), 1U);
+  const auto requests = ipc->requests();
+  ASSERT_EQ(requests.size(), 1U);
+  EXPECT_EQ(requests[0].address, 0x0015FFFEU);
+  EXPECT_EQ(requests[0].request.group, 14500);
+  EXPECT_EQ(requests[0].request.id, 14504);
+  EXPECT_EQ(requests[0].timeout, 1000ms);
+  EXPECT_EQ(function->own_slot(), 0);
+  EXPECT_TRUE(function->is_master());
+  ipc->answer_next_request(election_answer(21));
+  EXPECT_TRUE(function->master_change({}));
+  EXPECT_FALSE(function->is_master());
 }
 
 TEST_F(TempMonitoringTest, ErrorAnswerOrShortPayloadIsCommonErrorAndKeepsMastership) {
@@ -465,6 +517,20 @@ TEST_F(TempMonitoringTest, TemperatureSectionChangeIsReRead) {
   EXPECT_EQ(text_of(alarms().back()), "Sensor PON SFP 1 temperature 50C");
 }
 
+TEST_F(TempMonitoringTest, FailedTemperatureReadOnChangeIsLoggedAndTheFanSectionAfterItIsNotLookedAt) {
+  auto function = make_reading_70_with_limits_0_80_and_automatic_lt_fans();
+  store_raw_field(cfgdb::kAlarmSystemTemperature, "sensor0_upper", "300");
+  store_fan(1, 0);
+  expect_nothing_re_read(*function, {{81, 1, 0}, {42, 1, 0}});
+}
+
+TEST_F(TempMonitoringTest, FailedFanReadOnChangeIsLoggedAndTheTemperatureSectionAfterItIsNotLookedAt) {
+  auto function = make_reading_70_with_limits_0_80_and_automatic_lt_fans();
+  store_raw_field(cfgdb::kFan, "family", "9");
+  store_section(cfgdb::kAlarmSystemTemperature, {0, 50, 0, 80, 0, 80, 0, 80, 0, 80});
+  expect_nothing_re_read(*function, {{42, 1, 0}, {81, 1, 0}});
+}
+
 // --- Automatic fan control: by event (LC, non-master FC) ---------------------------------------
 
 TEST_F(TempMonitoringTest, LcBoardAsksTheMasterByEvent) {
@@ -571,11 +637,21 @@ TEST_F(TempMonitoringTest, MasterAlreadyAtMaximumOnlyRecordsTheSlot) {
   auto function = make_fc(0);
   set_readings({reading(0, 70)});
   ASSERT_TRUE(function->polling());
+  expect_max_rate_from_slot_5_recorded_without_touching_the_board(*function);
+}
+
+TEST_F(TempMonitoringTest, MasterInManualModeRecordsTheSlotWithoutTouchingTheBoard) {
+  store_fan(1, 2);
+  ipc->answer_next_request(election_answer(0));
+  auto function = make();
+  ASSERT_TRUE(function->is_master());
+  expect_max_rate_from_slot_5_recorded_without_touching_the_board(*function);
+  EXPECT_FALSE(function->max_rate_set());
+  // Nor does a poll while the slot asks: the mode is manual.
+  set_readings({reading(0, 30)});
   board->clear_calls();
-  ASSERT_TRUE(function->handle_event(rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE, 5)));
-  EXPECT_TRUE(logger->contains("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5", 0));
-  EXPECT_TRUE(function->slot_max_rate().at(5));
-  EXPECT_TRUE(board->calls().empty());
+  ASSERT_TRUE(function->polling());
+  EXPECT_EQ(board->ops(), (std::vector<BoardOp>{BoardOp::get_temp_info}));
 }
 
 TEST_F(TempMonitoringTest, NonMasterFcRecordsTheSlotWithoutTouchingTheFans) {
@@ -757,6 +833,141 @@ TEST_F(TempMonitoringTest, EventsConfigurationAndPollsShareTheStateSafely) {
   EXPECT_TRUE(function->max_rate_set());
   EXPECT_TRUE(function->is_master());
 }
+
+// --- The per-sensor verdict, apart from the I/O ----------------------------------------------
+
+struct VerdictCase {
+  const char* name;
+  std::int32_t id;
+  int temperature;
+  // Every sensor's lower and upper limit.
+  std::uint8_t lower;
+  std::uint8_t upper;
+  FanControlState state;
+  SensorVerdict verdict;
+};
+
+void PrintTo(const VerdictCase& verdict, std::ostream* out) {
+  *out << verdict.name;
+}
+
+CfgDb__alarm_system_temperature limits_of(std::uint8_t lower, std::uint8_t upper) {
+  CfgDb__alarm_system_temperature limits{};
+  for (auto& sensor : limits.sensor) {
+    sensor.lower = lower;
+    sensor.upper = upper;
+  }
+  return limits;
+}
+
+// Fan control states: automatic mode with the family code and the flags of each path.
+constexpr FanControlState manual(std::uint32_t family) {
+  return FanControlState{.auto_fan = false, .family = family};
+}
+constexpr FanControlState lt(bool max_rate_set) {
+  return FanControlState{.auto_fan = true, .family = 0, .max_rate_set = max_rate_set};
+}
+constexpr FanControlState by_event(std::uint32_t family, bool event_max_rate_sent, bool max_rate_set = false) {
+  return FanControlState{
+      .auto_fan = true, .family = family, .max_rate_set = max_rate_set, .event_max_rate_sent = event_max_rate_sent};
+}
+constexpr FanControlState master(bool max_rate_set, bool slot_asks, bool event_max_rate_sent = false) {
+  return FanControlState{.auto_fan = true,
+                         .family = 2,
+                         .is_master = true,
+                         .max_rate_set = max_rate_set,
+                         .slot_asks = slot_asks,
+                         .event_max_rate_sent = event_max_rate_sent};
+}
+
+constexpr FanDecision kNoFanAction{};
+constexpr FanDecision kBoardMax{FanTarget::BoardFans, true};
+constexpr FanDecision kBoardMin{FanTarget::BoardFans, false};
+constexpr FanDecision kModuleMax{FanTarget::FanModule, true};
+constexpr FanDecision kModuleMin{FanTarget::FanModule, false};
+constexpr FanDecision kAskMax{FanTarget::MasterByEvent, true};
+constexpr FanDecision kAskMin{FanTarget::MasterByEvent, false};
+
+constexpr SensorVerdict normal(FanDecision fan = kNoFanAction) {
+  return {true, true, fan};
+}
+constexpr SensorVerdict raised(FanDecision fan = kNoFanAction) {
+  return {true, false, fan};
+}
+constexpr SensorVerdict kSkipped{};
+
+class SensorVerdictTest : public testing::TestWithParam<VerdictCase> {};
+
+TEST_P(SensorVerdictTest, DecidesTheAlarmAndTheFanStep) {
+  const VerdictCase& verdict = GetParam();
+  const SensorVerdict decided =
+      decide_sensor(verdict.id, verdict.temperature, limits_of(verdict.lower, verdict.upper), verdict.state);
+  EXPECT_EQ(decided.monitored, verdict.verdict.monitored);
+  EXPECT_EQ(decided.normal, verdict.verdict.normal);
+  EXPECT_EQ(decided.fan.target, verdict.verdict.fan.target);
+  EXPECT_EQ(decided.fan.maximum, verdict.verdict.fan.maximum);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, SensorVerdictTest,
+    testing::Values(
+        // The alarm: strictly inside both limits is normal; the ids 0 to 4 have limits.
+        VerdictCase{"InsideBothLimitsIsNormal", 0, 30, 10, 40, manual(0), normal()},
+        VerdictCase{"AtTheLowerLimitIsRaised", 1, 10, 10, 40, manual(0), raised()},
+        VerdictCase{"AtTheUpperLimitIsRaised", 4, 40, 10, 40, manual(0), raised()},
+        VerdictCase{"OneAboveTheLowerLimitIsNormal", 4, 11, 10, 40, manual(0), normal()},
+        VerdictCase{"ANegativeReadingIsSigned", 3, -3, 0, 80, manual(0), raised()},
+        VerdictCase{"AnUpperLimitAbove127IsNeverReached", 2, 127, 0, 200, manual(0), normal()},
+        VerdictCase{"LimitsZeroAndZeroRaiseEveryReading", 0, 1, 0, 0, manual(0), raised()},
+        VerdictCase{"SensorFiveHasNoLimits", 5, 30, 0, 80, lt(false), kSkipped},
+        VerdictCase{"AnUnknownSensorHasNoLimits", 9, 99, 0, 80, lt(false), kSkipped},
+        VerdictCase{"ANegativeSensorIdHasNoLimits", -1, 99, 0, 80, lt(false), kSkipped},
+        // Manual mode: no fan step, whatever the reading.
+        VerdictCase{"ManualModeLeavesTheFansAlone", 0, 90, 0, 100, manual(0), normal()},
+        VerdictCase{"ManualModeOnAnFcMasterLeavesTheModuleAlone", 0, 90, 0, 100,
+                    FanControlState{.family = 2, .is_master = true, .slot_asks = true}, normal()},
+        // LT: the board's own fans.
+        VerdictCase{"LtAbove60RaisesTheFans", 0, 61, 0, 80, lt(false), normal(kBoardMax)},
+        VerdictCase{"LtAbove60AtTheMaximumDoesNothing", 0, 70, 0, 80, lt(true), normal()},
+        VerdictCase{"LtBelow60LowersTheFans", 0, 59, 0, 80, lt(true), normal(kBoardMin)},
+        VerdictCase{"LtFirstReadingBelow60DoesNothing", 0, 20, 0, 80, lt(false), normal()},
+        VerdictCase{"LtExactly60KeepsTheMaximum", 0, 60, 0, 80, lt(true), normal()},
+        VerdictCase{"LtExactly60KeepsTheMinimum", 0, 60, 0, 80, lt(false), normal()},
+        VerdictCase{"AnAlarmingReadingStillDrivesTheFans", 0, 90, 0, 80, lt(false), raised(kBoardMax)},
+        // LC: the master is asked by event, by the process-wide flag alone.
+        VerdictCase{"LcAbove60AsksForTheMaximum", 0, 70, 0, 80, by_event(1, false), normal(kAskMax)},
+        VerdictCase{"LcAbove60AfterAskingSendsNothing", 0, 70, 0, 80, by_event(1, true), normal()},
+        VerdictCase{"LcBelow60AfterAskingAsksForTheMinimum", 0, 50, 0, 80, by_event(1, true), normal(kAskMin)},
+        VerdictCase{"LcBelow60WithoutAskingSendsNothing", 0, 50, 0, 80, by_event(1, false), normal()},
+        VerdictCase{"LcExactly60SendsNothing", 0, 60, 0, 80, by_event(1, true), normal()},
+        VerdictCase{"LcIgnoresTheBoardFansFlag", 0, 50, 0, 80, by_event(1, false, true), normal()},
+        // FC: a board that is not master asks by event like an LC board.
+        VerdictCase{"NonMasterFcAbove60AsksForTheMaximum", 0, 70, 0, 80, by_event(2, false), normal(kAskMax)},
+        VerdictCase{"NonMasterFcBelow60AfterAskingAsksForTheMinimum", 0, 40, 0, 80, by_event(2, true), normal(kAskMin)},
+        // FC master: the crate's fan module, at the maximum while a slot asks.
+        VerdictCase{"MasterAbove60RaisesTheModule", 0, 65, 0, 80, master(false, false), normal(kModuleMax)},
+        VerdictCase{"MasterAbove60AtTheMaximumDoesNothing", 0, 65, 0, 80, master(true, false), normal()},
+        VerdictCase{"MasterWithASlotAskingRaisesTheModuleWhenCool", 0, 30, 0, 80, master(false, true),
+                    normal(kModuleMax)},
+        VerdictCase{"MasterWithASlotAskingKeepsTheMaximum", 0, 30, 0, 80, master(true, true), normal()},
+        VerdictCase{"MasterWithASlotAskingAt60RaisesTheModule", 0, 60, 0, 80, master(false, true), normal(kModuleMax)},
+        VerdictCase{"MasterBelow60WithNoSlotAskingLowersTheModule", 0, 55, 0, 80, master(true, false),
+                    normal(kModuleMin)},
+        VerdictCase{"MasterExactly60WithNoSlotAskingDoesNothing", 0, 60, 0, 80, master(true, false), normal()},
+        VerdictCase{"MasterFirstReadingBelow60DoesNothing", 0, 30, 0, 80, master(false, false), normal()},
+        VerdictCase{"MasterSendsNoEventWhateverTheEventFlag", 0, 30, 0, 80, master(false, false, true), normal()},
+        // A family code outside 0 to 2: no fan action at all.
+        VerdictCase{"FamilyThreeAbove60DoesNothing", 0, 90, 0, 100, by_event(3, false), normal()},
+        VerdictCase{"FamilyThreeBelow60AtTheMaximumDoesNothing", 0, 20, 0, 80, by_event(3, true, true), normal()},
+        VerdictCase{"TheLargestFamilyCodeDoesNothing", 0, 90, 0, 100,
+                    FanControlState{.auto_fan = true, .family = 0xFFFFFFFFU, .is_master = true, .slot_asks = true},
+                    normal()}),
+    [](const testing::TestParamInfo<VerdictCase>& verdict) { return std::string(verdict.param.name); });
+
+// The fan step alone is the same function the verdict uses.
+static_assert(decide_fan(61, lt(false)) == kBoardMax);
+static_assert(decide_fan(60, master(false, true)) == kModuleMax);
+static_assert(decide_fan(90, by_event(7, false)) == kNoFanAction);
 
 }  // namespace
 }  // namespace xpon::system_mgr

@@ -21,41 +21,10 @@ struct CommandName {
   std::string_view name;
 };
 
-constexpr std::array kCommandNames{
-    CommandName{BOARD_GET_CPLD_VERSION, "BOARD_GET_CPLD_VERSION"},
-    CommandName{BOARD_GET_FAN_COUNT, "BOARD_GET_FAN_COUNT"},
-    CommandName{BOARD_GET_PS_COUNT, "BOARD_GET_PS_COUNT"},
-    CommandName{BOARD_GET_TEMP_COUNT, "BOARD_GET_TEMP_COUNT"},
-    CommandName{BOARD_GET_PON_PORT_COUNT, "BOARD_GET_PON_PORT_COUNT"},
-    CommandName{BOARD_GET_FRONT_PORT_COUNT, "BOARD_GET_FRONT_PORT_COUNT"},
-    CommandName{BOARD_GET_FPGA_VERSION, "BOARD_GET_FPGA_VERSION"},
-    CommandName{BOARD_F_BTN_IS_PRESSED, "BOARD_F_BTN_IS_PRESSED"},
-    CommandName{BOARD_F_BTN_IS_POLLING_ENABLED, "BOARD_F_BTN_IS_POLLING_ENABLED"},
-    CommandName{BOARD_F_BTN_IS_HARD_RESET_ENABLED, "BOARD_F_BTN_IS_HARD_RESET_ENABLED"},
-    CommandName{BOARD_F_BTN_SET_POLLING, "BOARD_F_BTN_SET_POLLING"},
-    CommandName{BOARD_F_BTN_SET_HARD_RESET, "BOARD_F_BTN_SET_HARD_RESET"},
-    CommandName{BOARD_SET_FAN_SPEED, "BOARD_SET_FAN_SPEED"},
-    CommandName{BOARD_GET_FAN_INFO, "BOARD_GET_FAN_INFO"},
-    CommandName{BOARD_GET_PS_INFO, "BOARD_GET_PS_INFO"},
-    CommandName{BOARD_GET_TEMP_INFO, "BOARD_GET_TEMP_INFO"},
-    CommandName{BOARD_SET_FAN_MODULE_SPEED, "BOARD_SET_FAN_MODULE_SPEED"},
-    CommandName{BOARD_GET_FAN_MODULE_FACTORY, "BOARD_GET_FAN_MODULE_FACTORY"},
-    CommandName{BOARD_GET_FAN_MODULE_STATE, "BOARD_GET_FAN_MODULE_STATE"},
-    CommandName{BOARD_GET_PWR_MODULE_STATE, "BOARD_GET_PWR_MODULE_STATE"},
-    CommandName{BOARD_CNTRL_LED_PANEL, "BOARD_CNTRL_LED_PANEL"},
-    CommandName{BOARD_P_PORT_SET_LED_STATE, "BOARD_P_PORT_SET_LED_STATE"},
-    CommandName{BOARD_P_PORT_GET_LED_STATE, "BOARD_P_PORT_GET_LED_STATE"},
-    CommandName{BOARD_CNTRL_P_PORT_SFP_TRX, "BOARD_CNTRL_P_PORT_SFP_TRX"},
-    CommandName{BOARD_CNTRL_F_PORT_SFP_TRX, "BOARD_CNTRL_F_PORT_SFP_TRX"},
-    CommandName{BOARD_GET_P_PORT_SFP_TRX, "BOARD_GET_P_PORT_SFP_TRX"},
-    CommandName{BOARD_GET_F_PORT_SFP_STATE, "BOARD_GET_F_PORT_SFP_STATE"},
-    CommandName{BOARD_GET_P_PORT_SFP_STATE, "BOARD_GET_P_PORT_SFP_STATE"},
-    CommandName{BOARD_GET_F_PORT_SFP_DATA, "BOARD_GET_F_PORT_SFP_DATA"},
-    CommandName{BOARD_GET_P_PORT_SFP_DATA, "BOARD_GET_P_PORT_SFP_DATA"},
-    CommandName{BOARD_GET_F_PORT_SFP_EDDI_DATA, "BOARD_GET_F_PORT_SFP_EDDI_DATA"},
-    CommandName{BOARD_GET_P_PORT_SFP_EDDI_DATA, "BOARD_GET_P_PORT_SFP_EDDI_DATA"},
-    CommandName{BOARD_GET_P_PORT_SFP_RX_POWER, "BOARD_GET_P_PORT_SFP_RX_POWER"},
-};
+// Generated from the driver's command list.
+#define XPON_BOARD_COMMAND_NAME(command, record) CommandName{command, #command},
+constexpr std::array kCommandNames{BRD_DRIVER_COMMANDS(XPON_BOARD_COMMAND_NAME)};
+#undef XPON_BOARD_COMMAND_NAME
 
 // The inventory read at construction, in the order it is read.
 struct InventoryItem {
@@ -100,14 +69,10 @@ Board::Board(const std::shared_ptr<logger::ILogger>& logger, std::unique_ptr<IPo
   if (!logger_ || !posix_) {
     throw std::runtime_error("Board needs a logger and a POSIX wrapper");
   }
-  const std::array<InventoryItem, 6> inventory{{
-      {BOARD_GET_CPLD_VERSION, "BOARD_GET_CPLD_VERSION", &Board::cpld_version_},
-      {BOARD_GET_FAN_COUNT, "BOARD_GET_FAN_COUNT", &Board::fan_count_},
-      {BOARD_GET_PS_COUNT, "BOARD_GET_PS_COUNT", &Board::ps_count_},
-      {BOARD_GET_TEMP_COUNT, "BOARD_GET_TEMP_COUNT", &Board::temp_count_},
-      {BOARD_GET_PON_PORT_COUNT, "BOARD_GET_PON_PORT_COUNT", &Board::pon_port_count_},
-      {BOARD_GET_FRONT_PORT_COUNT, "BOARD_GET_FRONT_PORT_COUNT", &Board::front_port_count_},
-  }};
+  // Generated from the driver's inventory list: each command fills the member named after its value.
+#define XPON_BOARD_INVENTORY_ITEM(command, value) InventoryItem{command, #command, &Board::value##_},
+  const std::array inventory{BRD_DRIVER_INVENTORY(XPON_BOARD_INVENTORY_ITEM)};
+#undef XPON_BOARD_INVENTORY_ITEM
   for (const auto& item : inventory) {
     auto value = core::guarded_call(*logger_, [&] { return do_ioctl<unsigned char>(item.request); });
     if (value.has_error()) {

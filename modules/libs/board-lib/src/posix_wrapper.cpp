@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <stdexcept>
@@ -29,8 +28,8 @@ PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : log
     throw std::runtime_error("PosixWrapper needs a logger");
   }
   // Texts keep the logical path; only the file actually opened moves under a sandbox root.
-  fd_ = open_device();
-  if (fd_ < 0) {
+  fd_.reset(open_device());
+  if (!fd_) {
     const int error_number = errno;
     // The trailing blank is part of the system's text; the process entry reports it, so nothing is logged here.
     throw DeviceOpenError(fmt::format("Can't open {} file ({}) ", BOARD_DEVICE_PATH, errno_text(error_number)));
@@ -39,13 +38,12 @@ PosixWrapper::PosixWrapper(const std::shared_ptr<logger::ILogger>& logger) : log
 }
 
 PosixWrapper::~PosixWrapper() {
-  if (fd_ < 0) {
+  if (!fd_) {
     // A reopen failed before shutdown: there is nothing left to close.
     logger_->progress("PosixWrapper destroy successfully");
     return;
   }
-  if (::close(fd_) < 0) {
-    const int error_number = errno;
+  if (const int error_number = fd_.close(); error_number != 0) {
     logger_->error("PosixWrapper destroy error ({})", errno_text(error_number));
     return;
   }
@@ -53,16 +51,15 @@ PosixWrapper::~PosixWrapper() {
 }
 
 int PosixWrapper::ioctl(unsigned long request, void* argument) {
-  return ::ioctl(fd_, request, argument);
+  return ::ioctl(fd_.get(), request, argument);
 }
 
 int PosixWrapper::reopen() {
   // The old descriptor is closed first: a driver being reloaded cannot go while it is held open.
-  if (fd_ >= 0) {
-    (void)::close(fd_);
-  }
-  fd_ = open_device();
-  return fd_ < 0 ? -1 : 0;
+  fd_.reset();
+  // errno of a failed open is left for the caller.
+  fd_.reset(open_device());
+  return fd_ ? 0 : -1;
 }
 
 }  // namespace xpon::board

@@ -1,6 +1,7 @@
 #include "xpon/board/board.hpp"
 
 #include "xpon/test/fake_driver.hpp"
+#include "xpon/test/published_driver_commands.hpp"
 #include "xpon/test/recording_logger.hpp"
 
 #include <gmock/gmock.h>
@@ -9,7 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -745,10 +748,52 @@ TEST_F(BoardOperationTest, EveryDriverOperationSucceedsWhenTheDriverDoes) {
   }
 }
 
+// The interface's operation list (the test doubles are generated from it) names the command each
+// operation of the board object really issues.
+TEST_F(BoardOperationTest, TheOperationListNamesTheCommandEachOperationIssues) {
+  std::map<std::string, unsigned long> listed;
+#define XPON_LISTED_OPERATION(operation, command, data) listed.emplace(#operation, command);
+  XPON_BOARD_OPERATIONS(XPON_LISTED_OPERATION)
+#undef XPON_LISTED_OPERATION
+  for (const auto& operation : failing_operations()) {
+    ASSERT_EQ(listed.count(operation.name), 1U) << operation.name;
+    EXPECT_EQ(listed.at(operation.name), operation.request) << operation.name;
+  }
+  // The inventory operations answer from what construction read with these.
+  EXPECT_EQ(listed.at("get_cpld_config_version"), BOARD_GET_CPLD_VERSION);
+  EXPECT_EQ(listed.at("get_fan_count"), BOARD_GET_FAN_COUNT);
+  EXPECT_EQ(listed.at("get_ps_count"), BOARD_GET_PS_COUNT);
+  EXPECT_EQ(listed.at("get_temp_count"), BOARD_GET_TEMP_COUNT);
+  EXPECT_EQ(listed.at("get_pon_port_count"), BOARD_GET_PON_PORT_COUNT);
+  EXPECT_EQ(listed.at("get_front_port_count"), BOARD_GET_FRONT_PORT_COUNT);
+  EXPECT_EQ(listed.size(), failing_operations().size() + 6);
+}
+
+// Every command of the driver is reached through some operation of the interface, and no
+// operation names anything else.
+TEST(BoardOperationListTest, CoversEveryDriverCommandAndNothingElse) {
+  std::set<unsigned long> commands;
+#define XPON_LISTED_COMMAND(command, record) commands.insert(command);
+  BRD_DRIVER_COMMANDS(XPON_LISTED_COMMAND)
+#undef XPON_LISTED_COMMAND
+  std::set<unsigned long> reached;
+#define XPON_REACHED_COMMAND(operation, command, data) reached.insert(command);
+  XPON_BOARD_OPERATIONS(XPON_REACHED_COMMAND)
+#undef XPON_REACHED_COMMAND
+  EXPECT_EQ(reached, commands);
+}
+
 TEST(BoardCommandNameTest, NamesOurCommandsAndShowsOthersInHex) {
   EXPECT_EQ(board_command_name(0x80014C21UL), "BOARD_GET_CPLD_VERSION");
   EXPECT_EQ(board_command_name(BOARD_GET_P_PORT_SFP_RX_POWER), "BOARD_GET_P_PORT_SFP_RX_POWER");
   EXPECT_EQ(board_command_name(0x80014C7FUL), "0x80014C7F");
+}
+
+// Error texts and logs name every command by its published name, as before the names were generated.
+TEST(BoardCommandNameTest, NamesEveryPublishedCodeByItsPublishedName) {
+  for (const auto& command : test::kPublishedDriverCommands) {
+    EXPECT_EQ(board_command_name(command.request), command.name);
+  }
 }
 
 }  // namespace

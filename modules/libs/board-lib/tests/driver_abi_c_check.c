@@ -5,41 +5,18 @@
 
 #include "xpon/board/driver_abi.h"
 
-static const unsigned long kRequests[] = {
-    BOARD_GET_CPLD_VERSION,
-    BOARD_GET_FAN_COUNT,
-    BOARD_GET_PS_COUNT,
-    BOARD_GET_TEMP_COUNT,
-    BOARD_GET_PON_PORT_COUNT,
-    BOARD_GET_FRONT_PORT_COUNT,
-    BOARD_GET_FPGA_VERSION,
-    BOARD_F_BTN_IS_PRESSED,
-    BOARD_F_BTN_IS_POLLING_ENABLED,
-    BOARD_F_BTN_IS_HARD_RESET_ENABLED,
-    BOARD_F_BTN_SET_POLLING,
-    BOARD_F_BTN_SET_HARD_RESET,
-    BOARD_SET_FAN_SPEED,
-    BOARD_GET_FAN_INFO,
-    BOARD_GET_PS_INFO,
-    BOARD_GET_TEMP_INFO,
-    BOARD_SET_FAN_MODULE_SPEED,
-    BOARD_GET_FAN_MODULE_FACTORY,
-    BOARD_GET_FAN_MODULE_STATE,
-    BOARD_GET_PWR_MODULE_STATE,
-    BOARD_CNTRL_LED_PANEL,
-    BOARD_P_PORT_SET_LED_STATE,
-    BOARD_P_PORT_GET_LED_STATE,
-    BOARD_CNTRL_P_PORT_SFP_TRX,
-    BOARD_CNTRL_F_PORT_SFP_TRX,
-    BOARD_GET_P_PORT_SFP_TRX,
-    BOARD_GET_F_PORT_SFP_STATE,
-    BOARD_GET_P_PORT_SFP_STATE,
-    BOARD_GET_F_PORT_SFP_DATA,
-    BOARD_GET_P_PORT_SFP_DATA,
-    BOARD_GET_F_PORT_SFP_EDDI_DATA,
-    BOARD_GET_P_PORT_SFP_EDDI_DATA,
-    BOARD_GET_P_PORT_SFP_RX_POWER,
-};
+/* The command list as a C translation unit expands it. */
+#define BRD_C_REQUEST(command, record) command,
+static const unsigned long kRequests[] = {BRD_DRIVER_COMMANDS(BRD_C_REQUEST)};
+#undef BRD_C_REQUEST
+
+#define BRD_C_NAME(command, record) #command,
+static const char* const kNames[] = {BRD_DRIVER_COMMANDS(BRD_C_NAME)};
+#undef BRD_C_NAME
+
+#define BRD_C_SIZE(command, record) sizeof(record),
+static const size_t kSizes[] = {BRD_DRIVER_COMMANDS(BRD_C_SIZE)};
+#undef BRD_C_SIZE
 
 size_t brd_c_request_count(void) {
   return sizeof kRequests / sizeof kRequests[0];
@@ -47,6 +24,14 @@ size_t brd_c_request_count(void) {
 
 unsigned long brd_c_request(size_t index) {
   return kRequests[index];
+}
+
+const char* brd_c_request_name(size_t index) {
+  return kNames[index];
+}
+
+size_t brd_c_request_record_size(size_t index) {
+  return kSizes[index];
 }
 
 size_t brd_c_record_size(const char* name) {

@@ -1,6 +1,7 @@
 #include "xpon/board/driver_abi.h"
 
 #include "driver_abi_c_check.h"
+#include "xpon/test/published_driver_commands.hpp"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,8 @@
 #include <vector>
 
 namespace {
+
+using xpon::test::kPublishedDriverCommands;
 
 struct Command {
   const char* name;
@@ -69,15 +72,62 @@ TEST(DriverAbiTest, InventoryCommandsHaveTheDriversFixedCodes) {
 
 // Drivers and emulators built against earlier copies of the header depend on these exact values.
 TEST(DriverAbiTest, EveryCommandKeepsItsPublishedCode) {
-  const std::vector<unsigned long> published{
-      0x80014C21, 0x80014C22, 0x80014C23, 0x80014C24, 0x80014C25, 0x80014C26, 0x80014C27, 0x80014C30, 0x80014C31,
-      0x80014C32, 0x40014C33, 0x40014C34, 0x40014C40, 0xC0444C41, 0xC2444C42, 0xC0844C43, 0x40014C48, 0x802A4C49,
-      0x80324C4A, 0x80144C4B, 0x400C4C50, 0x400C4C51, 0xC00C4C52, 0x40084C60, 0x40084C61, 0xC0084C62, 0xC0084C63,
-      0xC0084C64, 0xC0404C65, 0xC0404C66, 0xC0244C67, 0xC0244C68, 0xC01C4C69,
+  ASSERT_EQ(kPublishedDriverCommands.size(), commands().size());
+  for (std::size_t index = 0; index < kPublishedDriverCommands.size(); ++index) {
+    EXPECT_EQ(commands()[index].name, kPublishedDriverCommands[index].name);
+    EXPECT_EQ(commands()[index].request, kPublishedDriverCommands[index].request) << commands()[index].name;
+  }
+}
+
+struct ListedCommand {
+  std::string name;
+  unsigned long request;
+  std::size_t record_size;
+};
+
+std::vector<ListedCommand> listed_commands() {
+#define XPON_LISTED_COMMAND(command, record) ListedCommand{#command, command, sizeof(record)},
+  return {BRD_DRIVER_COMMANDS(XPON_LISTED_COMMAND)};
+#undef XPON_LISTED_COMMAND
+}
+
+// The list the library, the emulator and the test doubles are generated from holds every command
+// once, in the header's order, with its published name and code and the record size written out above.
+TEST(DriverAbiTest, TheCommandListIsEveryCommandWithItsNameCodeAndRecord) {
+  const std::vector<ListedCommand> listed = listed_commands();
+  ASSERT_EQ(listed.size(), kPublishedDriverCommands.size());
+  ASSERT_EQ(listed.size(), commands().size());
+  for (std::size_t index = 0; index < listed.size(); ++index) {
+    SCOPED_TRACE(commands()[index].name);
+    EXPECT_EQ(listed[index].name, kPublishedDriverCommands[index].name);
+    EXPECT_EQ(listed[index].request, kPublishedDriverCommands[index].request);
+    EXPECT_EQ(listed[index].record_size, commands()[index].size);
+  }
+}
+
+TEST(DriverAbiTest, TheInventoryListIsTheSixCountCommandsInTheOrderTheyAreRead) {
+  struct Item {
+    std::string command;
+    unsigned long request;
+    std::string value;
   };
-  ASSERT_EQ(published.size(), commands().size());
-  for (std::size_t index = 0; index < published.size(); ++index) {
-    EXPECT_EQ(commands()[index].request, published[index]) << commands()[index].name;
+  std::vector<Item> listed;
+#define XPON_LISTED_ITEM(command, value) listed.push_back(Item{#command, command, #value});
+  BRD_DRIVER_INVENTORY(XPON_LISTED_ITEM)
+#undef XPON_LISTED_ITEM
+  const std::vector<Item> expected{
+      {"BOARD_GET_CPLD_VERSION", 0x80014C21UL, "cpld_version"},
+      {"BOARD_GET_FAN_COUNT", 0x80014C22UL, "fan_count"},
+      {"BOARD_GET_PS_COUNT", 0x80014C23UL, "ps_count"},
+      {"BOARD_GET_TEMP_COUNT", 0x80014C24UL, "temp_count"},
+      {"BOARD_GET_PON_PORT_COUNT", 0x80014C25UL, "pon_port_count"},
+      {"BOARD_GET_FRONT_PORT_COUNT", 0x80014C26UL, "front_port_count"},
+  };
+  ASSERT_EQ(listed.size(), expected.size());
+  for (std::size_t index = 0; index < expected.size(); ++index) {
+    EXPECT_EQ(listed[index].command, expected[index].command);
+    EXPECT_EQ(listed[index].request, expected[index].request) << expected[index].command;
+    EXPECT_EQ(listed[index].value, expected[index].value) << expected[index].command;
   }
 }
 
@@ -164,6 +214,8 @@ TEST(DriverAbiTest, CSeesTheSameCommandsAsCpp) {
   ASSERT_EQ(brd_c_request_count(), commands().size());
   for (std::size_t index = 0; index < commands().size(); ++index) {
     EXPECT_EQ(brd_c_request(index), commands()[index].request) << commands()[index].name;
+    EXPECT_EQ(std::string(brd_c_request_name(index)), commands()[index].name);
+    EXPECT_EQ(brd_c_request_record_size(index), commands()[index].size) << commands()[index].name;
   }
 }
 

@@ -1,5 +1,6 @@
 #include "xpon/board/posix_wrapper.hpp"
 
+#include "xpon/test/inheritable_descriptors.hpp"
 #include "xpon/test/recording_logger.hpp"
 #include "xpon/test/temp_dir.hpp"
 
@@ -113,6 +114,16 @@ TEST_F(PosixWrapperTest, ReopenReachesTheDeviceNowAtThePathReadWriteAndCloseOnEx
   EXPECT_EQ(pending, 3);
   EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFL) & O_ACCMODE, O_RDWR);
   EXPECT_EQ(::fcntl(wrapper.descriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(PosixWrapperTest, ReopenLeavesOneDescriptorOnTheDevice) {
+  make_device("");
+  const std::string device = fs::canonical(root_ / "dev" / "board").string();
+  PosixWrapper wrapper(logger_);
+  ASSERT_EQ(xpon::test::descriptors_open_on(device), 1U);
+  ASSERT_EQ(wrapper.reopen(), 0);
+  ASSERT_EQ(wrapper.reopen(), 0);
+  EXPECT_EQ(xpon::test::descriptors_open_on(device), 1U);
 }
 
 TEST_F(PosixWrapperTest, ReopenOfAMissingDeviceLeavesNoDescriptor) {

@@ -1,7 +1,7 @@
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/factory/factory_data.hpp"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -9,30 +9,19 @@ namespace xpon::factory {
 
 int read_image_file(const std::string& path, std::vector<std::uint8_t>& bytes) {
   bytes.clear();
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  const core::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) {
     return errno;
   }
   bytes.assign(kMaxImageSize, 0);
-  std::size_t filled = 0;
-  int failure = 0;
-  while (filled < bytes.size()) {
-    const ssize_t count = ::read(fd, bytes.data() + filled, bytes.size() - filled);
-    if (count < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      failure = errno;
-      break;
-    }
-    if (count == 0) {
-      break;
-    }
-    filled += static_cast<std::size_t>(count);
+  const ssize_t filled = core::read_full(file.get(), bytes.data(), bytes.size());
+  if (filled < 0) {
+    const int failure = errno;
+    bytes.clear();
+    return failure;
   }
-  ::close(fd);
-  bytes.resize(failure == 0 ? filled : 0);
-  return failure;
+  bytes.resize(static_cast<std::size_t>(filled));
+  return 0;
 }
 
 }  // namespace xpon::factory

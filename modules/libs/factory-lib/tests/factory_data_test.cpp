@@ -1,7 +1,9 @@
 #include "xpon/factory/factory_data.hpp"
+#include "xpon/test/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -236,6 +238,40 @@ TEST(FactoryManufactureDate, RefusesOtherForms) {
 TEST(FactoryPrintableText, EscapesControlAndHighBytes) {
   EXPECT_EQ(printable_text(text("QD7R-LC-8")), "QD7R-LC-8");
   EXPECT_EQ(printable_text(Bytes{'A', 0x00, 0x7F, 0xFF, '\\', 'B'}), "A\\x00\\x7f\\xff\\x5cB");
+}
+
+TEST(FactoryImageFile, ASmallFileIsReadWhole) {
+  const test::TempDir directory("factory-image");
+  const std::string path = directory.write("eeprom", "TlvInfo");
+  Bytes bytes{1, 2, 3};
+  EXPECT_EQ(read_image_file(path, bytes), 0);
+  EXPECT_EQ(bytes, text("TlvInfo"));
+}
+
+TEST(FactoryImageFile, OnlyTheLargestImageIsReadOfALargerFile) {
+  const test::TempDir directory("factory-image");
+  std::string content(kMaxImageSize + 100, 'x');
+  content[kMaxImageSize - 1] = 'y';
+  const std::string path = directory.write("nvmem", content);
+  Bytes bytes;
+  EXPECT_EQ(read_image_file(path, bytes), 0);
+  ASSERT_EQ(bytes.size(), kMaxImageSize);
+  EXPECT_EQ(bytes.back(), 'y');
+}
+
+TEST(FactoryImageFile, AMissingFileGivesItsErrnoAndNoBytes) {
+  const test::TempDir directory("factory-image");
+  Bytes bytes{1, 2, 3};
+  EXPECT_EQ(read_image_file(directory.file("absent"), bytes), ENOENT);
+  EXPECT_TRUE(bytes.empty());
+}
+
+TEST(FactoryImageFile, AFailedReadGivesItsErrnoAndNoBytes) {
+  // A directory opens read-only but fails every read.
+  const test::TempDir directory("factory-image");
+  Bytes bytes{1, 2, 3};
+  EXPECT_EQ(read_image_file(directory.path(), bytes), EISDIR);
+  EXPECT_TRUE(bytes.empty());
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -113,14 +112,14 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
   }
   ensure_ipc_directory();
   const std::string lock_path = ipc_directory() + "/" + address_hex(address) + ".lock";
-  lock_fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (lock_fd < 0) {
+  lock_fd.reset(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (!lock_fd) {
     throw std::runtime_error(fmt::format("IPC endpoint {}: cannot open the lock file of address 0x{:08x}: {}", name,
                                          address, std::strerror(errno)));
   }
-  if (::flock(lock_fd, LOCK_EX | LOCK_NB) != 0) {
+  if (::flock(lock_fd.get(), LOCK_EX | LOCK_NB) != 0) {
     const int error = errno;
-    ::close(lock_fd);
+    lock_fd.reset();
     if (error == EWOULDBLOCK) {
       throw AddressInUse(
           fmt::format("IPC endpoint {}: address 0x{:08x} is already owned by another endpoint", name, address));
@@ -129,20 +128,19 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
         fmt::format("IPC endpoint {}: cannot lock address 0x{:08x}: {}", name, address, std::strerror(error)));
   }
   const auto close_descriptors = [this] {
-    for (const int fd : {lock_fd, wake_fd, reader_wake_fd, epoll_fd}) {
-      if (fd >= 0) {
-        ::close(fd);
-      }
-    }
+    epoll_fd.reset();
+    reader_wake_fd.reset();
+    wake_fd.reset();
+    lock_fd.reset();
   };
   try {
-    wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    reader_wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake_fd < 0 || reader_wake_fd < 0) {
+    wake_fd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    reader_wake_fd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_fd || !reader_wake_fd) {
       throw std::runtime_error(fmt::format("IPC endpoint {}: eventfd failed: {}", name, std::strerror(errno)));
     }
-    epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
-    if (epoll_fd < 0) {
+    epoll_fd.reset(::epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll_fd) {
       throw std::runtime_error(fmt::format("IPC endpoint {}: epoll_create1 failed: {}", name, std::strerror(errno)));
     }
     inbox = zmq::socket_t(context, zmq::socket_type::router);
@@ -165,11 +163,11 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     inbox_fd = inbox.get(zmq::sockopt::fd);
     for (const auto& [fd, tag] :
          {std::pair{inbox_fd, kInboxTag}, std::pair{subscriber.get(zmq::sockopt::fd), kSubscriberTag},
-          std::pair{wake_fd, kWakeTag}}) {
+          std::pair{wake_fd.get(), kWakeTag}}) {
       epoll_event event{};
       event.events = EPOLLIN;
       event.data.u32 = tag;
-      if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+      if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
         throw std::runtime_error(fmt::format("IPC endpoint {}: epoll_ctl failed: {}", name, std::strerror(errno)));
       }
     }
@@ -203,9 +201,9 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
 void ZmqIpc::Impl::stop_threads() {
   stopping.store(true);
   const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+  [[maybe_unused]] const auto written = core::write_once(wake_fd.get(), &one, sizeof one);
   // A delivery thread or a caller reading the inbox gives it up and returns.
-  [[maybe_unused]] const auto also_written = ::write(reader_wake_fd, &one, sizeof one);
+  [[maybe_unused]] const auto also_written = core::write_once(reader_wake_fd.get(), &one, sizeof one);
   if (io_thread.joinable()) {
     io_thread.join();
   }
@@ -239,10 +237,10 @@ void ZmqIpc::Impl::close_all() {
     open_outlets.store(0);
   }
   context.close();
-  ::close(epoll_fd);
-  ::close(reader_wake_fd);
-  ::close(wake_fd);
-  ::close(lock_fd);
+  epoll_fd.reset();
+  reader_wake_fd.reset();
+  wake_fd.reset();
+  lock_fd.reset();
 }
 
 ZmqIpc::Impl::~Impl() {

@@ -6,7 +6,6 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -40,7 +39,7 @@ void ZmqIpc::Impl::enqueue(std::function<void()> task, bool in_order) {
       queue_ready.notify_one();
     } else if (wake_reader) {
       const std::uint64_t one = 1;
-      [[maybe_unused]] const auto written = ::write(reader_wake_fd, &one, sizeof one);
+      [[maybe_unused]] const auto written = core::write_once(reader_wake_fd.get(), &one, sizeof one);
     }
     return;
   }
@@ -62,7 +61,7 @@ bool ZmqIpc::Impl::take_inbox(InboxReader reader) {
   // waits on it, so the I/O thread is not woken for the change.
   // (ENOENT: an earlier hand-back could not add it again; it was logged then, and the inbox
   // is still read by whoever takes it.)
-  if (::epoll_ctl(epoll_fd, EPOLL_CTL_DEL, inbox_fd, nullptr) != 0 && errno != ENOENT) {
+  if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_DEL, inbox_fd, nullptr) != 0 && errno != ENOENT) {
     return false;
   }
   inbox_reader = reader;
@@ -74,7 +73,7 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
                                                       std::optional<Clock::time_point> deadline) {
   std::optional<Request> kept;
   std::optional<Request>* const keep = reader == InboxReader::Worker ? &kept : nullptr;
-  std::array<pollfd, 2> fds{{{inbox_fd, POLLIN, 0}, {reader_wake_fd, POLLIN, 0}}};
+  std::array<pollfd, 2> fds{{{inbox_fd, POLLIN, 0}, {reader_wake_fd.get(), POLLIN, 0}}};
   for (;;) {
     bool more = false;
     try {
@@ -91,7 +90,7 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
         epoll_event event{};
         event.events = EPOLLIN;
         event.data.u32 = kInboxTag;
-        if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, inbox_fd, &event) != 0) {
+        if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_ADD, inbox_fd, &event) != 0) {
           log->error("IPC endpoint {}: cannot give the inbox back to the I/O thread: {}", name, std::strerror(errno));
         }
         inbox_reader = InboxReader::Io;
@@ -102,7 +101,7 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
       if (more) {
         // The inbox's notice was used up by this thread; the I/O thread reads the rest.
         const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+        [[maybe_unused]] const auto written = core::write_once(wake_fd.get(), &one, sizeof one);
       }
       return kept;
     }
@@ -116,7 +115,7 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
     }
     if (::poll(fds.data(), fds.size(), timeout_ms) > 0 && (fds[1].revents & POLLIN) != 0) {
       std::uint64_t value = 0;
-      [[maybe_unused]] const auto got = ::read(reader_wake_fd, &value, sizeof value);
+      [[maybe_unused]] const auto got = core::read_once(reader_wake_fd.get(), &value, sizeof value);
     }
   }
 }

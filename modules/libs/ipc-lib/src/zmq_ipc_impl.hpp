@@ -4,6 +4,7 @@
 #pragma once
 
 #include "outlet_cache.hpp"
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 
@@ -154,11 +155,12 @@ struct ZmqIpc::Impl {
   ZmqIpcOptions options;
   std::shared_ptr<logger::ILogger> log;
 
-  int lock_fd = -1;
-  int wake_fd = -1;         // wakes the I/O thread: commands queued, inbox given back with more to read
-  int reader_wake_fd = -1;  // wakes a thread other than the I/O thread reading the inbox
-  int epoll_fd = -1;        // the I/O thread's descriptors
-  int inbox_fd = -1;        // ZeroMQ's notification descriptor of the inbox
+  // Closed by close_all once the threads are gone, after ZeroMQ's context.
+  core::FileDescriptor lock_fd;
+  core::FileDescriptor wake_fd;         // wakes the I/O thread: commands queued, inbox given back with more to read
+  core::FileDescriptor reader_wake_fd;  // wakes a thread other than the I/O thread reading the inbox
+  core::FileDescriptor epoll_fd;        // the I/O thread's descriptors
+  int inbox_fd = -1;                    // ZeroMQ's notification descriptor of the inbox, owned by ZeroMQ
   zmq::context_t context;
   zmq::socket_t inbox;       // owned by the I/O thread once it runs
   zmq::socket_t subscriber;  // owned by the I/O thread once it runs

@@ -4,7 +4,6 @@
 #include "zmq_ipc_impl.hpp"
 
 #include <sys/epoll.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -35,7 +34,7 @@ void ZmqIpc::Impl::io_loop() {
       // Idle links are closed here too; with none open the thread sleeps until woken.
       const int expiry_wait = expire_outlets();
       const int count =
-          ::epoll_wait(epoll_fd, events.data(), static_cast<int>(events.size()), read_all ? 0 : expiry_wait);
+          ::epoll_wait(epoll_fd.get(), events.data(), static_cast<int>(events.size()), read_all ? 0 : expiry_wait);
       if (count < 0) {
         if (errno != EINTR) {
           log->error("IPC endpoint {}: epoll_wait failed: {}", name, std::strerror(errno));
@@ -62,7 +61,7 @@ void ZmqIpc::Impl::io_loop() {
       }
       if (woken) {
         std::uint64_t value = 0;
-        [[maybe_unused]] const auto got = ::read(wake_fd, &value, sizeof value);
+        [[maybe_unused]] const auto got = core::read_once(wake_fd.get(), &value, sizeof value);
         apply_commands();
         // Changing subscriptions may have taken the subscriber's notice, and an inbox given back
         // in the middle of a batch has no notice left: both are read now.

@@ -5,7 +5,6 @@
 #include "descriptors.hpp"
 #include "xpon/ipc/paths.hpp"
 
-#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -53,7 +52,7 @@ Result<std::shared_ptr<Outlet>> ZmqIpc::Impl::outlet_for(Address destination) {
         if (was_empty && options.outlet_idle_expiry.count() > 0) {
           // The I/O thread sleeps without a time-out while no link is open; it now has one to expire.
           const std::uint64_t one = 1;
-          [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+          [[maybe_unused]] const auto written = core::write_once(wake_fd.get(), &one, sizeof one);
         }
         return outlet;
       } catch (const zmq::error_t& error) {
@@ -140,7 +139,7 @@ void ZmqIpc::Impl::queue_command(const SubscriptionCommand& command) {
     commands.push_back(command);
   }
   const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(wake_fd, &one, sizeof one);
+  [[maybe_unused]] const auto written = core::write_once(wake_fd.get(), &one, sizeof one);
 }
 
 Result<void> ZmqIpc::send_response(Address address, const Response& response) {

@@ -1,9 +1,9 @@
 #include "config.hpp"
 
 #include "registry.hpp"
+#include "xpon/core/file_descriptor.hpp"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 #include <toml++/toml.h>
@@ -33,22 +33,6 @@ template <typename... Args>
 [[noreturn]] void fail(const std::string& path, fmt::format_string<Args...> format, Args&&... args) {
   throw ConfigError(fmt::format("{}: {}", path, fmt::format(format, std::forward<Args>(args)...)));
 }
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (descriptor_ >= 0) {
-      ::close(descriptor_);
-    }
-  }
-  [[nodiscard]] int get() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
 
 std::optional<spdlog::level::level_enum> level_from_name(std::string_view name) {
   static constexpr std::array<std::pair<std::string_view, spdlog::level::level_enum>, 7> kLevels{{
@@ -258,26 +242,24 @@ ContextConfig read_config(const std::string& path) {
   if (path.find('\0') != std::string::npos) {
     throw ConfigError("logging configuration path contains a NUL character");
   }
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file.get() < 0) {
+  const core::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) {
     fail(path, "cannot open: {}", errno_text(errno));
   }
   std::string text;
   std::array<char, 4096> buffer{};
   for (;;) {
-    const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+    // Fewer bytes than asked for only at the end of the file.
+    const ssize_t count = core::read_full(file.get(), buffer.data(), buffer.size());
     if (count < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
       fail(path, "cannot read: {}", errno_text(errno));
-    }
-    if (count == 0) {
-      break;
     }
     text.append(buffer.data(), static_cast<std::size_t>(count));
     if (text.size() > kMaxConfigBytes) {
       fail(path, "larger than {} bytes", kMaxConfigBytes);
+    }
+    if (static_cast<std::size_t>(count) < buffer.size()) {
+      break;
     }
   }
   return parse_config(text, path);

@@ -1,10 +1,10 @@
 #include "config.hpp"
 #include "journal_sink.hpp"
 #include "registry.hpp"
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/logger/logger.hpp"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <spdlog/common.h>
 #include <spdlog/sinks/rotating_file_sink.h>
@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <system_error>
@@ -34,12 +35,24 @@ void check_log_file(const std::string& config_path, const std::string& file) {
           fmt::format("{}: cannot create the directory of log file '{}': {}", config_path, file, error.message()));
     }
   }
-  const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (descriptor < 0) {
+  const core::FileDescriptor descriptor(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  if (!descriptor) {
     throw detail::ConfigError(
         fmt::format("{}: cannot open log file '{}': {}", config_path, file, std::generic_category().message(errno)));
   }
-  ::close(descriptor);
+}
+
+// spdlog opens (and reopens at each rotation) the log file with a plain fopen, which leaves the
+// descriptor open across exec; marked here at once so that a program started later does not
+// hold the log file.
+spdlog::file_event_handlers close_on_exec_handlers() {
+  spdlog::file_event_handlers handlers;
+  handlers.after_open = [](const spdlog::filename_t& /*file*/, std::FILE* stream) {
+    if (stream != nullptr) {
+      (void)::fcntl(::fileno(stream), F_SETFD, FD_CLOEXEC);
+    }
+  };
+  return handlers;
 }
 
 spdlog::sink_ptr make_sink(const detail::SinkConfig& config, const std::string& config_path,
@@ -52,7 +65,8 @@ spdlog::sink_ptr make_sink(const detail::SinkConfig& config, const std::string& 
     case detail::SinkType::File:
       check_log_file(config_path, config.path);
       try {
-        return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(config.path, config.max_size, config.max_files);
+        return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(config.path, config.max_size, config.max_files,
+                                                                      false, close_on_exec_handlers());
       } catch (const spdlog::spdlog_ex& error) {
         throw detail::ConfigError(
             fmt::format("{}: cannot open log file '{}': {}", config_path, config.path, error.what()));

@@ -1,5 +1,6 @@
 #include "test_files.hpp"
 #include "xpon/logger/logger.hpp"
+#include "xpon/test/inheritable_descriptors.hpp"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <regex>
+#include <set>
 #include <source_location>
 #include <span>
 #include <string>
@@ -179,6 +181,25 @@ TEST_F(LoggingContextTest, MaxSizeInPlainBytes) {
   EXPECT_EQ(read_file(path("system-mgr.1.log")), "line 0 " + dots + "\nline 1 " + dots + "\n");
   EXPECT_EQ(read_file(log), "line 2 " + dots + "\n");
   EXPECT_FALSE(std::filesystem::exists(path("system-mgr.2.log")));
+}
+
+TEST_F(LoggingContextTest, TheLogFileIsClosedOnExecAlsoAfterARotation) {
+  const auto before = xpon::test::inheritable_descriptors();
+  const std::string log = path("system-mgr.log");
+  auto context = make_context("pattern = \"%v\"\n[[sink]]\ntype = \"file\"\npath = \"" + log +
+                              "\"\nmax_size = 64\nmax_files = 1\n");
+  Logger logger("SYSTEM-MGR");
+  logger.logf(kInfo, "line 0 {}", std::string(24, '.'));
+  ASSERT_EQ(xpon::test::descriptors_open_on(std::filesystem::canonical(log).string()), 1U);
+  EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()),
+            std::set<std::string>{});
+  // The third line of 32 bytes rotates the file, and the sink opens it anew.
+  logger.logf(kInfo, "line 1 {}", std::string(24, '.'));
+  logger.logf(kInfo, "line 2 {}", std::string(24, '.'));
+  ASSERT_TRUE(std::filesystem::exists(path("system-mgr.1.log")));
+  ASSERT_EQ(xpon::test::descriptors_open_on(std::filesystem::canonical(log).string()), 1U);
+  EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()),
+            std::set<std::string>{});
 }
 
 TEST_F(LoggingContextTest, FileSinkMakesMissingDirectories) {

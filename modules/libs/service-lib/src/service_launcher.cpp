@@ -1,11 +1,11 @@
 #include "xpon/service/service_launcher.hpp"
 
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/core/guard.hpp"
 
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -46,11 +46,10 @@ Result<std::uint16_t> parse_master_changed(std::span<const std::uint8_t> payload
 // What the event handlers share with the launcher's thread.
 struct ServiceLauncher::Inbox {
   Inbox() : wake_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wake_fd < 0) {
+    if (!wake_fd) {
       throw std::runtime_error(fmt::format("Unable to create the launcher's eventfd: {}", std::strerror(errno)));
     }
   }
-  ~Inbox() { ::close(wake_fd); }
   Inbox(const Inbox&) = delete;
   Inbox& operator=(const Inbox&) = delete;
 
@@ -58,14 +57,14 @@ struct ServiceLauncher::Inbox {
   bool wake() const noexcept {
     const int saved_errno = errno;
     const std::uint64_t one = 1;
-    const bool written = ::write(wake_fd, &one, sizeof one) == static_cast<ssize_t>(sizeof one);
+    const bool written = core::write_once(wake_fd.get(), &one, sizeof one) == static_cast<ssize_t>(sizeof one);
     errno = saved_errno;
     return written;
   }
 
   void drain_wake_ups() const noexcept {
     std::uint64_t count = 0;
-    while (::read(wake_fd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+    while (core::read_once(wake_fd.get(), &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
     }
   }
 
@@ -87,7 +86,7 @@ struct ServiceLauncher::Inbox {
     return next;
   }
 
-  const int wake_fd;
+  const core::FileDescriptor wake_fd;
   std::mutex mutex;
   std::deque<Delivery> pending;
 };
@@ -238,7 +237,7 @@ Result<void> ServiceLauncher::run() {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_health_check - Clock::now());
       timeout_ms = static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 60'000));
     }
-    pollfd wait{inbox_->wake_fd, POLLIN, 0};
+    pollfd wait{inbox_->wake_fd.get(), POLLIN, 0};
     const int ready = ::poll(&wait, 1, timeout_ms);
     if (ready < 0 && errno != EINTR) {
       outcome = ErrorPayload(Error::ErrorCApi,

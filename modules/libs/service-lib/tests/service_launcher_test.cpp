@@ -1,5 +1,6 @@
 #include "xpon/service/service_launcher.hpp"
 
+#include "xpon/test/inheritable_descriptors.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
 
@@ -14,6 +15,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -191,6 +193,17 @@ TEST_F(ServiceLauncherTest, DestructionLogs) {
   make_launcher();
   launcher.reset();
   EXPECT_TRUE(logger->contains("ServiceLauncher destroy successfully", 0));
+}
+
+TEST_F(ServiceLauncherTest, ItsWakeUpDescriptorIsClosedOnExecAndClosedWithIt) {
+  const std::string kEventFd = "anon_inode:[eventfd]";
+  const auto before = test::inheritable_descriptors();
+  const std::size_t event_fds = test::descriptors_open_on(kEventFd);
+  make_launcher();
+  EXPECT_EQ(test::descriptors_open_on(kEventFd), event_fds + 1);
+  EXPECT_EQ(test::added_descriptors(before, test::inheritable_descriptors()), std::set<std::string>{});
+  launcher.reset();
+  EXPECT_EQ(test::descriptors_open_on(kEventFd), event_fds);
 }
 
 TEST_F(ServiceLauncherTest, RunSubscribesBothChangeEventsAndRunsTheService) {

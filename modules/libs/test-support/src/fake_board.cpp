@@ -8,88 +8,20 @@ namespace xpon::test {
 
 namespace {
 
-constexpr std::array<std::string_view, 35> kNames = {
-    "get_fpga_config_version",
-    "get_cpld_config_version",
-    "get_fan_count",
-    "get_ps_count",
-    "get_temp_count",
-    "get_pon_port_count",
-    "get_front_port_count",
-    "f_btn__is_pressed",
-    "f_btn__is_pooling_enabled",
-    "f_btn__is_hard_reset_enabled",
-    "set_fan_speed",
-    "cntrl_led_panel",
-    "p_port__set_led_state",
-    "p_port__get_led_state",
-    "cntrl_p_port_sfp_trx",
-    "cntrl_f_port_sfp_trx",
-    "get_p_port_sfp_trx",
-    "get_fan_info",
-    "get_ps_info",
-    "get_temp_info",
-    "get_f_port_sfp_state",
-    "get_p_port_sfp_state",
-    "get_f_port_sfp_data",
-    "get_p_port_sfp_data",
-    "get_f_port_sfp_eddi_data",
-    "get_p_port_sfp_eddi_data",
-    "get_p_port_sfp_rx_power",
-    "set_fan_module_speed",
-    "get_fan_module_factory",
-    "get_fan_module_state",
-    "get_pwr_module_state",
-    "f_btn__enable",
-    "f_btn__disable",
-    "f_btn__enable_hard_reset",
-    "f_btn__disable_hard_reset",
-};
+// Generated from the board interface's operation list, as the enum is.
+#define XPON_TEST_BOARD_OP_NAME(operation, command, data) std::string_view(#operation),
+constexpr std::array kNames{XPON_BOARD_OPERATIONS(XPON_TEST_BOARD_OP_NAME)};
+#undef XPON_TEST_BOARD_OP_NAME
 
-// The type of the data a read operation answers with; void for the operations that only act.
+// The type of the data each operation answers with, void for the operations that only act;
+// generated from the same list.
+#define XPON_TEST_BOARD_OP_DATA(operation, command, data) &typeid(data),
+constexpr std::array kDataTypes{XPON_BOARD_OPERATIONS(XPON_TEST_BOARD_OP_DATA)};
+#undef XPON_TEST_BOARD_OP_DATA
+
 const std::type_info& data_type_of(BoardOp op) {
-  switch (op) {
-    case BoardOp::get_fpga_config_version:
-    case BoardOp::get_cpld_config_version:
-    case BoardOp::get_fan_count:
-    case BoardOp::get_ps_count:
-    case BoardOp::get_temp_count:
-    case BoardOp::get_pon_port_count:
-    case BoardOp::get_front_port_count:
-    case BoardOp::f_btn__is_pressed:
-    case BoardOp::f_btn__is_pooling_enabled:
-    case BoardOp::f_btn__is_hard_reset_enabled:
-      return typeid(std::uint8_t);
-    case BoardOp::p_port__get_led_state:
-      return typeid(Brd__p_port_led);
-    case BoardOp::get_p_port_sfp_trx:
-      return typeid(Brd__cntrl_sfp_trx);
-    case BoardOp::get_fan_info:
-      return typeid(std::vector<Brd__fan_info>);
-    case BoardOp::get_ps_info:
-      return typeid(std::vector<Brd__ps_info>);
-    case BoardOp::get_temp_info:
-      return typeid(std::vector<Brd__temp_info>);
-    case BoardOp::get_f_port_sfp_state:
-    case BoardOp::get_p_port_sfp_state:
-      return typeid(Brd__sfp_state);
-    case BoardOp::get_f_port_sfp_data:
-    case BoardOp::get_p_port_sfp_data:
-      return typeid(Brd__sfp_data);
-    case BoardOp::get_f_port_sfp_eddi_data:
-    case BoardOp::get_p_port_sfp_eddi_data:
-      return typeid(Brd__sfp_eddi_data);
-    case BoardOp::get_p_port_sfp_rx_power:
-      return typeid(Brd__sfp_rx_power);
-    case BoardOp::get_fan_module_factory:
-      return typeid(Wake__fan_module__factory);
-    case BoardOp::get_fan_module_state:
-      return typeid(Wake__fan_module__data);
-    case BoardOp::get_pwr_module_state:
-      return typeid(Wake__pwr_module);
-    default:
-      return typeid(void);
-  }
+  const auto index = static_cast<std::size_t>(op);
+  return index < kDataTypes.size() ? *kDataTypes[index] : typeid(void);
 }
 
 }  // namespace

@@ -17,33 +17,32 @@ NotifyListener::NotifyListener(std::string path) : path_(std::move(path)) {
   if (path_.size() >= sizeof(address.sun_path)) {
     throw std::runtime_error("notification socket path too long: " + path_);
   }
-  fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) {
+  fd_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd_) {
     throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
   }
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
   ::unlink(path_.c_str());
-  if (::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+  if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     const std::string reason = std::strerror(errno);
-    ::close(fd_);
     throw std::runtime_error("bind " + path_ + ": " + reason);
   }
 }
 
 NotifyListener::~NotifyListener() {
-  ::close(fd_);
+  fd_.reset();
   ::unlink(path_.c_str());
 }
 
 void NotifyListener::receive_pending(std::chrono::milliseconds timeout) {
-  pollfd entry{fd_, POLLIN, 0};
+  pollfd entry{fd_.get(), POLLIN, 0};
   if (::poll(&entry, 1, static_cast<int>(timeout.count())) <= 0) {
     return;
   }
   std::array<char, 4096> buffer{};
   while (true) {
-    const ssize_t received = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t received = ::recv(fd_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (received < 0) {
       return;
     }

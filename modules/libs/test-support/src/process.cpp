@@ -1,5 +1,7 @@
 #include "xpon/test/process.hpp"
 
+#include "xpon/core/file_descriptor.hpp"
+
 #include "xpon/test/temp_dir.hpp"
 
 #include <fcntl.h>
@@ -84,11 +86,16 @@ ProcessEnd end_from(int status) {
   for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGCHLD}) {
     ::sigaction(number, &default_action, nullptr);
   }
-  const int input = ::open("/dev/null", O_RDONLY);
-  const int output = ::open(output_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int errors = ::open(errors_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (input < 0 || output < 0 || errors < 0 || ::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0 ||
-      ::dup2(errors, STDERR_FILENO) < 0) {
+  // Opened close-on-exec, so that only their copies on 0, 1 and 2 reach the program: dup2 clears
+  // the flag of the copy, and one that already is its stream has it cleared by hand.
+  const auto onto_stream = [](int descriptor, int stream) {
+    return descriptor == stream ? ::fcntl(descriptor, F_SETFD, 0) : ::dup2(descriptor, stream);
+  };
+  const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  const int output = ::open(output_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int errors = ::open(errors_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (input < 0 || output < 0 || errors < 0 || onto_stream(input, STDIN_FILENO) < 0 ||
+      onto_stream(output, STDOUT_FILENO) < 0 || onto_stream(errors, STDERR_FILENO) < 0) {
     const int failure = errno;
     (void)!::write(report_fd, &failure, sizeof failure);
     ::_exit(127);
@@ -132,26 +139,24 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
   if (::pipe2(report, O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));
   }
+  core::FileDescriptor report_reader(report[0]);
+  core::FileDescriptor report_writer(report[1]);
   const pid_t parent = ::getpid();
   const pid_t child = ::fork();
   if (child == 0) {
-    ::close(report[0]);
+    report_reader.reset();
     become_child(arguments[0].c_str(), argument_pointers.data(), variable_pointers.data(), output.c_str(),
-                 errors.c_str(), limits.open_files ? &open_files : nullptr, report[1], parent);
+                 errors.c_str(), limits.open_files ? &open_files : nullptr, report_writer.get(), parent);
   }
-  ::close(report[1]);
+  const int fork_error = errno;
+  report_writer.reset();
   if (child < 0) {
-    const std::string reason = std::strerror(errno);
-    ::close(report[0]);
-    throw std::runtime_error("fork: " + reason);
+    throw std::runtime_error(std::string("fork: ") + std::strerror(fork_error));
   }
   pid_ = child;
   int failure = 0;
-  ssize_t got = 0;
-  do {
-    got = ::read(report[0], &failure, sizeof failure);
-  } while (got < 0 && errno == EINTR);
-  ::close(report[0]);
+  const ssize_t got = core::read_full(report_reader.get(), &failure, sizeof failure);
+  report_reader.reset();
   if (got == static_cast<ssize_t>(sizeof failure)) {
     reap_blocking();
     throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(failure));

@@ -234,5 +234,77 @@ TEST(FakeBoardTest, NamesEveryOperation) {
   EXPECT_EQ(board_op_name(BoardOp::f_btn__disable_hard_reset), "f_btn__disable_hard_reset");
 }
 
+// The enum and the names are generated from the board interface's operation list: every
+// operation, in the interface's order, keeps the name tests print.
+TEST(FakeBoardTest, NamesTheOperationsInTheInterfacesOrder) {
+  const std::vector<std::string> expected{
+      "get_fpga_config_version",
+      "get_cpld_config_version",
+      "get_fan_count",
+      "get_ps_count",
+      "get_temp_count",
+      "get_pon_port_count",
+      "get_front_port_count",
+      "f_btn__is_pressed",
+      "f_btn__is_pooling_enabled",
+      "f_btn__is_hard_reset_enabled",
+      "set_fan_speed",
+      "cntrl_led_panel",
+      "p_port__set_led_state",
+      "p_port__get_led_state",
+      "cntrl_p_port_sfp_trx",
+      "cntrl_f_port_sfp_trx",
+      "get_p_port_sfp_trx",
+      "get_fan_info",
+      "get_ps_info",
+      "get_temp_info",
+      "get_f_port_sfp_state",
+      "get_p_port_sfp_state",
+      "get_f_port_sfp_data",
+      "get_p_port_sfp_data",
+      "get_f_port_sfp_eddi_data",
+      "get_p_port_sfp_eddi_data",
+      "get_p_port_sfp_rx_power",
+      "set_fan_module_speed",
+      "get_fan_module_factory",
+      "get_fan_module_state",
+      "get_pwr_module_state",
+      "f_btn__enable",
+      "f_btn__disable",
+      "f_btn__enable_hard_reset",
+      "f_btn__disable_hard_reset",
+  };
+  for (std::size_t index = 0; index < expected.size(); ++index) {
+    EXPECT_EQ(board_op_name(static_cast<BoardOp>(index)), expected[index]);
+  }
+  EXPECT_EQ(board_op_name(static_cast<BoardOp>(expected.size())), "(unknown board operation)");
+}
+
+// The data each read operation answers with, generated from the same list.
+TEST(FakeBoardTest, TakesEachReadOperationsOwnTypeOfData) {
+  FakeBoard board;
+  EXPECT_NO_THROW(board.answer<std::uint8_t>(BoardOp::get_front_port_count, 8));
+  EXPECT_NO_THROW(board.answer<std::uint8_t>(BoardOp::f_btn__is_hard_reset_enabled, 1));
+  EXPECT_NO_THROW(board.answer(BoardOp::p_port__get_led_state, Brd__p_port_led{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_p_port_sfp_trx, Brd__cntrl_sfp_trx{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_fan_info, std::vector<Brd__fan_info>{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_ps_info, std::vector<Brd__ps_info>{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_temp_info, std::vector<Brd__temp_info>{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_f_port_sfp_state, Brd__sfp_state{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_p_port_sfp_data, Brd__sfp_data{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_f_port_sfp_eddi_data, Brd__sfp_eddi_data{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_p_port_sfp_rx_power, Brd__sfp_rx_power{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_fan_module_factory, Wake__fan_module__factory{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_fan_module_state, Wake__fan_module__data{}));
+  EXPECT_NO_THROW(board.answer(BoardOp::get_pwr_module_state, Wake__pwr_module{}));
+  // The operations that only act take no data at all.
+  for (const BoardOp op :
+       {BoardOp::set_fan_speed, BoardOp::cntrl_led_panel, BoardOp::p_port__set_led_state, BoardOp::cntrl_p_port_sfp_trx,
+        BoardOp::cntrl_f_port_sfp_trx, BoardOp::set_fan_module_speed, BoardOp::f_btn__enable, BoardOp::f_btn__disable,
+        BoardOp::f_btn__enable_hard_reset, BoardOp::f_btn__disable_hard_reset}) {
+    EXPECT_THROW(board.answer<std::uint8_t>(op, 1), std::invalid_argument) << board_op_name(op);
+  }
+}
+
 }  // namespace
 }  // namespace xpon::test

@@ -104,6 +104,20 @@ TEST(RecordingIpc, RequestWithoutAnAnswerTimesOut) {
   EXPECT_EQ(ipc.requests()[0].address, 0x0015FFFEU);
 }
 
+TEST(RecordingIpc, EveryRequestKeepsTheTimeOutItWasMadeWith) {
+  RecordingIpc ipc;
+  ipc::Response answer;
+  answer.result = 1;
+  ipc.answer_next_request(answer);
+  ASSERT_TRUE(ipc.request(0x0015FFFE, ipc::Request{}, 1000ms));
+  static_cast<void>(ipc.request(0x0042FFFE, ipc::Request{}, 25ms));
+  const auto requests = ipc.requests();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_EQ(requests[0].timeout, 1000ms);
+  EXPECT_EQ(requests[1].address, 0x0042FFFEU);
+  EXPECT_EQ(requests[1].timeout, 25ms);
+}
+
 TEST(RecordingIpc, WaitForEventsSeesEventsSentFromAnotherThread) {
   RecordingIpc ipc;
   std::thread sender([&] { EXPECT_TRUE(ipc.send_event(ipc::Event{})); });

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -150,6 +151,68 @@ TEST_F(TempFanSystemTest, AHotSensorDrivesTheFansTo159AndACoolLastSensorBackTo10
   EXPECT_TRUE(rig_.wait_for_log("Sensor id 4 temperature 45 C. Sensor name: PON chip  ", kStepTimeout))
       << rig_.daemon_log();
   EXPECT_TRUE(wait_for_state("fan_speed_setting", 102)) << rig_.daemon_log();
+}
+
+// An LC board cooled by the crate with its five sensors only, all below 60 C, and no timeline:
+// the board changes only when the test patches it.
+constexpr const char* kLcSensorsScenario = R"({
+  "description": "LC board: five sensors, no ports, no timeline",
+  "inventory": {"cpld_version": 5, "fan_count": 0, "ps_count": 0, "temp_count": 5, "pon_port_count": 0,
+                "front_port_count": 0},
+  "sensors": [{"id": 0, "temperature": 44}, {"id": 1, "temperature": 45}, {"id": 2, "temperature": 40},
+              {"id": 3, "temperature": 55}, {"id": 4, "temperature": 59}]
+})";
+
+// The id of the next fan rate event the daemon publishes (15537 or 15538), checked for its
+// sender and its empty payload; nothing after the time-out.
+std::optional<std::uint16_t> next_rate_event(BusSubscriber& subscriber) {
+  const auto deadline = std::chrono::steady_clock::now() + kStepTimeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    const auto event = subscriber.next_event(100ms);
+    if (!event || u16_at(event->header, 12) != IPC_SYSTEM_MGR) {
+      continue;
+    }
+    const std::uint16_t id = u16_at(event->header, 14);
+    if (id == IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE ||
+        id == IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE) {
+      EXPECT_EQ(u32_at(event->header, 4), kDaemonAddress);
+      EXPECT_TRUE(event->payload.empty());
+      return id;
+    }
+  }
+  return std::nullopt;
+}
+
+TEST_F(TempFanSystemTest, AnLcBoardThatAskedForTheMaximumAsksForTheMinimumOnTheFirstCoolReadingAfterASighup) {
+  const std::string scenario = rig_.path("/lc-sensors.json");
+  {
+    std::ofstream file(scenario);
+    file << kLcSensorsScenario;
+    ASSERT_TRUE(file.good());
+  }
+  XPON_START_BOARD(scenario, kLcProduct);
+  ASSERT_NO_FATAL_FAILURE(set_fan_control(1));
+  BusSubscriber subscriber(rig_.path("/run/xpon/ipc"));
+  subscriber.subscribe(IPC_SYSTEM_MGR, IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE);
+  subscriber.subscribe(IPC_SYSTEM_MGR, IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE);
+  ASSERT_TRUE(subscriber.wait_subscribed(kStepTimeout)) << rig_.helper_logs();
+  // The first cycle reads every sensor below 60 C and asks nothing.
+  ASSERT_NO_FATAL_FAILURE(start_daemon_and_wait_ready());
+
+  // The last sensor heats: the next cycle's first poll asks the master for the maximum. Being the
+  // first rate event on the bus, it also shows that the first cycle sent none.
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(R"({"sensors": {"4": {"temperature": 71}}})"));
+  ASSERT_NO_FATAL_FAILURE(restart(2));
+  EXPECT_EQ(next_rate_event(subscriber), IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE) << rig_.daemon_log();
+
+  // It cools: the flag that says the maximum was asked for belongs to the process and survives
+  // the restart, so the new cycle's first reading below 60 C asks for the minimum.
+  ASSERT_NO_FATAL_FAILURE(patch_emulator(R"({"sensors": {"4": {"temperature": 45}}})"));
+  ASSERT_NO_FATAL_FAILURE(restart(3));
+  EXPECT_EQ(next_rate_event(subscriber), IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE) << rig_.daemon_log();
+  EXPECT_TRUE(rig_.wait_for_log("Sensor id 4 temperature 45 C. Sensor name: PON chip  ", kStepTimeout))
+      << rig_.daemon_log();
+  EXPECT_TRUE(rig_.daemon().running());
 }
 
 TEST_F(TempFanSystemTest, SetFanSpeedChangesTheEmulatorsSettingAndAnEmptyPayloadIsRefused) {

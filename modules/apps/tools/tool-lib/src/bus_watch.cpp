@@ -1,11 +1,11 @@
 #include "xpon/tool/bus_watch.hpp"
 
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/tool/console.hpp"
 
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 #include <zmq.hpp>
@@ -13,7 +13,6 @@
 
 #include <array>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 
@@ -46,13 +45,11 @@ std::optional<ipc::Event> to_event(const std::vector<zmq::message_t>& frames, bo
 
 WatchResult watch_bus(const WatchOptions& options, const EventHandler& on_event, const MalformedHandler& on_malformed) {
   const sigset_t signals = stop_signals();
-  const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-  if (signal_fd < 0) {
+  // Closed however the watch ends.
+  const core::FileDescriptor signal_fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!signal_fd) {
     throw std::runtime_error("cannot watch for SIGINT and SIGTERM (signalfd failed)");
   }
-  // Closes the descriptor however the watch ends.
-  const std::unique_ptr<const int, void (*)(const int*)> close_signal_fd(&signal_fd,
-                                                                         [](const int* fd) { ::close(*fd); });
   ipc::ensure_ipc_directory();
   zmq::context_t context(1);
   zmq::socket_t subscriber(context, zmq::socket_type::sub);
@@ -68,7 +65,7 @@ WatchResult watch_bus(const WatchOptions& options, const EventHandler& on_event,
   }
   subscriber.connect(ipc::bus_sub_endpoint());
 
-  std::array<zmq::pollitem_t, 2> items{{{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd, ZMQ_POLLIN, 0}}};
+  std::array<zmq::pollitem_t, 2> items{{{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd.get(), ZMQ_POLLIN, 0}}};
   const auto deadline = std::chrono::steady_clock::now() + options.timeout;
   WatchResult result;
   std::vector<zmq::message_t> frames;

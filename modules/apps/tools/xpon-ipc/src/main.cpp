@@ -2,6 +2,7 @@
 // stands in for a peer that answers one request (the Election Manager's mastership query, say).
 
 #include "tool.hpp"
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/tool/bus_watch.hpp"
@@ -131,7 +132,7 @@ int run_serve(const Common& common, const std::string& address_text, const std::
   const Payload reply = parse_hex(reply_text);
   const auto result = static_cast<std::uint32_t>(parse_number(result_text, 0xFFFFFFFFU, "--result"));
   const sigset_t signals = stop_signals();
-  const int signal_fd = ::signalfd(-1, &signals, SFD_CLOEXEC);
+  const xpon::core::FileDescriptor signal_fd(::signalfd(-1, &signals, SFD_CLOEXEC));
   ZmqIpcOptions options;
   options.delivery_threads = 1;
   auto endpoint = make_zmq_endpoint(address, "xpon-ipc", options);
@@ -155,14 +156,12 @@ int run_serve(const Common& common, const std::string& address_text, const std::
       });
   if (!subscribed) {
     print_error(subscribed.error().to_string());
-    ::close(signal_fd);
     return kExitFailed;
   }
   print_error(fmt::format("serving {}:{} at 0x{:08x}", key.group, key.id, address));
   signalfd_siginfo info{};
-  [[maybe_unused]] const auto got = ::read(signal_fd, &info, sizeof info);
+  [[maybe_unused]] const auto got = xpon::core::read_once(signal_fd.get(), &info, sizeof info);
   (void)endpoint->unsubscribe_request(key);
-  ::close(signal_fd);
   return kExitOk;
 }
 

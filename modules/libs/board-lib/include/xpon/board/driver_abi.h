@@ -299,4 +299,75 @@ BRD_ABI_STATIC_ASSERT(sizeof(Wake__pwr_module) == 20, "Wake__pwr_module is 20 by
 #define BOARD_GET_P_PORT_SFP_EDDI_DATA _IOWR(BOARD_IOCTL_TYPE, 0x68, Brd__sfp_eddi_data)
 #define BOARD_GET_P_PORT_SFP_RX_POWER _IOWR(BOARD_IOCTL_TYPE, 0x69, Brd__sfp_rx_power)
 
+/* ------------------------------------------------------------------------- */
+/* The command list                                                           */
+/* ------------------------------------------------------------------------- */
+
+/*
+ * Every command above, in the order of this header, as X(command, record): `command` is the
+ * name of its request code, `record` the type of the argument whose size the code encodes.
+ * This list is the one enumeration of the driver's commands: the board library's command names,
+ * the emulator's operation table and the test doubles are generated from it, so a new command is
+ * its request code above and one line here (and, in the emulator, its answer).
+ */
+#define BRD_DRIVER_COMMANDS(X)                               \
+  X(BOARD_GET_CPLD_VERSION, uint8_t)                         \
+  X(BOARD_GET_FAN_COUNT, uint8_t)                            \
+  X(BOARD_GET_PS_COUNT, uint8_t)                             \
+  X(BOARD_GET_TEMP_COUNT, uint8_t)                           \
+  X(BOARD_GET_PON_PORT_COUNT, uint8_t)                       \
+  X(BOARD_GET_FRONT_PORT_COUNT, uint8_t)                     \
+  X(BOARD_GET_FPGA_VERSION, uint8_t)                         \
+  X(BOARD_F_BTN_IS_PRESSED, uint8_t)                         \
+  X(BOARD_F_BTN_IS_POLLING_ENABLED, uint8_t)                 \
+  X(BOARD_F_BTN_IS_HARD_RESET_ENABLED, uint8_t)              \
+  X(BOARD_F_BTN_SET_POLLING, uint8_t)                        \
+  X(BOARD_F_BTN_SET_HARD_RESET, uint8_t)                     \
+  X(BOARD_SET_FAN_SPEED, uint8_t)                            \
+  X(BOARD_GET_FAN_INFO, Brd__fan_list)                       \
+  X(BOARD_GET_PS_INFO, Brd__ps_list)                         \
+  X(BOARD_GET_TEMP_INFO, Brd__temp_list)                     \
+  X(BOARD_SET_FAN_MODULE_SPEED, uint8_t)                     \
+  X(BOARD_GET_FAN_MODULE_FACTORY, Wake__fan_module__factory) \
+  X(BOARD_GET_FAN_MODULE_STATE, Wake__fan_module__data)      \
+  X(BOARD_GET_PWR_MODULE_STATE, Wake__pwr_module)            \
+  X(BOARD_CNTRL_LED_PANEL, Brd__led)                         \
+  X(BOARD_P_PORT_SET_LED_STATE, Brd__p_port_led)             \
+  X(BOARD_P_PORT_GET_LED_STATE, Brd__p_port_led)             \
+  X(BOARD_CNTRL_P_PORT_SFP_TRX, Brd__cntrl_sfp_trx)          \
+  X(BOARD_CNTRL_F_PORT_SFP_TRX, Brd__cntrl_sfp_trx)          \
+  X(BOARD_GET_P_PORT_SFP_TRX, Brd__cntrl_sfp_trx)            \
+  X(BOARD_GET_F_PORT_SFP_STATE, Brd__sfp_state)              \
+  X(BOARD_GET_P_PORT_SFP_STATE, Brd__sfp_state)              \
+  X(BOARD_GET_F_PORT_SFP_DATA, Brd__sfp_data)                \
+  X(BOARD_GET_P_PORT_SFP_DATA, Brd__sfp_data)                \
+  X(BOARD_GET_F_PORT_SFP_EDDI_DATA, Brd__sfp_eddi_data)      \
+  X(BOARD_GET_P_PORT_SFP_EDDI_DATA, Brd__sfp_eddi_data)      \
+  X(BOARD_GET_P_PORT_SFP_RX_POWER, Brd__sfp_rx_power)
+
+/*
+ * The inventory, read once when the board library starts, in this order, as X(command, value):
+ * `value` is the name the board library and the emulator give the byte the command answers.
+ */
+#define BRD_DRIVER_INVENTORY(X)               \
+  X(BOARD_GET_CPLD_VERSION, cpld_version)     \
+  X(BOARD_GET_FAN_COUNT, fan_count)           \
+  X(BOARD_GET_PS_COUNT, ps_count)             \
+  X(BOARD_GET_TEMP_COUNT, temp_count)         \
+  X(BOARD_GET_PON_PORT_COUNT, pon_port_count) \
+  X(BOARD_GET_FRONT_PORT_COUNT, front_port_count)
+
+/* Each command has the type 'L' and encodes the size of the record the list gives it. */
+#define BRD_ABI_CHECK_COMMAND(command, record)                                                          \
+  BRD_ABI_STATIC_ASSERT(_IOC_TYPE(command) == BOARD_IOCTL_TYPE && _IOC_SIZE(command) == sizeof(record), \
+                        #command " has the type 'L' and the size of its record");
+BRD_DRIVER_COMMANDS(BRD_ABI_CHECK_COMMAND)
+#undef BRD_ABI_CHECK_COMMAND
+
+/* Each inventory command reads one byte. */
+#define BRD_ABI_CHECK_INVENTORY(command, value) \
+  BRD_ABI_STATIC_ASSERT(_IOC_DIR(command) == _IOC_READ && _IOC_SIZE(command) == 1, #command " reads one byte");
+BRD_DRIVER_INVENTORY(BRD_ABI_CHECK_INVENTORY)
+#undef BRD_ABI_CHECK_INVENTORY
+
 #endif /* XPON_BOARD_DRIVER_ABI_H */

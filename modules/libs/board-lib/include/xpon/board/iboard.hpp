@@ -8,6 +8,48 @@
 
 namespace xpon::board {
 
+/// Every operation of IBoard below, in the interface's order, as X(operation, command, data):
+/// `command` is the driver command (from BRD_DRIVER_COMMANDS) the operation issues, or for the
+/// inventory operations the one whose answer, read when the board object was made, it returns;
+/// `data` is the type of what the operation reads back, void for the operations that only act.
+/// The test doubles of the board are generated from this list.
+#define XPON_BOARD_OPERATIONS(X)                                                     \
+  X(get_fpga_config_version, BOARD_GET_FPGA_VERSION, std::uint8_t)                   \
+  X(get_cpld_config_version, BOARD_GET_CPLD_VERSION, std::uint8_t)                   \
+  X(get_fan_count, BOARD_GET_FAN_COUNT, std::uint8_t)                                \
+  X(get_ps_count, BOARD_GET_PS_COUNT, std::uint8_t)                                  \
+  X(get_temp_count, BOARD_GET_TEMP_COUNT, std::uint8_t)                              \
+  X(get_pon_port_count, BOARD_GET_PON_PORT_COUNT, std::uint8_t)                      \
+  X(get_front_port_count, BOARD_GET_FRONT_PORT_COUNT, std::uint8_t)                  \
+  X(f_btn__is_pressed, BOARD_F_BTN_IS_PRESSED, std::uint8_t)                         \
+  X(f_btn__is_pooling_enabled, BOARD_F_BTN_IS_POLLING_ENABLED, std::uint8_t)         \
+  X(f_btn__is_hard_reset_enabled, BOARD_F_BTN_IS_HARD_RESET_ENABLED, std::uint8_t)   \
+  X(set_fan_speed, BOARD_SET_FAN_SPEED, void)                                        \
+  X(cntrl_led_panel, BOARD_CNTRL_LED_PANEL, void)                                    \
+  X(p_port__set_led_state, BOARD_P_PORT_SET_LED_STATE, void)                         \
+  X(p_port__get_led_state, BOARD_P_PORT_GET_LED_STATE, Brd__p_port_led)              \
+  X(cntrl_p_port_sfp_trx, BOARD_CNTRL_P_PORT_SFP_TRX, void)                          \
+  X(cntrl_f_port_sfp_trx, BOARD_CNTRL_F_PORT_SFP_TRX, void)                          \
+  X(get_p_port_sfp_trx, BOARD_GET_P_PORT_SFP_TRX, Brd__cntrl_sfp_trx)                \
+  X(get_fan_info, BOARD_GET_FAN_INFO, std::vector<Brd__fan_info>)                    \
+  X(get_ps_info, BOARD_GET_PS_INFO, std::vector<Brd__ps_info>)                       \
+  X(get_temp_info, BOARD_GET_TEMP_INFO, std::vector<Brd__temp_info>)                 \
+  X(get_f_port_sfp_state, BOARD_GET_F_PORT_SFP_STATE, Brd__sfp_state)                \
+  X(get_p_port_sfp_state, BOARD_GET_P_PORT_SFP_STATE, Brd__sfp_state)                \
+  X(get_f_port_sfp_data, BOARD_GET_F_PORT_SFP_DATA, Brd__sfp_data)                   \
+  X(get_p_port_sfp_data, BOARD_GET_P_PORT_SFP_DATA, Brd__sfp_data)                   \
+  X(get_f_port_sfp_eddi_data, BOARD_GET_F_PORT_SFP_EDDI_DATA, Brd__sfp_eddi_data)    \
+  X(get_p_port_sfp_eddi_data, BOARD_GET_P_PORT_SFP_EDDI_DATA, Brd__sfp_eddi_data)    \
+  X(get_p_port_sfp_rx_power, BOARD_GET_P_PORT_SFP_RX_POWER, Brd__sfp_rx_power)       \
+  X(set_fan_module_speed, BOARD_SET_FAN_MODULE_SPEED, void)                          \
+  X(get_fan_module_factory, BOARD_GET_FAN_MODULE_FACTORY, Wake__fan_module__factory) \
+  X(get_fan_module_state, BOARD_GET_FAN_MODULE_STATE, Wake__fan_module__data)        \
+  X(get_pwr_module_state, BOARD_GET_PWR_MODULE_STATE, Wake__pwr_module)              \
+  X(f_btn__enable, BOARD_F_BTN_SET_POLLING, void)                                    \
+  X(f_btn__disable, BOARD_F_BTN_SET_POLLING, void)                                   \
+  X(f_btn__enable_hard_reset, BOARD_F_BTN_SET_HARD_RESET, void)                      \
+  X(f_btn__disable_hard_reset, BOARD_F_BTN_SET_HARD_RESET, void)
+
 /// Typed access to the board's hardware; every failure of the driver comes back as an error result.
 class IBoard {
  public:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/logger/ilogger.hpp"
 
 #include <memory>
@@ -52,11 +53,11 @@ class PosixWrapper : public IPosixWrapper {
   int reopen() override;
 
   /// The open descriptor (-1 after a failed reopen), for diagnostics.
-  [[nodiscard]] int descriptor() const noexcept { return fd_; }
+  [[nodiscard]] int descriptor() const noexcept { return fd_.get(); }
 
  private:
   std::shared_ptr<logger::ILogger> logger_;
-  int fd_ = 0;
+  core::FileDescriptor fd_;
 };
 
 }  // namespace xpon::board

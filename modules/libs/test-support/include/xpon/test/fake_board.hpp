@@ -19,43 +19,11 @@
 
 namespace xpon::test {
 
-/// The operations of board::IBoard, in the interface's order.
+/// The operations of board::IBoard, in the interface's order (generated from its operation list).
 enum class BoardOp {
-  get_fpga_config_version,
-  get_cpld_config_version,
-  get_fan_count,
-  get_ps_count,
-  get_temp_count,
-  get_pon_port_count,
-  get_front_port_count,
-  f_btn__is_pressed,
-  f_btn__is_pooling_enabled,
-  f_btn__is_hard_reset_enabled,
-  set_fan_speed,
-  cntrl_led_panel,
-  p_port__set_led_state,
-  p_port__get_led_state,
-  cntrl_p_port_sfp_trx,
-  cntrl_f_port_sfp_trx,
-  get_p_port_sfp_trx,
-  get_fan_info,
-  get_ps_info,
-  get_temp_info,
-  get_f_port_sfp_state,
-  get_p_port_sfp_state,
-  get_f_port_sfp_data,
-  get_p_port_sfp_data,
-  get_f_port_sfp_eddi_data,
-  get_p_port_sfp_eddi_data,
-  get_p_port_sfp_rx_power,
-  set_fan_module_speed,
-  get_fan_module_factory,
-  get_fan_module_state,
-  get_pwr_module_state,
-  f_btn__enable,
-  f_btn__disable,
-  f_btn__enable_hard_reset,
-  f_btn__disable_hard_reset,
+#define XPON_TEST_BOARD_OP(operation, command, data) operation,
+  XPON_BOARD_OPERATIONS(XPON_TEST_BOARD_OP)
+#undef XPON_TEST_BOARD_OP
 };
 
 /// The name of an operation, as the method of board::IBoard is called ("get_fan_info").

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "xpon/core/file_descriptor.hpp"
+
 #include <chrono>
 #include <cstddef>
 #include <mutex>
@@ -35,7 +37,7 @@ class NotifyListener {
   void receive_pending(std::chrono::milliseconds timeout);
 
   std::string path_;
-  int fd_ = -1;
+  core::FileDescriptor fd_;
   std::mutex mutex_;
   std::vector<std::string> messages_;
 };

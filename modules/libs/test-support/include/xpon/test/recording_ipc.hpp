@@ -21,10 +21,12 @@ struct SentResponse {
   ipc::Response response;
 };
 
-/// One request handed to RecordingIpc::request, with the address it was sent to.
+/// One request handed to RecordingIpc::request, with the address it was sent to and the time
+/// its sender was willing to wait for the answer.
 struct SentRequest {
   ipc::Address address;
   ipc::Request request;
+  std::chrono::milliseconds timeout;
 };
 
 /// An IPC endpoint that keeps everything in memory: it records subscriptions, responses
@@ -112,9 +114,9 @@ class RecordingIpc : public ipc::IIpc {
   }
 
   core::Result<ipc::Response> request(ipc::Address address, ipc::Request request,
-                                      std::chrono::milliseconds /*timeout*/) override {
+                                      std::chrono::milliseconds timeout) override {
     std::lock_guard lock(mutex_);
-    requests_.push_back(SentRequest{address, std::move(request)});
+    requests_.push_back(SentRequest{address, std::move(request), timeout});
     if (auto failure = take_failure(fail_next_send_)) {
       return std::move(*failure);
     }

@@ -27,8 +27,6 @@ constexpr std::array<const char*, 6> kSensorNames{"PON SFP 1",   "PON SFP 2",  "
                                                   "Switch chip", "PON chip  ", nullptr};
 // Spelled so deliberately: the name of every other sensor id.
 constexpr const char* kUnknownSensorName = "Unkown";
-// The highest sensor id that has limits in the temperature section.
-constexpr std::int32_t kLastMonitoredSensor = 4;
 
 // Process-wide on purpose: every instance shares it (one process asks the master once).
 std::atomic<bool> g_event_max_rate_sent{false};
@@ -211,27 +209,24 @@ Result<void> TempMonitoring::polling() {
 Result<void> TempMonitoring::report_sensor(const Brd__temp_info& record) {
   const std::int32_t id = record.id;
   const char* name = sensor_name(id);
-  if (id > kLastMonitoredSensor || id < 0) {
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse): the reading is a signed byte by design
+  const int temperature = record.temperature;
+  const SensorVerdict verdict = decide_sensor(id, temperature, temp_thresholds_, fan_state());
+  if (!verdict.monitored) {
     // Sensor id 5's name is null on purpose: fmt throws on it and the exception ends the poll
-    // through the guarded call of the caller. A negative id has no limits either and is
-    // skipped like an unknown one, so that no limit is read outside the section.
+    // through the guarded call of the caller.
     logger_->warning("Temperature sensor {} ({}) not yet supported in data-model", name, id);
     return core::success();
   }
-  // NOLINTNEXTLINE(bugprone-signed-char-misuse): the reading is a signed byte by design
-  const int temperature = record.temperature;
-  const CfgDb__temperature_limits& limits = temp_thresholds_.sensor[id];
-  // Strict on purpose: a reading equal to a limit is an alarm.
-  const bool normal = temperature > static_cast<int>(limits.lower) && temperature < static_cast<int>(limits.upper);
 
   Alarm alarm;
   std::memset(&alarm, 0, sizeof alarm);
-  alarm.state = normal ? kAlarmNormal : kAlarmRaised;
+  alarm.state = verdict.normal ? kAlarmNormal : kAlarmRaised;
   alarm.alarm_id = kAlarmId;
   alarm.instance = static_cast<std::uint32_t>(id) + 1U;
   alarm.value[0] = static_cast<std::uint8_t>(record.temperature);
   const int written = host_->format(alarm.text, sizeof alarm.text, "Sensor %s temperature %dC%s", name, temperature,
-                                    normal ? kBackToNormal : "");
+                                    verdict.normal ? kBackToNormal : "");
   if (written < 1 || written > 255) {
     logger_->error("snprintf() call failed({})", written);
     return ErrorPayload(Error::ErrorCApi);
@@ -241,73 +236,59 @@ Result<void> TempMonitoring::report_sensor(const Brd__temp_info& record) {
   if (!sent) {
     return core::propagate(*logger_, std::move(sent));
   }
-  if (auto_fan_) {
-    // Deliberately once per sensor with its own reading: the last sensor decides the fan state.
-    auto fan = handle_auto_fan(temperature);
-    if (!fan) {
-      return core::propagate(*logger_, std::move(fan));
-    }
+  // Deliberately once per sensor with its own reading: the last sensor decides the fan state.
+  // The alarm's sending touches none of the verdict's inputs (the poll holds the mutex).
+  auto fan = handle_auto_fan(verdict.fan);
+  if (!fan) {
+    return core::propagate(*logger_, std::move(fan));
   }
   logger_->progress("Sensor id {} temperature {} C. Sensor name: {}", id, temperature, name);
   return core::success();
 }
 
-Result<void> TempMonitoring::handle_auto_fan(int temperature) {
-  switch (fan_speed_cfg_.family) {
-    case kFamilyLt:
-      return lt_handle_auto_fan(temperature);
-    case kFamilyLc:
-      return handle_auto_fan_with_event(temperature);
-    case kFamilyFc:
-      return is_master_ ? fc_handle_auto_fan(temperature) : handle_auto_fan_with_event(temperature);
-    default:
-      return core::success();
-  }
-}
-
-Result<void> TempMonitoring::lt_handle_auto_fan(int temperature) {
-  // No hysteresis on purpose: exactly 60 keeps the last setting.
-  if (temperature > kSwitchTemperature && !max_rate_set_) {
-    auto set = core::guarded_call(*logger_, [this] { return board_->set_fan_speed(kFanAutoMaxRate); });
-    if (!set) {
-      return core::propagate(*logger_, std::move(set));
-    }
-    max_rate_set_ = true;
-  } else if (temperature < kSwitchTemperature && max_rate_set_) {
-    auto set = core::guarded_call(*logger_, [this] { return board_->set_fan_speed(kFanAutoMinRate); });
-    if (!set) {
-      return core::propagate(*logger_, std::move(set));
-    }
-    max_rate_set_ = false;
-  }
-  return core::success();
-}
-
-Result<void> TempMonitoring::set_module_max_rate() {
-  auto set = core::guarded_call(*logger_, [this] { return board_->set_fan_module_speed(kFanAutoMaxRate); });
-  if (!set) {
-    return core::propagate(*logger_, std::move(set));
-  }
-  max_rate_set_ = true;
-  return core::success();
-}
-
-Result<void> TempMonitoring::fc_handle_auto_fan(int temperature) {
+FanControlState TempMonitoring::fan_state() const {
   bool slot_asks = false;
   for (const auto& [slot, asks] : slot_max_rate_) {
     slot_asks = slot_asks || asks;
   }
-  if (slot_asks || temperature > kSwitchTemperature) {
-    if (!max_rate_set_) {
-      return set_module_max_rate();
-    }
-  } else if (temperature < kSwitchTemperature && max_rate_set_) {
-    auto set = core::guarded_call(*logger_, [this] { return board_->set_fan_module_speed(kFanAutoMinRate); });
-    if (!set) {
-      return core::propagate(*logger_, std::move(set));
-    }
-    max_rate_set_ = false;
+  return FanControlState{.auto_fan = auto_fan_,
+                         .family = fan_speed_cfg_.family,
+                         .is_master = is_master_,
+                         .max_rate_set = max_rate_set_,
+                         .slot_asks = slot_asks,
+                         .event_max_rate_sent = g_event_max_rate_sent.load()};
+}
+
+Result<void> TempMonitoring::handle_auto_fan(const FanDecision& decision) {
+  switch (decision.target) {
+    case FanTarget::BoardFans:
+      return lt_handle_auto_fan(decision.maximum);
+    case FanTarget::FanModule:
+      return fc_handle_auto_fan(decision.maximum);
+    case FanTarget::MasterByEvent:
+      return handle_auto_fan_with_event(decision.maximum);
+    case FanTarget::None:
+      break;
   }
+  return core::success();
+}
+
+Result<void> TempMonitoring::lt_handle_auto_fan(bool maximum) {
+  return set_auto_rate(&board::IBoard::set_fan_speed, maximum);
+}
+
+Result<void> TempMonitoring::fc_handle_auto_fan(bool maximum) {
+  return set_auto_rate(&board::IBoard::set_fan_module_speed, maximum);
+}
+
+Result<void> TempMonitoring::set_auto_rate(Result<void> (board::IBoard::*set_speed)(std::uint8_t), bool maximum) {
+  const std::uint8_t rate = maximum ? kFanAutoMaxRate : kFanAutoMinRate;
+  auto set = core::guarded_call(*logger_, [&] { return ((*board_).*set_speed)(rate); });
+  if (!set) {
+    // The flag stays as it was: the next reading tries again.
+    return core::propagate(*logger_, std::move(set));
+  }
+  max_rate_set_ = maximum;
   return core::success();
 }
 
@@ -323,20 +304,13 @@ Result<void> TempMonitoring::send_rate_event(std::uint16_t id) {
   return core::success();
 }
 
-Result<void> TempMonitoring::handle_auto_fan_with_event(int temperature) {
-  if (temperature > kSwitchTemperature && !g_event_max_rate_sent.load()) {
-    auto sent = send_rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE);
-    if (!sent) {
-      return sent;
-    }
-    g_event_max_rate_sent.store(true);
-  } else if (temperature < kSwitchTemperature && g_event_max_rate_sent.load()) {
-    auto sent = send_rate_event(IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE);
-    if (!sent) {
-      return sent;
-    }
-    g_event_max_rate_sent.store(false);
+Result<void> TempMonitoring::handle_auto_fan_with_event(bool maximum) {
+  auto sent = send_rate_event(maximum ? IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE
+                                      : IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE);
+  if (!sent) {
+    return sent;
   }
+  g_event_max_rate_sent.store(maximum);
   return core::success();
 }
 
@@ -357,7 +331,7 @@ Result<void> TempMonitoring::handle_event(const ipc::Event& event) {
       logger_->progress("Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID {}", slot);
       slot_max_rate_[slot] = true;
       if (auto_fan_ && is_master_ && !max_rate_set_) {
-        auto set = set_module_max_rate();
+        auto set = fc_handle_auto_fan(true);
         if (!set) {
           // The board's failure leaves the flag unset: the next poll tries again.
           core::log_error(*logger_, set.error());

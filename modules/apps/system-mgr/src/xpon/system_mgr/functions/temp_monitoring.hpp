@@ -8,6 +8,7 @@
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/system_mgr/functions/base.hpp"
+#include "xpon/system_mgr/functions/temp_verdict.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -35,11 +36,11 @@ class TempMonitoring : public SysFunction {
   static constexpr std::uint8_t kFanAutoMaxRate = 159;
   static constexpr std::uint8_t kFanAutoMinRate = 102;
   /// Above it the fans go to the maximum rate, below it to the minimum; at it nothing changes.
-  static constexpr int kSwitchTemperature = 60;
+  static constexpr int kSwitchTemperature = kFanSwitchTemperature;
   /// Family codes of the fan section's family field.
-  static constexpr std::uint32_t kFamilyLt = 0;
-  static constexpr std::uint32_t kFamilyLc = 1;
-  static constexpr std::uint32_t kFamilyFc = 2;
+  static constexpr std::uint32_t kFamilyLt = kFanFamilyLt;
+  static constexpr std::uint32_t kFamilyLc = kFanFamilyLc;
+  static constexpr std::uint32_t kFamilyFc = kFanFamilyFc;
   /// The master FC board's own slot, and the crate's slots whose requests it keeps.
   static constexpr std::uint16_t kFcSlot = 21;
   /// The Election Manager's address and its mastership query (answer: the master's slot, uint16).
@@ -100,12 +101,16 @@ class TempMonitoring : public SysFunction {
   Result<std::vector<Brd__temp_info>> get_temp();
   Result<void> get_temp_request(const ipc::Request& request);
   Result<void> report_sensor(const Brd__temp_info& record);
-  Result<void> handle_auto_fan(int temperature);
-  Result<void> lt_handle_auto_fan(int temperature);
-  Result<void> fc_handle_auto_fan(int temperature);
-  Result<void> handle_auto_fan_with_event(int temperature);
+  // The fan control's state as decide_sensor takes it; called under the mutex.
+  [[nodiscard]] FanControlState fan_state() const;
+  // Carry out a step that decide_fan decided: each sets its path's flag once the setting went out.
+  Result<void> handle_auto_fan(const FanDecision& decision);
+  Result<void> lt_handle_auto_fan(bool maximum);
+  Result<void> fc_handle_auto_fan(bool maximum);
+  // Sets the board's fans or the fan module (by `set_speed`) to the maximum or minimum rate.
+  Result<void> set_auto_rate(Result<void> (board::IBoard::*set_speed)(std::uint8_t), bool maximum);
+  Result<void> handle_auto_fan_with_event(bool maximum);
   Result<void> send_rate_event(std::uint16_t id);
-  Result<void> set_module_max_rate();
   Result<bool> ask_master();
 
   // The function's own copies of the shared objects; the base keeps its own as well.

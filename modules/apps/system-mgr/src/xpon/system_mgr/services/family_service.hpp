@@ -9,9 +9,11 @@
 #include "xpon/service/service.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/system_mgr/functions/base.hpp"
+#include "xpon/system_mgr/services/lineups.hpp"
 
 #include <memory>
 #include <source_location>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -78,6 +80,15 @@ class FamilyService : public FamilyBase {
       }
     }
     return core::success();
+  }
+
+  /// Creates the functions of the family's line-up in its order and appends each to functions();
+  /// what a function constructor throws ends the service's construction.
+  void create_functions(std::span<const LineupEntry> lineup, DeviceType family) {
+    const FunctionDeps deps{logger_, ipc_, cfgdb_, board_, family};
+    for (const LineupEntry& entry : lineup) {
+      functions_.push_back(entry.make(deps, entry.period));
+    }
   }
 
   /// Connects the Election Manager client; throws std::runtime_error with `failure_text` when it cannot.
