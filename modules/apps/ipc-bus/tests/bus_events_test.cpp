@@ -351,7 +351,8 @@ TEST_F(BusEventsTest, BusStopsCleanlyOnSigterm) {
 TEST_F(BusEventsTest, TheBusOpensNothingAProgramItStartedWouldInherit) {
   // Both sockets bound: the lock file, the signalfd and ZeroMQ's descriptors are all open.
   ASSERT_TRUE(wait_until([&] {
-    return std::filesystem::exists(ipc_directory() + "/bus.sub") && std::filesystem::exists(ipc_directory() + "/bus.in");
+    return std::filesystem::exists(ipc_directory() + "/bus.sub") &&
+           std::filesystem::exists(ipc_directory() + "/bus.in");
   }));
   // What it inherited from this process it may hold as it is; nothing of its own may be inheritable.
   EXPECT_EQ(test::added_descriptors(test::inheritable_descriptors(), test::inheritable_descriptors(bus->pid())),

@@ -5,6 +5,7 @@
 // request without reply information.
 
 #include "function_test.hpp"
+#include "xpon/core/host_path.hpp"
 #include "xpon/system_mgr/functions/cpu_load_monitoring.hpp"
 #include "xpon/system_mgr/functions/fan_module_monitoring.hpp"
 #include "xpon/system_mgr/functions/fan_monitoring.hpp"
@@ -16,7 +17,6 @@
 #include "xpon/system_mgr/functions/ram_monitoring.hpp"
 #include "xpon/system_mgr/functions/sfp_monitoring.hpp"
 #include "xpon/system_mgr/functions/temp_monitoring.hpp"
-#include "xpon/core/host_path.hpp"
 #include "xpon/test/fake_board.hpp"
 
 #include <gtest/gtest.h>

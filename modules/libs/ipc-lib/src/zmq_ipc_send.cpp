@@ -5,7 +5,6 @@
 #include "descriptors.hpp"
 #include "xpon/ipc/paths.hpp"
 
-
 #include <fmt/format.h>
 
 #include <algorithm>

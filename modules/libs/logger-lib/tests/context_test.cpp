@@ -191,15 +191,13 @@ TEST_F(LoggingContextTest, TheLogFileIsClosedOnExecAlsoAfterARotation) {
   Logger logger("SYSTEM-MGR");
   logger.logf(kInfo, "line 0 {}", std::string(24, '.'));
   ASSERT_EQ(xpon::test::descriptors_open_on(std::filesystem::canonical(log).string()), 1U);
-  EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()),
-            std::set<std::string>{});
+  EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()), std::set<std::string>{});
   // The third line of 32 bytes rotates the file, and the sink opens it anew.
   logger.logf(kInfo, "line 1 {}", std::string(24, '.'));
   logger.logf(kInfo, "line 2 {}", std::string(24, '.'));
   ASSERT_TRUE(std::filesystem::exists(path("system-mgr.1.log")));
   ASSERT_EQ(xpon::test::descriptors_open_on(std::filesystem::canonical(log).string()), 1U);
-  EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()),
-            std::set<std::string>{});
+  EXPECT_EQ(xpon::test::added_descriptors(before, xpon::test::inheritable_descriptors()), std::set<std::string>{});
 }
 
 TEST_F(LoggingContextTest, FileSinkMakesMissingDirectories) {

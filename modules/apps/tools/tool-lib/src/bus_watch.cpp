@@ -65,7 +65,8 @@ WatchResult watch_bus(const WatchOptions& options, const EventHandler& on_event,
   }
   subscriber.connect(ipc::bus_sub_endpoint());
 
-  std::array<zmq::pollitem_t, 2> items{{{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd.get(), ZMQ_POLLIN, 0}}};
+  std::array<zmq::pollitem_t, 2> items{
+      {{subscriber.handle(), 0, ZMQ_POLLIN, 0}, {nullptr, signal_fd.get(), ZMQ_POLLIN, 0}}};
   const auto deadline = std::chrono::steady_clock::now() + options.timeout;
   WatchResult result;
   std::vector<zmq::message_t> frames;

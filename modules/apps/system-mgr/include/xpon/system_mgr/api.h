@@ -60,11 +60,7 @@ enum System_mgr__request_argument {
 };
 
 /* The size of the payload a request's argument needs; a shorter payload is refused. */
-enum {
-  SYSTEM_MGR_PORT_ARGUMENT_SIZE = 4,
-  SYSTEM_MGR_SPEED_ARGUMENT_SIZE = 1,
-  SYSTEM_MGR_LED_ARGUMENT_SIZE = 12
-};
+enum { SYSTEM_MGR_PORT_ARGUMENT_SIZE = 4, SYSTEM_MGR_SPEED_ARGUMENT_SIZE = 1, SYSTEM_MGR_LED_ARGUMENT_SIZE = 12 };
 
 /* How a request's answer (result word 1) is made of its answer record. */
 enum System_mgr__answer_shape {
@@ -83,7 +79,7 @@ enum System_mgr__answer_shape {
 #define SYSTEM_MGR_REQUESTS(X)                                                                                         \
   X(GET_RAM_DATA, 15501, SYSTEM_MGR_SERVED_BY_ALL, SYSTEM_MGR_ARGUMENT_NONE, SYSTEM_MGR_ANSWER_ONE,                    \
     System_mgr__ram_data)                                                                                              \
-  X(GET_HDD_DATA, 15502, SYSTEM_MGR_SERVED_BY_LT | SYSTEM_MGR_SERVED_BY_FC, SYSTEM_MGR_ARGUMENT_NONE,                 \
+  X(GET_HDD_DATA, 15502, SYSTEM_MGR_SERVED_BY_LT | SYSTEM_MGR_SERVED_BY_FC, SYSTEM_MGR_ARGUMENT_NONE,                  \
     SYSTEM_MGR_ANSWER_ONE, System_mgr__hdd_data)                                                                       \
   X(CNTRL_LED_PANEL, 15503, SYSTEM_MGR_SERVED_BY_ALL, SYSTEM_MGR_ARGUMENT_LED, SYSTEM_MGR_ANSWER_EMPTY, void)          \
   X(GET_DEVICE_FACTORY, 15504, SYSTEM_MGR_SERVED_BY_ALL, SYSTEM_MGR_ARGUMENT_NONE, SYSTEM_MGR_ANSWER_ONE,              \
@@ -179,12 +175,12 @@ enum { SYSTEM_MGR_ALARM_RAISED = 0, SYSTEM_MGR_ALARM_BACK_TO_NORMAL = 1 };
  *   DISK_SPACE     instance: partition from 0; value[0] free space in percent
  *   POWER_SUPPLY   instance: supply from 1; no value
  */
-#define SYSTEM_MGR_ALARMS(X)                   \
-  X(RAM, 1, "RAM")                             \
-  X(FAN, 2, "fan")                             \
-  X(LOAD_AVERAGE, 3, "system load average")    \
-  X(TEMPERATURE, 4, "temperature")             \
-  X(DISK_SPACE, 45, "disk space")              \
+#define SYSTEM_MGR_ALARMS(X)                \
+  X(RAM, 1, "RAM")                          \
+  X(FAN, 2, "fan")                          \
+  X(LOAD_AVERAGE, 3, "system load average") \
+  X(TEMPERATURE, 4, "temperature")          \
+  X(DISK_SPACE, 45, "disk space")           \
   X(POWER_SUPPLY, 46, "power supply")
 
 /* Alarm::alarm_id values: SYSTEM_MGR_ALARM_<NAME> = id. */
@@ -422,7 +418,8 @@ typedef struct SYSTEM_MGR_API_PACKED System_mgr__fan_module_factory {
   char mfg_date[6]; /* YYMMDD */
 } System_mgr__fan_module_factory;
 
-SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__fan_module_factory) == 42, "System_mgr__fan_module_factory is 42 bytes");
+SYSTEM_MGR_API_STATIC_ASSERT(sizeof(System_mgr__fan_module_factory) == 42,
+                             "System_mgr__fan_module_factory is 42 bytes");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__fan_module_factory, product_name) == 0, "product name at byte 0");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__fan_module_factory, serial_number) == 16, "serial number at byte 16");
 SYSTEM_MGR_API_STATIC_ASSERT(offsetof(System_mgr__fan_module_factory, hw_revision) == 32, "revision at byte 32");
@@ -439,11 +436,11 @@ namespace xpon::system_mgr {
 /// One entry of the request catalogue (SYSTEM_MGR_REQUESTS) as C++ reads it.
 struct RequestInfo {
   std::uint16_t id;
-  std::string_view name; ///< "IPC_SYSTEM_MGR__GET_TEMP"
-  unsigned families;     ///< SYSTEM_MGR_SERVED_BY_* bits
+  std::string_view name;  ///< "IPC_SYSTEM_MGR__GET_TEMP"
+  unsigned families;      ///< SYSTEM_MGR_SERVED_BY_* bits
   System_mgr__request_argument argument;
   System_mgr__answer_shape answer;
-  std::size_t record_size; ///< bytes of one answer record; 0 for an empty answer
+  std::size_t record_size;  ///< bytes of one answer record; 0 for an empty answer
 };
 
 namespace detail {
@@ -457,7 +454,7 @@ constexpr std::size_t record_size() noexcept {
 }
 }  // namespace detail
 
-#define SYSTEM_MGR_REQUEST_INFO(name, id, families, argument, shape, record)                                        \
+#define SYSTEM_MGR_REQUEST_INFO(name, id, families, argument, shape, record) \
   RequestInfo{id, "IPC_SYSTEM_MGR__" #name, families, argument, shape, detail::record_size<record>()},
 /// The request catalogue, in id order.
 inline constexpr RequestInfo kRequestCatalogue[] = {SYSTEM_MGR_REQUESTS(SYSTEM_MGR_REQUEST_INFO)};
