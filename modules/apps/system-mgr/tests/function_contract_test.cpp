@@ -25,6 +25,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -401,10 +402,12 @@ TEST_P(FunctionContractTest, EveryRoutedRequestIsInTheCatalogueAndServedOnAFamil
   }
 }
 
-TEST_P(FunctionContractTest, AFailingSubscriptionKeepsTheFunctionFromRunning) {
-  if (GetParam().subscriptions.empty()) {
-    GTEST_SKIP() << "subscribes nothing";
-  }
+// The cases that concern only some of the functions, each instantiated for those alone.
+class SubscribingFunctionTest : public FunctionContractTest {};  // a function that subscribes requests or events
+class ConfiguredFunctionTest : public FunctionContractTest {};   // one that reads a configuration section
+class AlarmingFunctionTest : public FunctionContractTest {};     // one whose poll sends alarms on the default board
+
+TEST_P(SubscribingFunctionTest, AFailingSubscriptionKeepsTheFunctionFromRunning) {
   auto function = make();
   board->clear_calls();
   journal->fail_next_subscribe(Error::InvalidState);
@@ -418,10 +421,7 @@ TEST_P(FunctionContractTest, AFailingSubscriptionKeepsTheFunctionFromRunning) {
   EXPECT_EQ(journal->journal(), (std::vector<std::string>{"+" + GetParam().subscriptions.front()}));
 }
 
-TEST_P(FunctionContractTest, AFailingFirstSubscriptionIsReturnedAndEndsTheWalk) {
-  if (GetParam().subscriptions.empty()) {
-    GTEST_SKIP() << "subscribes nothing";
-  }
+TEST_P(SubscribingFunctionTest, AFailingFirstSubscriptionIsReturnedAndEndsTheWalk) {
   auto function = make();
   journal->fail_next_subscribe(Error::InvalidState);
   const auto result = function->ipc_subscribe();
@@ -433,10 +433,7 @@ TEST_P(FunctionContractTest, AFailingFirstSubscriptionIsReturnedAndEndsTheWalk) 
   EXPECT_TRUE(journal->event_subscriptions().empty());
 }
 
-TEST_P(FunctionContractTest, AnUnreadableSectionFailsTheConstruction) {
-  if (!GetParam().unreadable) {
-    GTEST_SKIP() << "reads no configuration";
-  }
+TEST_P(ConfiguredFunctionTest, AnUnreadableSectionFailsTheConstruction) {
   const Unreadable& unreadable = *GetParam().unreadable;
   store_raw_field(unreadable.section, unreadable.field, unreadable.value);
   expect_construction_failure([&] { make(); }, unreadable.failure);
@@ -448,10 +445,7 @@ TEST_P(FunctionContractTest, AnUnreadableSectionFailsTheConstruction) {
   EXPECT_TRUE(journal->journal().empty());
 }
 
-TEST_P(FunctionContractTest, AFailingAlarmSendEndsThePollWithTheSendError) {
-  if (!GetParam().poll_sends_alarms) {
-    GTEST_SKIP() << "its poll sends nothing on the default board";
-  }
+TEST_P(AlarmingFunctionTest, AFailingAlarmSendEndsThePollWithTheSendError) {
   auto function = make();
   logger->clear();
   journal->fail_next_send(Error::InvalidState);
@@ -589,10 +583,34 @@ TEST_P(FunctionContractTest, AnIdItDoesNotRouteIsNeitherAnsweredNorLogged) {
   EXPECT_TRUE(board->calls().empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryFunction, FunctionContractTest, testing::ValuesIn(kFunctions),
-                         [](const testing::TestParamInfo<FunctionCase>& function) {
-                           return std::string(function.param.function);
-                         });
+std::string function_name(const testing::TestParamInfo<FunctionCase>& function) {
+  return std::string(function.param.function);
+}
+
+/// The functions of kFunctions for which `applies` holds, in their order.
+template <typename Predicate>
+std::vector<FunctionCase> functions_where(Predicate applies) {
+  std::vector<FunctionCase> chosen;
+  std::copy_if(std::begin(kFunctions), std::end(kFunctions), std::back_inserter(chosen), applies);
+  return chosen;
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryFunction, FunctionContractTest, testing::ValuesIn(kFunctions), function_name);
+INSTANTIATE_TEST_SUITE_P(EveryFunction, SubscribingFunctionTest,
+                         testing::ValuesIn(functions_where([](const FunctionCase& function) {
+                           return !function.subscriptions.empty();
+                         })),
+                         function_name);
+INSTANTIATE_TEST_SUITE_P(EveryFunction, ConfiguredFunctionTest,
+                         testing::ValuesIn(functions_where([](const FunctionCase& function) {
+                           return function.unreadable.has_value();
+                         })),
+                         function_name);
+INSTANTIATE_TEST_SUITE_P(EveryFunction, AlarmingFunctionTest,
+                         testing::ValuesIn(functions_where([](const FunctionCase& function) {
+                           return function.poll_sends_alarms;
+                         })),
+                         function_name);
 
 TEST(RequestCatalogue, EveryRequestIsRoutedByExactlyOneFunction) {
   std::multiset<std::uint16_t> routed;
