@@ -118,23 +118,40 @@ TEST_F(OutletLimitsTest, AnEvictedDestinationIsConnectedAgainAndStillAnswered) {
 }
 
 TEST_F(OutletLimitsTest, DescriptorsStayBoundedWhateverTheNumberOfDestinations) {
+  constexpr unsigned kDestinations = 2000;
   const std::size_t before = detail::count_open_descriptors().value();
   std::size_t most = 0;
+  std::uint64_t refused = 0;
+  std::vector<std::string> first_refusals;
   {
     auto server = endpoint(kServer, 8);
     const std::size_t opened = detail::count_open_descriptors().value();
-    for (unsigned n = 0; n < 2000; ++n) {
-      // A refusal (ZeroMQ's socket limit while evicted links linger) is allowed; growth is not.
-      (void)server->send_response(absent(n % 0x400U), answer_with_tag(1));
+    for (unsigned n = 0; n < kDestinations; ++n) {
+      // A refusal (ZeroMQ's socket limit while evicted links linger) is allowed, growth is not,
+      // and a refusal lasts only until ZeroMQ has reaped the evicted links: the same destination
+      // is tried again until it is linked. How many tries that takes depends on the machine.
+      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+      auto sent = server->send_response(absent(n), answer_with_tag(1));
+      while (!sent && std::chrono::steady_clock::now() < until) {
+        ++refused;
+        if (first_refusals.size() < 3) {
+          first_refusals.push_back(sent.error().to_string());
+        }
+        std::this_thread::sleep_for(milliseconds(1));
+        sent = server->send_response(absent(n), answer_with_tag(1));
+      }
+      ASSERT_TRUE(sent.has_value()) << "destination " << n << " still refused after 5 s: "
+                                    << sent.error().to_string();
       if (n % 50 == 0) {
         most = std::max(most, detail::count_open_descriptors().value());
       }
     }
     const auto stats = server->stats();
-    EXPECT_LE(stats.open_outlets, 8U);
-    // Every send to a new destination opened a link (still open or evicted since) or was refused.
-    EXPECT_EQ(stats.outlets_evicted + stats.open_outlets + stats.descriptor_refusals, 2000U);
-    EXPECT_GE(stats.outlets_evicted, 100U);
+    // Every destination was linked once, so all but the last eight links were evicted.
+    EXPECT_EQ(stats.open_outlets, 8U);
+    EXPECT_EQ(stats.outlets_evicted, kDestinations - 8U);
+    // Every refusal was counted, and reported to the caller.
+    EXPECT_EQ(stats.descriptor_refusals, refused) << ::testing::PrintToString(first_refusals);
     // The endpoint's own descriptors, then at most the links within ZeroMQ's socket limit
     // (3 + 2 x 8 + 32, less the endpoint's three sockets), each a mailbox and a connection attempt.
     EXPECT_LE(most, opened + std::size_t{2} * (2 * 8 + 32));
