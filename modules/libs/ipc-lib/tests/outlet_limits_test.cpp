@@ -140,8 +140,7 @@ TEST_F(OutletLimitsTest, DescriptorsStayBoundedWhateverTheNumberOfDestinations) 
         std::this_thread::sleep_for(milliseconds(1));
         sent = server->send_response(absent(n), answer_with_tag(1));
       }
-      ASSERT_TRUE(sent.has_value()) << "destination " << n << " still refused after 5 s: "
-                                    << sent.error().to_string();
+      ASSERT_TRUE(sent.has_value()) << "destination " << n << " still refused after 5 s: " << sent.error().to_string();
       if (n % 50 == 0) {
         most = std::max(most, detail::count_open_descriptors().value());
       }
