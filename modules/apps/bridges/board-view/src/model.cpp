@@ -312,11 +312,13 @@ ReadState* state_of(BoardModel& model, std::uint16_t id, std::optional<std::uint
     case IPC_SYSTEM_MGR__GET_HDD_DATA:
       return &model.disk_read;
     case IPC_SYSTEM_MGR__GET_DEVICE_FACTORY:
-    case IPC_SYSTEM_MGR__GET_CRATE_FACTORY:
       return &model.factory_read;
+    case IPC_SYSTEM_MGR__GET_CRATE_FACTORY:
+      return &model.crate_factory_read;
     case IPC_SYSTEM_MGR__GET_FPGA_VERSION:
+      return &model.fpga_read;
     case IPC_SYSTEM_MGR__GET_CPLD_VERSION:
-      return &model.versions_read;
+      return &model.cpld_read;
     case IPC_SYSTEM_MGR__GET_TEMP:
       return &model.temperatures_read;
     case IPC_SYSTEM_MGR__GET_FAN_STATES:
@@ -324,8 +326,9 @@ ReadState* state_of(BoardModel& model, std::uint16_t id, std::optional<std::uint
     case IPC_SYSTEM_MGR__GET_PS_STATES:
       return &model.supplies_read;
     case IPC_SYSTEM_MGR__GET_FAN_MODULE_STATE:
-    case IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY:
       return &model.fan_module_read;
+    case IPC_SYSTEM_MGR__GET_FAN_MODULE_FACTORY:
+      return &model.fan_module_factory_read;
     case IPC_SYSTEM_MGR__GET_PWR_MODULE_STATE:
       return &model.power_module_read;
     case IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO:

@@ -146,9 +146,11 @@ struct BoardModel {
   std::string crate_product;  ///< FC boards: the crate's factory data
   std::string crate_serial;
   ReadState factory_read;
+  ReadState crate_factory_read;
   std::optional<unsigned> fpga_version;
+  ReadState fpga_read;
   std::optional<unsigned> cpld_version;
-  ReadState versions_read;
+  ReadState cpld_read;
 
   std::optional<double> ram_total_bytes;
   std::optional<double> ram_free_bytes;
@@ -165,6 +167,7 @@ struct BoardModel {
   ReadState supplies_read;
   std::optional<FanModule> fan_module;
   ReadState fan_module_read;
+  ReadState fan_module_factory_read;
   std::optional<PowerModule> power_module;
   ReadState power_module_read;
 
