@@ -1,0 +1,115 @@
+// xpon-snmp-subagent: serves the board view over AgentX to the board's snmpd.
+
+#include "options.hpp"
+#include "subagent.hpp"
+
+#include "xpon/board_view/board_view.hpp"
+#include "xpon/cfgdb/cfgdb_wrapper.hpp"
+#include "xpon/ipc/zmq_ipc.hpp"
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace {
+
+using namespace xpon;
+
+constexpr const char* kProgram = "xpon-snmp-subagent";
+// The subagent's own endpoint: the first free application id of this range.
+constexpr std::uint16_t kFirstApplication = 0xFD10;
+constexpr std::uint16_t kLastApplication = 0xFD1F;
+
+/// Writes "<program>: <level>: <text>" lines to standard error (the journal under systemd).
+class StderrLogger : public logger::ILogger {
+ public:
+  explicit StderrLogger(int minimum_level) : minimum_level_(minimum_level) {}
+
+  void log(int level, std::string_view text, const std::source_location& /*location*/) override {
+    if (level < minimum_level_) {
+      return;
+    }
+    static constexpr const char* kNames[] = {"progress", "info", "notice", "warning", "error", "critical"};
+    const char* name = level >= 0 && level <= logger::kCritical ? kNames[level] : "log";
+    std::lock_guard lock(mutex_);
+    fmt::print(stderr, "{}: {}: {}\n", kProgram, name, text);
+    std::fflush(stderr);
+  }
+
+ private:
+  std::mutex mutex_;
+  int minimum_level_;
+};
+
+snmp_subagent::Subagent* stopping_target = nullptr;
+
+extern "C" void on_stop_signal(int /*signal*/) {
+  if (stopping_target != nullptr) {
+    stopping_target->stop();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  snmp_subagent::CommandLine line;
+  CLI::App app{
+      "Serves the board's health (ENTITY-MIB, ENTITY-SENSOR-MIB, ALARM-MIB, XPON-BOARD-MIB) to the "
+      "board's snmpd as an AgentX subagent, from the system manager's readings and alarms.",
+      kProgram};
+  snmp_subagent::add_options(app, line);
+  CLI11_PARSE(app, argc, argv);
+  const auto options = snmp_subagent::to_options(line);
+
+  // The stop signals are blocked while the endpoint's threads start, so that only this thread,
+  // which runs net-snmp, takes them.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+  auto log = std::make_shared<StderrLogger>(line.verbose ? logger::kProgress : logger::kInfo);
+  try {
+    ipc::ZmqIpcOptions ipc_options;
+    ipc_options.delivery_threads = 1;
+    auto endpoint = ipc::make_zmq_endpoint_in_range(kFirstApplication, kLastApplication, kProgram, ipc_options);
+    std::shared_ptr<cfgdb::CfgDbWrapper> database;
+    try {
+      database = std::make_shared<cfgdb::CfgDbWrapper>(kProgram);
+    } catch (const std::exception& error) {
+      log->warning("no configuration database, so no limits: {}", error.what());
+    }
+    board_view::BoardViewOptions view_options;
+    view_options.period = options.view_period;
+    board_view::BoardView view(endpoint, database, log, view_options);
+    snmp_subagent::Subagent subagent([&view] { return view.snapshot(); }, log, options.subagent);
+    view.on_transition([&subagent](const board_view::AlarmTransition& transition) { subagent.post(transition); });
+    if (const auto started = view.start(); !started) {
+      log->error("cannot follow the system manager: {}", started.error().to_string());
+      return 1;
+    }
+
+    stopping_target = &subagent;
+    struct sigaction action {};
+    action.sa_handler = on_stop_signal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
+
+    const bool ran = subagent.run();
+    view.stop();
+    stopping_target = nullptr;
+    log->logf(logger::kInfo, "stopped");
+    return ran ? 0 : 1;
+  } catch (const std::exception& error) {
+    log->error("{}", error.what());
+    return 1;
+  }
+}
