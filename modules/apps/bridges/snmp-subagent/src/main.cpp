@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,10 @@ int main(int argc, char** argv) {
   snmp_subagent::add_options(app, line);
   CLI11_PARSE(app, argc, argv);
   const auto options = snmp_subagent::to_options(line);
+
+  // net-snmp parses the MIB modules named by $MIBS (all it finds by default); the subagent names
+  // nothing by label, so none. Set before any thread starts, since setenv is not thread-safe.
+  setenv("MIBS", "", 1);  // NOLINT(concurrency-mt-unsafe)
 
   // The stop signals are blocked while the endpoint's threads start, so that only this thread,
   // which runs net-snmp, takes them.

@@ -255,9 +255,11 @@ bool Subagent::run() {
   }
   netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
                      static_cast<int>(options_.ping_interval));
-  // No MIB files are read: the subagent names nothing by label.
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-  setenv("MIBS", "", 1);
+  // The subagent names nothing by label: the MIB files Debian ships (or does not) are no concern
+  // of its log (main also sets MIBS empty, so that none is parsed).
+  netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIB_WARNINGS, 0);
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIB_ERRORS, 0);
   snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, on_index_start, this);
   snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, on_index_stop, this);
   if (init_agent(options_.name.c_str()) != 0) {
@@ -288,7 +290,13 @@ bool Subagent::run() {
   while (!stopping_.load()) {
     agent_check_and_process(1);
   }
+  // snmp_shutdown() frees the argument of every callback still registered: ours are not its own.
+  snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, on_index_start, this, 1);
+  snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, on_index_stop, this, 1);
+  snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, on_log, logger_.get(), 1);
   snmp_shutdown(options_.name.c_str());
+  // Frees the registrations and lets init_agent() run again (tests start one subagent after another).
+  shutdown_agent();
   return true;
 }
 

@@ -1,0 +1,446 @@
+// The subagent against Debian's own snmpd and snmptrapd: the subagent runs in this process, fed by
+// a board view over a daemon stand-in; snmpd (AgentX master, UDP on loopback) and snmptrapd (its
+// trap sink) are started by the test; snmpget and snmpwalk ask, and what they print is checked
+// exactly.
+//
+// net-snmp opens the AgentX session of a subagent once per process (its subagent_init() runs
+// once), so each test here starts the subagent in a process of its own: ctest runs every test
+// as its own process. Run by hand, give one test at a time (--gtest_filter).
+#include "subagent.hpp"
+
+#include "xpon/board/driver_abi.h"
+#include "xpon/board_view/board_view.hpp"
+#include "xpon/board_view/test/daemon_stand_in.hpp"
+#include "xpon/system_mgr/api.h"
+#include "xpon/test/ci_skip.hpp"
+#include "xpon/test/process.hpp"
+#include "xpon/test/recording_logger.hpp"
+#include "xpon/test/temp_dir.hpp"
+#include "xpon/test/wait.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace xpon::snmp_subagent {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace xpon::system_mgr;
+using board_view::test::bytes_of;
+using board_view::test::DaemonStandIn;
+
+const std::string kSnmpd = "/usr/sbin/snmpd";
+const std::string kSnmptrapd = "/usr/sbin/snmptrapd";
+const std::string kSnmpget = "/usr/bin/snmpget";
+const std::string kSnmpwalk = "/usr/bin/snmpwalk";
+
+std::string missing_programs() {
+  std::string missing;
+  for (const auto* program : {&kSnmpd, &kSnmptrapd, &kSnmpget, &kSnmpwalk}) {
+    if (access(program->c_str(), X_OK) != 0) {
+      missing += (missing.empty() ? "" : ", ") + *program;
+    }
+  }
+  return missing.empty() ? std::string() : "not installed (packages snmpd, snmptrapd, snmp): " + missing;
+}
+
+// A UDP port of loopback that nothing uses now.
+std::uint16_t free_udp_port() {
+  const int socket_fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets API takes sockaddr
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  if (socket_fd < 0 || ::bind(socket_fd, generic, sizeof(address)) != 0 ||
+      ::getsockname(socket_fd, generic, &length) != 0) {
+    throw std::runtime_error("no free UDP port");
+  }
+  ::close(socket_fd);
+  return ntohs(address.sin_port);
+}
+
+std::size_t count_of(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
+ipc::Payload factory_of(std::uint32_t family) {
+  System_mgr__factory factory{};
+  factory.family = family;
+  return bytes_of(factory);
+}
+
+SfpModuleRecord module_record(std::uint32_t port, const std::string& serial) {
+  SfpModuleRecord record{};
+  record.port = port;
+  record.state = 1;
+  const auto put = [&](std::size_t offset, std::size_t length, const std::string& text) {
+    std::memset(record.data + offset, ' ', length);
+    std::memcpy(record.data + offset, text.data(), std::min(length, text.size()));
+  };
+  put(BRD_SFP_ID_VENDOR_NAME, BRD_SFP_ID_TEXT_LENGTH, "XPON-OPTICS");
+  put(BRD_SFP_ID_PART_NUMBER, BRD_SFP_ID_TEXT_LENGTH, "GP-SFP-C");
+  put(BRD_SFP_ID_REVISION, BRD_SFP_ID_REVISION_LENGTH, "A");
+  put(BRD_SFP_ID_SERIAL, BRD_SFP_ID_TEXT_LENGTH, serial);
+  record.data[BRD_SFP_ID_WAVELENGTH] = 0x05;  // 1490 nm, big-endian
+  record.data[BRD_SFP_ID_WAVELENGTH + 1] = 0xD2;
+  return record;
+}
+
+System_mgr__sfp_eddi_data diagnostics_of(std::uint32_t port) {
+  System_mgr__sfp_eddi_data data{};
+  data.port = port;
+  data.valid = 1;
+  data.temperature = 41.5;
+  data.voltage = 3300000;  // microvolts
+  data.bias_current = 6;   // milliamperes
+  data.optical_power = 2;  // milliwatts
+  return data;
+}
+
+ipc::Event alarm_event(std::uint8_t state) {
+  Alarm record{};
+  record.state = state;
+  record.alarm_id = SYSTEM_MGR_ALARM_TEMPERATURE;
+  record.instance = 4;
+  const std::string text = "temperature too high";
+  std::memcpy(record.text, text.data(), text.size());
+  ipc::Event event;
+  event.group = IPC_EVENT_ALARM_GROUP;
+  event.id = IPC_EVENT_ALARM_ID;
+  event.payload = bytes_of(record);
+  return event;
+}
+
+class SubagentComponentTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    XPON_SKIP_OR_FAIL_IN_CI(missing_programs());
+    std::filesystem::create_directories(dir_.file("mibs"));
+    std::filesystem::create_directories(dir_.file("conf"));
+    std::filesystem::create_directories(dir_.file("persistent"));
+    // Nothing of the host's net-snmp configuration or MIB files: numeric OIDs only.
+    environment_ = {"MIBS=", "MIBDIRS=" + dir_.file("mibs"), "SNMPCONFPATH=" + dir_.file("conf"),
+                    "SNMP_PERSISTENT_DIR=" + dir_.file("persistent")};
+    for (const auto& setting : environment_) {
+      const auto equals = setting.find('=');
+      scoped_.push_back(std::make_unique<test::ScopedEnv>(setting.substr(0, equals), setting.substr(equals + 1)));
+    }
+    agent_port_ = free_udp_port();
+    trap_port_ = free_udp_port();
+    dir_.write("snmpd.conf", "agentAddress udp:127.0.0.1:" + std::to_string(agent_port_) +
+                                 "\nmaster agentx\nagentXSocket " + socket_path() +
+                                 "\nrocommunity public 127.0.0.1\ntrap2sink 127.0.0.1:" + std::to_string(trap_port_) +
+                                 " public\n");
+    dir_.write("snmptrapd.conf", "disableAuthorization yes\n");
+    trapd_ = std::make_unique<test::Process>(
+        std::vector<std::string>{kSnmptrapd, "-f", "-Lo", "-On", "-C", "-c", dir_.file("snmptrapd.conf"), "-F",
+                                 "TRAP %v\\n", "127.0.0.1:" + std::to_string(trap_port_)},
+        environment_, dir_.file("traps.log"), dir_.file("snmptrapd.errors"));
+    ASSERT_TRUE(test::wait_until([&] { return traps().find("NET-SNMP version") != std::string::npos; }, 10s))
+        << traps();
+    ASSERT_NO_FATAL_FAILURE(start_snmpd());
+
+    daemon_->answer(IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, factory_of(SYSTEM_MGR_FAMILY_LT));
+    System_mgr__temperature sensor{};
+    sensor.id = 3;
+    sensor.temperature = 45;
+    daemon_->answer(IPC_SYSTEM_MGR__GET_TEMP, bytes_of(sensor));
+    System_mgr__fan_state fan{};
+    fan.present = 1;
+    fan.speed = 100;
+    daemon_->answer(IPC_SYSTEM_MGR__GET_FAN_STATES, bytes_of(fan));
+    daemon_->answer(IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, bytes_of(module_record(3, "SN0042")));
+    daemon_->answer(IPC_SYSTEM_MGR__GET_F_PORTS_TOTAL_INFO, {});
+    daemon_->answer(IPC_SYSTEM_MGR__GET_P_PORT_EDDI_DATA, bytes_of(diagnostics_of(3)), 3U);
+    System_mgr__rx_power rx{};
+    rx.value = 100;  // 10 microwatts
+    daemon_->answer(IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER, bytes_of(rx), 3U);
+  }
+
+  void TearDown() override {
+    stop_subagent();
+    if (snmpd_) {
+      snmpd_->stop(SIGTERM, 5s);
+    }
+    if (trapd_) {
+      trapd_->stop(SIGTERM, 5s);
+    }
+  }
+
+  [[nodiscard]] std::string socket_path() const { return dir_.file("agentx"); }
+
+  void start_snmpd() {
+    snmpd_ =
+        std::make_unique<test::Process>(std::vector<std::string>{kSnmpd, "-f", "-Lo", "-C", "-c",
+                                                                 dir_.file("snmpd.conf"), "-p", dir_.file("snmpd.pid")},
+                                        environment_, dir_.file("snmpd.log"), dir_.file("snmpd.errors"));
+    ASSERT_TRUE(
+        test::wait_until([&] { return get({"1.3.6.1.2.1.1.3.0"}).find("Timeticks") != std::string::npos; }, 10s, 20ms))
+        << test::read_text_file(dir_.file("snmpd.log")) << test::read_text_file(dir_.file("snmpd.errors"));
+  }
+
+  void start_subagent() {
+    static bool started_in_this_process = false;
+    if (started_in_this_process) {
+      GTEST_SKIP() << "net-snmp starts one AgentX subagent per process: run this test on its own "
+                      "(ctest runs each test as a process of its own)";
+    }
+    started_in_this_process = true;
+    board_view::BoardViewOptions view_options;
+    view_options.period = 200ms;
+    view_ = std::make_unique<board_view::BoardView>(daemon_, nullptr, log_, view_options);
+    SubagentOptions options;
+    options.agentx_socket = socket_path();
+    options.refresh = 100ms;
+    options.update_rate = view_options.period;
+    options.ping_interval = 1;
+    subagent_ = std::make_unique<Subagent>([view = view_.get()] { return view->snapshot(); }, log_, options);
+    view_->on_transition(
+        [subagent = subagent_.get()](const board_view::AlarmTransition& transition) { subagent->post(transition); });
+    ASSERT_TRUE(view_->start().has_value());
+    agent_thread_ = std::thread([subagent = subagent_.get()] { subagent->run(); });
+    // Served once the first round's module is in the table.
+    ASSERT_TRUE(test::wait_until([&] { return walk("1.3.6.1.2.1.47.1.1.1.1.11").find("SN0042") != std::string::npos; },
+                                 10s, 20ms))
+        << walk("1.3.6.1.2.1.47");
+  }
+
+  void stop_subagent() {
+    if (subagent_) {
+      subagent_->stop();
+    }
+    if (agent_thread_.joinable()) {
+      agent_thread_.join();
+    }
+    if (view_) {
+      view_->stop();
+    }
+  }
+
+  std::string get(const std::vector<std::string>& oids) {
+    std::vector<std::string> argv{kSnmpget, "-v2c", "-c", "public", "-On",
+                                  "-t",     "0.5",  "-r", "0",      "127.0.0.1:" + std::to_string(agent_port_)};
+    argv.insert(argv.end(), oids.begin(), oids.end());
+    return test::run_program(argv, environment_, 10s).output;
+  }
+
+  std::string walk(const std::string& oid) {
+    return test::run_program({kSnmpwalk, "-v2c", "-c", "public", "-On", "-t", "0.5", "-r", "0",
+                              "127.0.0.1:" + std::to_string(agent_port_), oid},
+                             environment_, 20s)
+        .output;
+  }
+
+  std::string traps() { return test::read_text_file(dir_.file("traps.log")); }
+
+  bool log_has(const std::string& text) {
+    const auto lines = log_->lines();
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const auto& line) { return line.text.find(text) != std::string::npos; });
+  }
+
+  test::TempDir dir_{"xpon-snmp"};
+  std::vector<std::string> environment_;
+  std::vector<std::unique_ptr<test::ScopedEnv>> scoped_;
+  std::uint16_t agent_port_ = 0;
+  std::uint16_t trap_port_ = 0;
+  std::unique_ptr<test::Process> trapd_;
+  std::unique_ptr<test::Process> snmpd_;
+  std::shared_ptr<DaemonStandIn> daemon_ = std::make_shared<DaemonStandIn>();
+  std::shared_ptr<test::RecordingLogger> log_ = std::make_shared<test::RecordingLogger>();
+  std::unique_ptr<board_view::BoardView> view_;
+  std::unique_ptr<Subagent> subagent_;
+  std::thread agent_thread_;
+};
+
+const std::string kTrapOid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: ";
+
+TEST_F(SubagentComponentTest, TheEntityAndSensorTablesAreServedThroughSnmpd) {
+  start_subagent();
+  if (HasFatalFailure() || IsSkipped()) {
+    return;
+  }
+  EXPECT_EQ(
+      get({"1.3.6.1.2.1.47.1.1.1.1.2.11003", "1.3.6.1.2.1.47.1.1.1.1.4.11003", "1.3.6.1.2.1.47.1.1.1.1.5.11003",
+           "1.3.6.1.2.1.47.1.1.1.1.11.11003", "1.3.6.1.2.1.47.1.1.1.1.12.11003", "1.3.6.1.2.1.47.1.1.1.1.13.11003",
+           "1.3.6.1.2.1.47.1.1.1.1.8.11003", "1.3.6.1.2.1.47.1.1.1.1.5.10003"}),
+      ".1.3.6.1.2.1.47.1.1.1.1.2.11003 = STRING: \"SFP module, 1490 nm\"\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.4.11003 = INTEGER: 10003\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.5.11003 = INTEGER: 9\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.11.11003 = STRING: \"SN0042\"\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.12.11003 = STRING: \"XPON-OPTICS\"\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.13.11003 = STRING: \"GP-SFP-C\"\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.8.11003 = STRING: \"A\"\n"
+      ".1.3.6.1.2.1.47.1.1.1.1.5.10003 = INTEGER: 5\n");
+
+  // The classes of the whole table, in index order: board, sensor 3, fan 1 and its speed
+  // sensor, cage, module and the module's five sensors.
+  EXPECT_EQ(walk("1.3.6.1.2.1.47.1.1.1.1.5"),
+            ".1.3.6.1.2.1.47.1.1.1.1.5.1 = INTEGER: 9\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.1003 = INTEGER: 8\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.2001 = INTEGER: 7\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.2501 = INTEGER: 8\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.10003 = INTEGER: 5\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.11003 = INTEGER: 9\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.12031 = INTEGER: 8\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.12032 = INTEGER: 8\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.12033 = INTEGER: 8\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.12034 = INTEGER: 8\n"
+            ".1.3.6.1.2.1.47.1.1.1.1.5.12035 = INTEGER: 8\n");
+
+  // Type, scale, precision, value and status of each sensor.
+  std::string expected;
+  const std::vector<std::pair<int, std::vector<int>>> sensors{{1003, {8, 9, 0, 45, 1}},    {2501, {10, 9, 0, 6000, 1}},
+                                                              {12031, {8, 9, 2, 4150, 1}}, {12032, {4, 8, 1, 33000, 1}},
+                                                              {12033, {5, 8, 3, 6000, 1}}, {12034, {6, 7, 1, 20000, 1}},
+                                                              {12035, {6, 7, 1, 100, 1}}};
+  for (int column = 1; column <= 5; ++column) {
+    for (const auto& [index, values] : sensors) {
+      expected += ".1.3.6.1.2.1.99.1.1.1." + std::to_string(column) + "." + std::to_string(index) +
+                  " = INTEGER: " + std::to_string(values[static_cast<std::size_t>(column - 1)]) + "\n";
+    }
+  }
+  std::string walked = walk("1.3.6.1.2.1.99.1.1.1");
+  walked = walked.substr(0, walked.find(".1.3.6.1.2.1.99.1.1.1.6."));
+  EXPECT_EQ(walked, expected);
+  EXPECT_EQ(get({"1.3.6.1.2.1.99.1.1.1.8.1003"}), ".1.3.6.1.2.1.99.1.1.1.8.1003 = Gauge32: 200\n");
+  EXPECT_NE(get({"1.3.6.1.2.1.99.1.1.1.7.1003"}).find("Timeticks"), std::string::npos);
+}
+
+TEST_F(SubagentComponentTest, AFailedReadMakesTheSensorUnavailable) {
+  start_subagent();
+  if (HasFatalFailure() || IsSkipped()) {
+    return;
+  }
+  ASSERT_EQ(get({"1.3.6.1.2.1.99.1.1.1.5.1003"}), ".1.3.6.1.2.1.99.1.1.1.5.1003 = INTEGER: 1\n");
+  daemon_->answer(IPC_SYSTEM_MGR__GET_TEMP, ipc::Payload(3));  // not a whole record: the read failed
+  EXPECT_TRUE(test::wait_until(
+      [&] { return get({"1.3.6.1.2.1.99.1.1.1.5.1003"}) == ".1.3.6.1.2.1.99.1.1.1.5.1003 = INTEGER: 2\n"; }, 10s,
+      20ms));
+  // The last value stays; the other sources are still fine.
+  EXPECT_EQ(get({"1.3.6.1.2.1.99.1.1.1.4.1003", "1.3.6.1.2.1.99.1.1.1.5.2501"}),
+            ".1.3.6.1.2.1.99.1.1.1.4.1003 = INTEGER: 45\n.1.3.6.1.2.1.99.1.1.1.5.2501 = INTEGER: 1\n");
+}
+
+TEST_F(SubagentComponentTest, AnAlarmRaisedOverSeveralPeriodsIsOneRowAndOneNotificationEachWay) {
+  start_subagent();
+  if (HasFatalFailure() || IsSkipped()) {
+    return;
+  }
+  const auto active = kTrapOid + ".1.3.6.1.2.1.118.0.2";
+  const auto clear = kTrapOid + ".1.3.6.1.2.1.118.0.3";
+  // The daemon reports a raised alarm every period: five reports over several rounds.
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(daemon_->publish(alarm_event(SYSTEM_MGR_ALARM_RAISED)));
+    const auto rounds = view_->stats().rounds;
+    ASSERT_TRUE(test::wait_until([&] { return view_->stats().rounds > rounds; }, 5s));
+  }
+  ASSERT_TRUE(test::wait_until([&] { return count_of(traps(), active) >= 1; }, 10s)) << traps();
+  const auto rows = walk("1.3.6.1.2.1.118.1.2.2.1.11");
+  EXPECT_EQ(count_of(rows, " = STRING: \"temperature too high\""), 1U) << rows;
+  // The row's resource is sensor 4 counted from 1: entity 1003.
+  EXPECT_EQ(count_of(walk("1.3.6.1.2.1.118.1.2.2.1.10"), "= OID: .1.3.6.1.2.1.47.1.1.1.1.2.1003"), 1U);
+  // The notification carries the row's resource too.
+  EXPECT_NE(traps().find(".1.3.6.1.2.1.47.1.1.1.1.2.1003"), std::string::npos) << traps();
+
+  ASSERT_TRUE(daemon_->publish(alarm_event(SYSTEM_MGR_ALARM_BACK_TO_NORMAL)));
+  ASSERT_TRUE(daemon_->publish(alarm_event(SYSTEM_MGR_ALARM_BACK_TO_NORMAL)));
+  ASSERT_TRUE(test::wait_until([&] { return count_of(traps(), clear) >= 1; }, 10s)) << traps();
+  EXPECT_TRUE(test::wait_until(
+      [&] { return walk("1.3.6.1.2.1.118.1.2.2").find(".1.3.6.1.2.1.118.1.2.2.1") == std::string::npos; }, 5s, 20ms));
+  // Notifications leave in order over one session: a second alarmActiveState would have come first.
+  EXPECT_EQ(count_of(traps(), active), 1U) << traps();
+  EXPECT_EQ(count_of(traps(), clear), 1U) << traps();
+}
+
+TEST_F(SubagentComponentTest, ARemovedModuleSendsEntConfigChangeAndLeavesNoRows) {
+  start_subagent();
+  if (HasFatalFailure() || IsSkipped()) {
+    return;
+  }
+  const auto changed_before = get({"1.3.6.1.2.1.47.1.4.1.0"});
+  const auto config_change = kTrapOid + ".1.3.6.1.2.1.47.2.0.1";
+  ASSERT_EQ(count_of(traps(), config_change), 0U) << traps();
+
+  daemon_->answer(IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, {});
+  ipc::Event removed;
+  removed.group = IPC_SYSTEM_MGR;
+  removed.id = IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_REMOVED;
+  removed.payload = bytes_of(std::uint32_t{3});
+  ASSERT_TRUE(daemon_->publish(removed));
+  ASSERT_TRUE(test::wait_until([&] { return count_of(traps(), config_change) == 1; }, 10s)) << traps();
+
+  // The cage stays, empty; nothing of the module is left in either table.
+  const auto entities = walk("1.3.6.1.2.1.47.1.1.1.1.5");
+  EXPECT_NE(entities.find(".1.3.6.1.2.1.47.1.1.1.1.5.10003 = INTEGER: 5"), std::string::npos) << entities;
+  EXPECT_EQ(entities.find(".11003 "), std::string::npos) << entities;
+  EXPECT_EQ(entities.find(".1203"), std::string::npos) << entities;
+  EXPECT_EQ(walk("1.3.6.1.2.1.99.1.1.1.1").find(".1203"), std::string::npos);
+  EXPECT_NE(get({"1.3.6.1.2.1.47.1.4.1.0"}), changed_before);
+
+  // Plugged again: the same indexes come back, with one more notification.
+  daemon_->answer(IPC_SYSTEM_MGR__GET_P_PORTS_TOTAL_INFO, bytes_of(module_record(3, "SN0077")));
+  ipc::Event inserted;
+  inserted.group = IPC_SYSTEM_MGR;
+  inserted.id = IPC_EVENT_SYSTEM_MGR__P_PORT_SFP_MODULE_INSERTED;
+  inserted.payload = bytes_of(module_record(3, "SN0077"));
+  ASSERT_TRUE(daemon_->publish(inserted));
+  EXPECT_TRUE(test::wait_until(
+      [&] {
+        return get({"1.3.6.1.2.1.47.1.1.1.1.11.11003"}) == ".1.3.6.1.2.1.47.1.1.1.1.11.11003 = STRING: \"SN0077\"\n";
+      },
+      10s, 20ms));
+  EXPECT_TRUE(test::wait_until([&] { return count_of(traps(), config_change) == 2; }, 10s)) << traps();
+}
+
+TEST_F(SubagentComponentTest, AfterSnmpdRestartsTheSubagentRegistersAgainAndWalksAreComplete) {
+  start_subagent();
+  if (HasFatalFailure() || IsSkipped()) {
+    return;
+  }
+  const auto before = walk("1.3.6.1.2.1.47.1.1.1.1.2");
+  ASSERT_NE(before.find(".11003 = STRING"), std::string::npos) << before;
+
+  ASSERT_TRUE(snmpd_->stop(SIGTERM, 5s).exited_with(0));
+  EXPECT_TRUE(test::wait_until([&] { return log_has("lost the master agent"); }, 10s));
+  ASSERT_NO_FATAL_FAILURE(start_snmpd());
+  EXPECT_TRUE(test::wait_until([&] { return walk("1.3.6.1.2.1.47.1.1.1.1.2") == before; }, 15s, 50ms))
+      << walk("1.3.6.1.2.1.47.1.1.1.1.2");
+  EXPECT_TRUE(test::wait_until(
+      [&] { return walk("1.3.6.1.2.1.99.1.1.1.1").find(".12035 = INTEGER: 6") != std::string::npos; }, 5s, 20ms));
+  const auto lines = log_->lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const auto& line) { return line.text.find("registered with the master agent") == 0; }),
+            2);
+}
+
+TEST(SubagentProgramTest, HelpNamesTheOptions) {
+  const auto run = test::run_program({SNMP_SUBAGENT_PATH, "--help"}, {}, 10s);
+  ASSERT_TRUE(run.end && run.end->exited_with(0)) << run.errors;
+  for (const auto* option : {"--agentx-socket", "--enterprise-arc", "--period-ms", "--ping-interval"}) {
+    EXPECT_NE(run.output.find(option), std::string::npos) << option;
+  }
+}
+
+}  // namespace
+}  // namespace xpon::snmp_subagent
