@@ -253,8 +253,6 @@ bool Subagent::run() {
   if (!options_.agentx_socket.empty()) {
     netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, options_.agentx_socket.c_str());
   }
-  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
-                     static_cast<int>(options_.ping_interval));
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
   // The subagent names nothing by label: the MIB files Debian ships (or does not) are no concern
   // of its log (main also sets MIBS empty, so that none is parsed).
@@ -266,6 +264,10 @@ bool Subagent::run() {
     logger_->error("net-snmp's agent did not start");
     return false;
   }
+  // After init_agent(), which sets its own default; read when init_snmp() connects and whenever
+  // the master is lost (the pace of the reconnection attempts).
+  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
+                     static_cast<int>(options_.ping_interval));
   refresh();
   const std::array<std::pair<Subtree*, const char*>, 6> subtrees{{{&entities_, "entPhysicalTable"},
                                                                   {&entity_general_, "entLastChangeTime"},
