@@ -324,6 +324,13 @@ TEST_F(SubagentComponentTest, TheEntityAndSensorTablesAreServedThroughSnmpd) {
   walked = walked.substr(0, walked.find(".1.3.6.1.2.1.99.1.1.1.6."));
   EXPECT_EQ(walked, expected);
   EXPECT_EQ(get({"1.3.6.1.2.1.99.1.1.1.8.1003"}), ".1.3.6.1.2.1.99.1.1.1.8.1003 = Gauge32: 200\n");
+
+  // XPON-BOARD-MIB at its default arc: the powers in hundredths of a dBm (2 mW: 3.01 dBm; 10 uW:
+  // -20 dBm) and the wavelength. No limits: this view has no configuration database.
+  EXPECT_EQ(walk("1.3.6.1.4.1.8072.9999.4242"),
+            ".1.3.6.1.4.1.8072.9999.4242.1.4.1.1.11003 = INTEGER: 301\n"
+            ".1.3.6.1.4.1.8072.9999.4242.1.4.1.2.11003 = INTEGER: -2000\n"
+            ".1.3.6.1.4.1.8072.9999.4242.1.4.1.3.11003 = Gauge32: 1490\n");
   EXPECT_NE(get({"1.3.6.1.2.1.99.1.1.1.7.1003"}).find("Timeticks"), std::string::npos);
 }
 
