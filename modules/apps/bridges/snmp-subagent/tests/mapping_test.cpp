@@ -52,6 +52,15 @@ BoardModel lt_model() {
   return model;
 }
 
+std::vector<std::int32_t> indexes_of(const std::vector<PhysicalEntity>& entities) {
+  std::vector<std::int32_t> indexes;
+  indexes.reserve(entities.size());
+  for (const auto& entity : entities) {
+    indexes.push_back(entity.index);
+  }
+  return indexes;
+}
+
 const PhysicalEntity& entity_at(const std::vector<PhysicalEntity>& entities, std::int32_t index) {
   for (const auto& entity : entities) {
     if (entity.index == index) {
@@ -73,10 +82,7 @@ TEST(IndexSchemeTest, CagesModulesAndTheirSensorsHaveFixedRanges) {
 
 TEST(PhysicalEntitiesTest, AnLtBoardHasItsSensorsFansSuppliesAndModulesInIndexOrder) {
   const auto entities = physical_entities(lt_model(), {{PortGroup::Front, 1}});
-  std::vector<std::int32_t> indexes;
-  for (const auto& entity : entities) {
-    indexes.push_back(entity.index);
-  }
+  const auto indexes = indexes_of(entities);
   EXPECT_EQ(indexes, (std::vector<std::int32_t>{1, 1000, 1003, 2001, 2501, 3001, 10003, 11003, 12031, 12032, 12033,
                                                 12034, 12035, 20001}));
 
@@ -167,10 +173,7 @@ TEST(PhysicalEntitiesTest, AnFcBoardShowsTheCratesModules) {
   model.power_module = power;
   model.power_module_read.failed = true;
   const auto entities = physical_entities(model, {});
-  std::vector<std::int32_t> indexes;
-  for (const auto& entity : entities) {
-    indexes.push_back(entity.index);
-  }
+  const auto indexes = indexes_of(entities);
   EXPECT_EQ(indexes, (std::vector<std::int32_t>{1, 4000, 4001, 4002, 4101, 4102, 5000, 5001, 5002, 5003, 5004, 5005}));
   EXPECT_EQ(entity_at(entities, 4000).model_name, "FAN-28");
   EXPECT_EQ(entity_at(entities, 4000).contained_in, 0);
