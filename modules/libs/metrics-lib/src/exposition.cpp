@@ -22,7 +22,7 @@ bool is_digit(char character) {
   return character >= '0' && character <= '9';
 }
 
-core::Result<void> invalid(std::string message) {
+core::Result<void> invalid(const std::string& message) {
   return core::ErrorPayload(core::Error::InvalidInputArg, message);
 }
 

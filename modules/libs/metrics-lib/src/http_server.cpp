@@ -36,7 +36,7 @@ constexpr std::chrono::milliseconds kAcceptBackoff{100};
 // How long, and for how many bytes, a client's unread request is still read and dropped after
 // the answer, so that closing does not reset the connection before the client has read it.
 constexpr std::chrono::milliseconds kMaxDrainTime{1000};
-constexpr std::size_t kMaxDrainBytes = 1024 * 1024;
+constexpr std::size_t kMaxDrainBytes = std::size_t{1024} * 1024;
 // Accepts per round of the loop, so that a burst cannot starve the open connections.
 constexpr int kMaxAcceptsPerRound = 64;
 constexpr int kListenBacklog = 128;

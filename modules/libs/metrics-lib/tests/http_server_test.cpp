@@ -34,7 +34,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char* kCurl = "/usr/bin/curl";
-constexpr std::size_t kBigBodySize = 4 * 1024 * 1024;
+constexpr std::size_t kBigBodySize = std::size_t{4} * 1024 * 1024;
 const std::string kPage = "hello 1\n";
 const std::string kPageContentType = "text/plain; version=0.0.4; charset=utf-8";
 
