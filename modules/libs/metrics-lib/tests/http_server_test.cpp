@@ -3,26 +3,24 @@
 #include "xpon/metrics/http_server.hpp"
 
 #include <arpa/inet.h>
-#include <dirent.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "xpon/core/file_descriptor.hpp"
 #include "xpon/test/ci_skip.hpp"
+#include "xpon/test/inheritable_descriptors.hpp"
 #include "xpon/test/process.hpp"
 #include "xpon/test/temp_dir.hpp"
 #include "xpon/test/wait.hpp"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -447,43 +445,16 @@ TEST(HttpServer, BadAddressIsAClearError) {
   }
 }
 
-// The descriptors of this process that are sockets or pipes.
-std::vector<int> open_sockets_and_pipes() {
-  std::vector<int> descriptors;
-  DIR* directory = opendir("/proc/self/fd");
-  if (directory == nullptr) {
-    return descriptors;
-  }
-  while (const dirent* entry = readdir(directory)) {
-    const int descriptor = atoi(entry->d_name);
-    struct stat status {};
-    if (descriptor > 2 && descriptor != dirfd(directory) && fstat(descriptor, &status) == 0 &&
-        (S_ISSOCK(status.st_mode) || S_ISFIFO(status.st_mode))) {
-      descriptors.push_back(descriptor);
-    }
-  }
-  closedir(directory);
-  return descriptors;
-}
-
-TEST(HttpServer, EverySocketIsCloseOnExec) {
-  const std::vector<int> before = open_sockets_and_pipes();  // inherited ones are not the server's
+TEST(HttpServer, NoDescriptorOfTheServerIsInheritable) {
+  const std::set<std::string> before = test::inheritable_descriptors();
   const auto server = start_server();
   const core::FileDescriptor client = connect_to(*server);
   send_text(client, "GET /metrics HTTP/1.1\r\n");  // keeps the connection open on the server's side
-  std::vector<int> opened;
-  ASSERT_TRUE(test::wait_until([&] {
-    opened.clear();
-    for (const int descriptor : open_sockets_and_pipes()) {
-      if (std::find(before.begin(), before.end(), descriptor) == before.end()) {
-        opened.push_back(descriptor);
-      }
-    }
-    return opened.size() >= 3;  // listener, the server's end and the client's end (and the wake-up)
-  }));
-  for (const int descriptor : opened) {
-    EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << descriptor;
-  }
+  // Connections are accepted in order, so once this one is answered the one above is open too.
+  EXPECT_EQ(round_trip(*server, "GET /metrics HTTP/1.1\r\nHost: h\r\n\r\n"),
+            expected_answer("HTTP/1.1 200 OK", kPageContentType, kPage));
+  EXPECT_GE(test::descriptors_open_on("anon_inode:[eventfd]"), 1U);
+  EXPECT_EQ(test::added_descriptors(before, test::inheritable_descriptors()), std::set<std::string>{});
 }
 
 }  // namespace
