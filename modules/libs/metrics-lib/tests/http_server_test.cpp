@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <chrono>
 #include <optional>
+#include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -213,6 +214,25 @@ TEST(HttpServer, GarbageIsABadRequest) {
   EXPECT_TRUE(
       round_trip(*server, "GET / HTTP/1.1\r\nno colon here\r\n\r\n").starts_with("HTTP/1.1 400 Bad Request\r\n"));
   EXPECT_TRUE(round_trip(*server, "GET / HTTP/1.1\r\n\r\n").starts_with("HTTP/1.1 400 Bad Request\r\n"));
+}
+
+TEST(HttpServer, RandomBytesNeverStopTheServer) {
+  const auto server = start_server();
+  std::mt19937 random(20261125);  // fixed, so a failure can be repeated
+  for (int round = 0; round < 200; ++round) {
+    std::string request(random() % 600, '\0');
+    for (char& byte : request) {
+      // Mostly the characters of a head, so that many inputs get past the request line.
+      constexpr std::string_view kHeadCharacters = "GET /HTTP1.0\r\n :Host";
+      byte = random() % 4 == 0 ? static_cast<char>(random() % 256) : kHeadCharacters[random() % kHeadCharacters.size()];
+    }
+    // A first line that is not empty and an empty line after it: a complete head, to be answered.
+    request = "G" + request + "\r\n\r\n";
+    const std::string answer = round_trip(*server, request);
+    EXPECT_TRUE(answer.starts_with("HTTP/1.1 ")) << "round " << round << ": " << answer;
+  }
+  EXPECT_EQ(round_trip(*server, "GET /metrics HTTP/1.1\r\nHost: h\r\n\r\n"),
+            expected_answer("HTTP/1.1 200 OK", kPageContentType, kPage));
 }
 
 TEST(HttpServer, Http10IsAnsweredAndOtherVersionsAreNotSupported) {
