@@ -69,7 +69,7 @@ HttpAnswer answer_for(std::string_view method, std::string_view path) {
   return {404, "", "no such page\n"};
 }
 
-std::unique_ptr<HttpServer> start_server(HttpServerOptions options = {}) {
+std::unique_ptr<HttpServer> start_server(const HttpServerOptions& options = {}) {
   auto started = HttpServer::start(options, answer_for);
   if (!started) {
     throw std::runtime_error(started.error().to_string());
@@ -227,7 +227,8 @@ TEST(HttpServer, RandomBytesNeverStopTheServer) {
       byte = random() % 4 == 0 ? static_cast<char>(random() % 256) : kHeadCharacters[random() % kHeadCharacters.size()];
     }
     // A first line that is not empty and an empty line after it: a complete head, to be answered.
-    request = "G" + request + "\r\n\r\n";
+    request.insert(0, "G");
+    request += "\r\n\r\n";
     const std::string answer = round_trip(*server, request);
     EXPECT_TRUE(answer.starts_with("HTTP/1.1 ")) << "round " << round << ": " << answer;
   }
@@ -339,6 +340,7 @@ TEST(HttpServer, FiftyConnectionsOpenAtOnceAreAllAnswered) {
   options.max_connections = 50;
   const auto server = start_server(options);
   std::vector<core::FileDescriptor> clients;
+  clients.reserve(50);
   for (int client = 0; client < 50; ++client) {
     clients.push_back(connect_to(*server));
   }
