@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -368,6 +369,42 @@ TEST(HttpServer, ConnectionBeyondTheLimitIsClosedAtOnce) {
     return round_trip(*server, "GET /metrics HTTP/1.1\r\nHost: h\r\n\r\n") ==
            expected_answer("HTTP/1.1 200 OK", kPageContentType, kPage);
   }));
+}
+
+// CPU time of this process (every thread) so far.
+std::chrono::microseconds cpu_time() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
+TEST(HttpServer, OutOfDescriptorsOnAcceptBacksOffAndRecovers) {
+  XPON_SKIP_OR_FAIL_IN_CI(curl_missing());
+  const auto server = start_server();
+  const test::TempDir directory("metrics-http");
+  // curl connects a little later, once this process can open no descriptor any more.
+  test::Process client(
+      {"/bin/sh", "-c", std::string("sleep 0.3; exec ") + kCurl + " -sS -m 10 \"$0\"", url(*server, "/metrics")}, {},
+      directory.file("out"));
+  rlimit original{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
+  const int lowest_free = dup(0);
+  ASSERT_GE(lowest_free, 0);
+  close(lowest_free);
+  rlimit exhausted = original;
+  exhausted.rlim_cur = static_cast<rlim_t>(lowest_free);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &exhausted), 0);
+  std::this_thread::sleep_for(400ms);
+  const auto cpu_before = cpu_time();
+  std::this_thread::sleep_for(500ms);
+  const auto cpu_used = cpu_time() - cpu_before;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &original), 0);
+  EXPECT_LT(cpu_used, 200ms) << "the server spins while accept fails";
+  const std::optional<test::ProcessEnd> end = client.wait(10s);
+  ASSERT_TRUE(end.has_value());
+  EXPECT_TRUE(end->exited_with(0)) << end->describe();
+  EXPECT_EQ(test::read_text_file(directory.file("out")), kPage);
 }
 
 TEST(HttpServer, HandlerThatThrowsGives500AndTheServerGoesOn) {
