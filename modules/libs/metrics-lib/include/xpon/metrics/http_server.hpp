@@ -15,7 +15,7 @@ namespace xpon::metrics {
 /// What the handler answers to a request.
 struct HttpAnswer {
   int status = 200;          ///< 200 to 599, except 204 and 304 (which carry no body): others give 500
-  std::string content_type;  ///< empty: "text/plain; charset=utf-8"; one with CR or LF gives 500
+  std::string content_type;  ///< empty: "text/plain; charset=utf-8"; a control character in it gives 500
   std::string body;
 };
 
