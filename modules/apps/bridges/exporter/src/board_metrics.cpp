@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -38,8 +39,9 @@ class Page {
     family(name, help).samples.push_back(Sample{std::move(labels), value});
   }
 
-  void counter(const std::string& name, const std::string& help, double value) {
-    family(name, help, MetricType::Counter).samples.push_back(Sample{{}, value});
+  void counter(const std::string& name, const std::string& help, std::uint64_t value) {
+    // Exact up to 2^53, far beyond what a counter of requests or events reaches.
+    family(name, help, MetricType::Counter).samples.push_back(Sample{{}, static_cast<double>(value)});
   }
 
   // read_ok and last_update_timestamp_seconds of one source; a source never read has no timestamp.
@@ -90,9 +92,8 @@ std::string family_name(std::uint32_t family) {
 
 void board(Page& page, const BoardModel& model) {
   if (model.family) {
-    std::vector<Label> labels{{"family", family_name(*model.family)},
-                              {"product", model.product},
-                              {"serial", model.serial}};
+    std::vector<Label> labels{
+        {"family", family_name(*model.family)}, {"product", model.product}, {"serial", model.serial}};
     if (model.fpga_version) {
       labels.push_back({"fpga_version", std::to_string(*model.fpga_version)});
     }
@@ -162,8 +163,7 @@ void fans_and_supplies(Page& page, const BoardModel& model) {
     page.gauge("xpon_power_supply_present", "1 when the power supply is installed", labels, flag(supply.present));
     page.gauge("xpon_power_supply_power_good", "1 when the power supply's output is good", labels,
                flag(supply.power_good));
-    page.gauge("xpon_power_supply_alert", "The driver's status bits of the supply, 0 when quiet", labels,
-               supply.alert);
+    page.gauge("xpon_power_supply_alert", "The driver's status bits of the supply, 0 when quiet", labels, supply.alert);
   }
 }
 
@@ -194,10 +194,8 @@ void crate_modules(Page& page, const BoardModel& model) {
                module->output_volts);
     page.gauge("xpon_power_module_output_amperes", "Output current of the crate's power module", {},
                module->output_amperes);
-    page.gauge("xpon_power_module_output_watts", "Output power of the crate's power module", {},
-               module->output_watts);
-    page.gauge("xpon_power_module_temperature_celsius", "Temperature of the crate's power module", {},
-               module->celsius);
+    page.gauge("xpon_power_module_output_watts", "Output power of the crate's power module", {}, module->output_watts);
+    page.gauge("xpon_power_module_temperature_celsius", "Temperature of the crate's power module", {}, module->celsius);
   }
 }
 
@@ -272,8 +270,8 @@ void sources(Page& page, const BoardModel& model) {
   }
   for (const auto& [key, module] : model.sfp) {
     const std::string group(board_view::group_name(module.group));
-    page.source(module.diagnostics_read, {{"source", "sfp_diagnostics"}, {"group", group},
-                                          {"port", std::to_string(module.port)}});
+    page.source(module.diagnostics_read,
+                {{"source", "sfp_diagnostics"}, {"group", group}, {"port", std::to_string(module.port)}});
     page.source(module.rx_read, {{"source", "sfp_rx_power"}, {"group", group}, {"port", std::to_string(module.port)}});
   }
 }

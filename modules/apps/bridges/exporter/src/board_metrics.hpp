@@ -15,7 +15,8 @@ namespace xpon::exporter {
 inline constexpr double kPowerFloorDbm = -40.0;
 
 /// The families of one scrape, in a fixed order; families with no sample are left out.
-std::vector<metrics::Family> board_metrics(const board_view::BoardModel& model, const board_view::BoardViewStats& stats);
+std::vector<metrics::Family> board_metrics(const board_view::BoardModel& model,
+                                           const board_view::BoardViewStats& stats);
 
 /// An optical power in W as dBm, never below kPowerFloorDbm.
 double watts_to_dbm(double watts);

@@ -112,11 +112,11 @@ int run(const Settings& settings) {
     log->error("{}", server.error().to_string());
     return 1;
   }
-  log->progress("Serving metrics at http://{}/metrics", server.value()->endpoint());
+  log->logf(logger::kNotice, "Serving metrics at http://{}/metrics", server.value()->endpoint());
 
   int signal = 0;
   sigwait(&stop_signals, &signal);
-  log->progress("Stopping on signal {}", signal);
+  log->logf(logger::kNotice, "Stopping on signal {}", signal);
   server.value().reset();
   view.stop();
   return 0;
@@ -129,8 +129,7 @@ int main(int argc, char** argv) {
   CLI::App app{
       "xpon-exporter: the board's readings, limits and raised alarms as Prometheus metrics, read from the system "
       "manager over IPC (under $XPON_ROOT when set) and served at http://ADDRESS:PORT/metrics"};
-  app.add_option("--listen", settings.listen, "ADDRESS:PORT to listen on ([::1]:PORT for IPv6)")
-      ->capture_default_str();
+  app.add_option("--listen", settings.listen, "ADDRESS:PORT to listen on ([::1]:PORT for IPv6)")->capture_default_str();
   app.add_option("--period", settings.period_seconds, "Seconds between two rounds of requests to the system manager")
       ->check(CLI::Range(0.1, 3600.0))
       ->capture_default_str();

@@ -125,7 +125,8 @@ TEST(BoardMetricsTest, SfpModuleInBaseUnitsWithNoLightAtTheFloor) {
   EXPECT_EQ(lines_of(page, "xpon_sfp_info"),
             "xpon_sfp_info{group=\"pon\",port=\"1\",vendor=\"XPON \\\"OPTICS\\\"\",part_number=\"GP-SFP-C++\","
             "serial=\"XO2311000100\",revision=\"A\"} 1\n");
-  EXPECT_EQ(lines_of(page, "xpon_sfp_temperature_celsius"), "xpon_sfp_temperature_celsius{group=\"pon\",port=\"1\"} 38.5\n");
+  EXPECT_EQ(lines_of(page, "xpon_sfp_temperature_celsius"),
+            "xpon_sfp_temperature_celsius{group=\"pon\",port=\"1\"} 38.5\n");
   EXPECT_EQ(lines_of(page, "xpon_sfp_supply_volts"), "xpon_sfp_supply_volts{group=\"pon\",port=\"1\"} 3.3\n");
   EXPECT_EQ(lines_of(page, "xpon_sfp_bias_amperes"), "xpon_sfp_bias_amperes{group=\"pon\",port=\"1\"} 0.012\n");
   EXPECT_EQ(lines_of(page, "xpon_sfp_tx_power"),
@@ -153,9 +154,10 @@ TEST(BoardMetricsTest, PowerInDbmNeverGoesBelowTheFloor) {
 
 TEST(BoardMetricsTest, OneSeriesPerRaisedAlarm) {
   const auto page = page_of(lt_board());
-  EXPECT_EQ(lines_of(page, "xpon_alarm_active"),
-            "xpon_alarm_active{kind=\"temperature\",alarm_id=\"4\",instance=\"4\",text=\"Temperature of sensor 4 is out "
-            "of range\"} 1\n");
+  EXPECT_EQ(
+      lines_of(page, "xpon_alarm_active"),
+      "xpon_alarm_active{kind=\"temperature\",alarm_id=\"4\",instance=\"4\",text=\"Temperature of sensor 4 is out "
+      "of range\"} 1\n");
   BoardModel quiet = lt_board();
   quiet.alarms.clear();
   EXPECT_EQ(page_of(quiet).find("xpon_alarm_active"), std::string::npos);
@@ -227,7 +229,8 @@ TEST(BoardMetricsTest, CrateModulesOfAnFcBoard) {
 
 TEST(BoardMetricsTest, AWholePageIsAcceptedByPromtool) {
   const std::string promtool = "/usr/bin/promtool";
-  XPON_SKIP_OR_FAIL_IN_CI(std::filesystem::exists(promtool) ? "" : "promtool is not installed (Debian package prometheus)");
+  XPON_SKIP_OR_FAIL_IN_CI(std::filesystem::exists(promtool) ? ""
+                                                            : "promtool is not installed (Debian package prometheus)");
   BoardModel model = lt_board();
   model.fan_module = FanModule{true, true, {6000}, 102, "FM-16", "FM0001", "B"};
   model.power_module = PowerModule{};
@@ -248,7 +251,8 @@ TEST(BoardMetricsTest, AWholePageIsAcceptedByPromtool) {
 
 TEST(ExampleAlertRulesTest, AreValidAndFireOnTheExportersSeries) {
   const std::string promtool = "/usr/bin/promtool";
-  XPON_SKIP_OR_FAIL_IN_CI(std::filesystem::exists(promtool) ? "" : "promtool is not installed (Debian package prometheus)");
+  XPON_SKIP_OR_FAIL_IN_CI(std::filesystem::exists(promtool) ? ""
+                                                            : "promtool is not installed (Debian package prometheus)");
   const std::string dir = XPON_EXAMPLES_DIR "/prometheus";
   const auto check = xpon::test::run_program({promtool, "check", "rules", dir + "/xpon-alerts.yml"});
   ASSERT_TRUE(check.end.has_value());
