@@ -2,6 +2,7 @@
 #   daemon   -> xpon-system-mgr  the daemon, the event bus, their units, the default configuration
 #   tools    -> xpon-tools       system-mgr-ctl, xpon-ipc, xpon-cfg, xpon-factory
 #   emulator -> xpon-board-emu   the board emulator, its unit and the example scenarios
+#   bridges  -> xpon-bridges     the Prometheus exporter (and SNMP subagent) with their units
 # `cpack --config build/<preset>/CPackConfig.cmake -B build/<preset>/packages` makes them for the
 # preset's architecture (amd64 for release, arm64 for the arm64 preset).
 
@@ -12,7 +13,7 @@ set(XPON_PACKAGE_MAINTAINER "xPON platform team <xpon-platform@example.org>"
 set(xpon_docs_dir "${PROJECT_BINARY_DIR}/packaging/doc")
 file(MAKE_DIRECTORY "${xpon_docs_dir}")
 file(READ "${PROJECT_SOURCE_DIR}/packaging/debian/changelog.in" xpon_changelog_template)
-foreach(package xpon-system-mgr xpon-tools xpon-board-emu)
+foreach(package xpon-system-mgr xpon-tools xpon-board-emu xpon-bridges)
   string(REPLACE "@PACKAGE@" "${package}" changelog "${xpon_changelog_template}")
   string(REPLACE "@VERSION@" "${PROJECT_VERSION}" changelog "${changelog}")
   string(REPLACE "@MAINTAINER@" "${XPON_PACKAGE_MAINTAINER}" changelog "${changelog}")
@@ -21,10 +22,11 @@ foreach(package xpon-system-mgr xpon-tools xpon-board-emu)
   execute_process(COMMAND gzip -9nf "${xpon_docs_dir}/${package}/changelog.Debian" COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 
-set(xpon_components daemon tools emulator)
+set(xpon_components daemon tools emulator bridges)
 set(xpon_package_daemon xpon-system-mgr)
 set(xpon_package_tools xpon-tools)
 set(xpon_package_emulator xpon-board-emu)
+set(xpon_package_bridges xpon-bridges)
 foreach(component IN LISTS xpon_components)
   set(package ${xpon_package_${component}})
   install(FILES "${PROJECT_SOURCE_DIR}/packaging/debian/copyright" "${xpon_docs_dir}/${package}/changelog.Debian.gz"
@@ -91,5 +93,20 @@ development machine without the hardware. Example scenarios for the three
 board families are included.")
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/debian/xpon-board-emu/postinst"
                                                 "${PROJECT_SOURCE_DIR}/packaging/debian/xpon-board-emu/postrm")
+
+set(CPACK_DEBIAN_BRIDGES_PACKAGE_NAME xpon-bridges)
+# The bridges run as the daemon's user xpon and ask the daemon over its IPC directory.
+set(CPACK_DEBIAN_BRIDGES_PACKAGE_DEPENDS "xpon-system-mgr (= ${PROJECT_VERSION}-1)")
+set(CPACK_DEBIAN_BRIDGES_PACKAGE_SUGGESTS "prometheus, snmpd")
+set(CPACK_COMPONENT_BRIDGES_DESCRIPTION
+   "operator bridges of the xPON system manager
+xpon-exporter serves the board's temperatures, fans, supplies, crate modules,
+optical modules with their diagnostics and the raised alarms as Prometheus
+metrics over HTTP, read from the system manager over IPC.
+xpon-snmp-subagent serves the same to the board's snmpd over AgentX
+(ENTITY-MIB, ENTITY-SENSOR-MIB, ALARM-MIB and XPON-BOARD-MIB).")
+set(CPACK_DEBIAN_BRIDGES_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/debian/xpon-bridges/postinst"
+                                               "${PROJECT_SOURCE_DIR}/packaging/debian/xpon-bridges/prerm"
+                                               "${PROJECT_SOURCE_DIR}/packaging/debian/xpon-bridges/postrm")
 
 include(CPack)

@@ -7,6 +7,7 @@
 
 #include "daemon_rig.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/proc_stats.hpp"
 #include "xpon/test/temp_dir.hpp"
 #include "xpon/test/wait.hpp"
 
@@ -47,51 +48,9 @@ const Family kFc{"board-fc.json", "QD7R-FC", 9};
 /// The Election Manager's IPC address, which FC and LC boards link to at start-up.
 constexpr xpon::ipc::Address kElectionManager = 0x0015FFFE;
 
-/// A value in KiB from a /proc file of the daemon whose lines read "Field: N kB"; -1 when it
-/// cannot be read.
-double proc_kib(pid_t pid, const std::string& file, const std::string& field) {
-  std::ifstream lines("/proc/" + std::to_string(pid) + "/" + file);
-  std::string line;
-  while (std::getline(lines, line)) {
-    if (line.rfind(field + ":", 0) == 0) {
-      return std::stod(line.substr(field.size() + 1));
-    }
-  }
-  return -1.0;
-}
-
-/// A value from /proc/PID/status in KiB ("VmRSS", "VmHWM"); -1 when it cannot be read.
-double status_kib(pid_t pid, const std::string& field) {
-  return proc_kib(pid, "status", field);
-}
-
-/// A value from /proc/PID/smaps_rollup in KiB ("Pss", "Pss_Anon", "Pss_File"); -1 when it
-/// cannot be read. Proportional set sizes count a page shared with N processes as 1/N.
-double smaps_rollup_kib(pid_t pid, const std::string& field) {
-  return proc_kib(pid, "smaps_rollup", field);
-}
-
-/// User plus system time of a process in seconds, from /proc/PID/stat; -1 when unreadable.
-double cpu_seconds(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  std::getline(stat, text);
-  // The command name may hold spaces: the fields are counted from its closing parenthesis.
-  const auto end_of_name = text.rfind(')');
-  if (end_of_name == std::string::npos) {
-    return -1.0;
-  }
-  std::istringstream fields(text.substr(end_of_name + 2));
-  std::string field;
-  double ticks = 0.0;
-  // State is field 3 of the line; utime and stime are fields 14 and 15.
-  for (int number = 3; number <= 15 && fields >> field; ++number) {
-    if (number >= 14) {
-      ticks += std::stod(field);
-    }
-  }
-  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
+using xpon::test::cpu_seconds;
+using xpon::test::smaps_rollup_kib;
+using xpon::test::status_kib;
 
 std::size_t count_of(const std::string& text, const std::string& part) {
   std::size_t count = 0;

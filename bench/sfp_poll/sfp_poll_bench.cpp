@@ -10,6 +10,7 @@
 #include "xpon/board/posix_wrapper.hpp"
 #include "xpon/system_mgr/functions/sfp_monitoring.hpp"
 #include "xpon/test/fake_driver.hpp"
+#include "xpon/test/proc_stats.hpp"
 #include "xpon/test/process.hpp"
 #include "xpon/test/recording_ipc.hpp"
 #include "xpon/test/recording_logger.hpp"
@@ -101,23 +102,7 @@ void BM_SteadyPollOverEmulator(benchmark::State& state) {
 }
 BENCHMARK(BM_SteadyPollOverEmulator)->Unit(benchmark::kMicrosecond);
 
-// User plus system CPU time of a process so far, in seconds.
-double cpu_seconds(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::ostringstream read;
-  read << stat.rdbuf();
-  const std::string text = read.str();
-  // Fields after the command name, which is in parentheses and may hold blanks.
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::string field;
-  double ticks = 0.0;
-  for (int index = 3; index <= 15 && fields >> field; ++index) {
-    if (index == 14 || index == 15) {  // utime, stime
-      ticks += std::stod(field);
-    }
-  }
-  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
+using xpon::test::cpu_seconds;
 
 void BM_IdleDaemonCpu(benchmark::State& state) {
   const char* configured = std::getenv("XPON_IDLE_SECONDS");

@@ -43,6 +43,11 @@ bool served(std::uint16_t id, std::optional<std::uint32_t> family) {
   if (id == IPC_SYSTEM_MGR__GET_DEVICE_FACTORY) {
     return true;
   }
+  // Every family takes the crate's factory request, but only an FC board has the crate's image:
+  // the others answer it with an error, and log one, each time.
+  if (id == IPC_SYSTEM_MGR__GET_CRATE_FACTORY) {
+    return family == std::optional<std::uint32_t>(SYSTEM_MGR_FAMILY_FC);
+  }
   const RequestInfo* info = find_request(id);
   return info != nullptr && family && *family < 3 && (info->families & (1U << *family)) != 0;
 }

@@ -1,0 +1,225 @@
+// What the operator bridges cost: the exporter's page of a full LT board (24 modules with their
+// diagnostics), one scrape of it over HTTP on loopback with its latency percentiles, and the
+// exporter's CPU time and memory on an idle emulated LT board beside the daemon (the length in
+// seconds from XPON_IDLE_SECONDS, default 300).
+
+#include "board_metrics.hpp"
+#include "daemon_rig.hpp"
+#include "xpon/metrics/http_server.hpp"
+#include "xpon/system_mgr/api.h"
+#include "xpon/test/proc_stats.hpp"
+#include "xpon/test/process.hpp"
+
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace xpon::board_view;
+using xpon::system_mgr::test::DaemonRig;
+
+// An LT board as busy as it gets: 16 PON and 8 front modules with diagnostics, five sensors, four
+// fans, two supplies and an alarm per supply.
+BoardModel full_lt_board() {
+  const auto now = Clock::now();
+  ReadState fresh;
+  fresh.updated = now;
+  BoardModel model;
+  model.family = xpon::system_mgr::SYSTEM_MGR_FAMILY_LT;
+  model.product = "Korvan-16GP";
+  model.serial = "LT2311000007";
+  model.fpga_version = 21;
+  model.cpld_version = 7;
+  model.factory_read = model.fpga_read = model.cpld_read = model.ram_read = model.disk_read = fresh;
+  model.ram_total_bytes = 2.0e9;
+  model.ram_free_bytes = 1.2e9;
+  model.disk_total_bytes = 4.0e9;
+  model.disk_free_bytes = 1.4e9;
+  for (std::int32_t id = 0; id < 5; ++id) {
+    model.temperature_limits[id] = {0, 80};
+    model.temperatures.push_back(Temperature{id, 40 + id, 0, 80});
+  }
+  model.temperatures_read = fresh;
+  for (unsigned fan = 1; fan <= 4; ++fan) {
+    model.fans.push_back(Fan{fan, true, false, 6000});
+  }
+  model.fans_read = fresh;
+  model.limits.fan_lower_rpm = 1200;
+  model.limits.fan_upper_rpm = 12000;
+  model.supplies = {Supply{1, true, true, 0}, Supply{2, true, true, 0}};
+  model.supplies_read = fresh;
+  for (const auto& [group, count] : {std::pair{PortGroup::Pon, 16U}, std::pair{PortGroup::Front, 8U}}) {
+    for (std::uint32_t port = 0; port < count; ++port) {
+      SfpModule module;
+      module.group = group;
+      module.port = port;
+      module.state = 1;
+      module.vendor = "XPON-OPTICS";
+      module.part_number = group == PortGroup::Pon ? "GP-SFP-C++" : "SFP-10G-LR";
+      module.serial = "XO23110001" + std::to_string(10 + port);
+      module.revision = "A";
+      module.wavelength_nm = 1490;
+      module.diagnostics = Diagnostics{38.5, 3.3, 0.012, 0.002};
+      module.diagnostics_read = fresh;
+      if (group == PortGroup::Pon) {
+        module.rx_watts = 2.0e-5;
+        module.rx_read = fresh;
+      }
+      model.sfp[{group, port}] = module;
+    }
+  }
+  model.sfp_read = {fresh, fresh};
+  for (std::uint32_t supply = 1; supply <= 2; ++supply) {
+    ActiveAlarm alarm;
+    alarm.alarm_id = xpon::system_mgr::SYSTEM_MGR_ALARM_POWER_SUPPLY;
+    alarm.instance = supply;
+    alarm.text = "Power supply " + std::to_string(supply) + " is missing voltage";
+    alarm.raised = alarm.last_seen = now;
+    model.alarms[{alarm.alarm_id, alarm.instance}] = alarm;
+  }
+  return model;
+}
+
+void BM_PageOfAFullLtBoard(benchmark::State& state) {
+  const BoardModel model = full_lt_board();
+  std::size_t bytes = 0;
+  for (auto _ : state) {
+    const auto page = xpon::metrics::render(xpon::exporter::board_metrics(model, BoardViewStats{}));
+    bytes = page.size();
+    benchmark::DoNotOptimize(page.data());
+  }
+  state.counters["page_bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(BM_PageOfAFullLtBoard)->Unit(benchmark::kMicrosecond);
+
+// One GET /metrics over a fresh TCP connection, read to the server's close; the page's size or 0.
+std::size_t scrape(std::uint16_t port) {
+  const int socket_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::size_t received = 0;
+  if (::connect(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    static const std::string request = "GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    if (::send(socket_fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+      std::vector<char> buffer(64 * 1024);
+      ssize_t got = 0;
+      while ((got = ::recv(socket_fd, buffer.data(), buffer.size(), 0)) > 0) {
+        received += static_cast<std::size_t>(got);
+      }
+    }
+  }
+  ::close(socket_fd);
+  return received;
+}
+
+void BM_ScrapeOverHttp(benchmark::State& state) {
+  const BoardModel model = full_lt_board();
+  auto server = xpon::metrics::HttpServer::start({}, [&model](std::string_view, std::string_view) {
+    return xpon::metrics::HttpAnswer{200, std::string(xpon::metrics::kExpositionContentType),
+                                     xpon::metrics::render(xpon::exporter::board_metrics(model, BoardViewStats{}))};
+  });
+  if (!server) {
+    state.SkipWithError(server.error().to_string().c_str());
+    return;
+  }
+  const std::uint16_t port = server.value()->port();
+  std::vector<double> latencies;
+  for (auto _ : state) {
+    const auto start = std::chrono::steady_clock::now();
+    if (scrape(port) == 0) {
+      state.SkipWithError("a scrape got nothing");
+      return;
+    }
+    latencies.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+  }
+  std::sort(latencies.begin(), latencies.end());
+  const auto at = [&](double share) {
+    return latencies[std::min(latencies.size() - 1,
+                              static_cast<std::size_t>(share * static_cast<double>(latencies.size())))];
+  };
+  state.counters["p50_us"] = at(0.50);
+  state.counters["p99_us"] = at(0.99);
+  state.counters["max_us"] = latencies.back();
+}
+BENCHMARK(BM_ScrapeOverHttp)->Unit(benchmark::kMicrosecond);
+
+void BM_IdleExporter(benchmark::State& state) {
+  const char* configured = std::getenv("XPON_IDLE_SECONDS");
+  const int seconds = configured != nullptr ? std::atoi(configured) : 300;
+  DaemonRig rig;
+  std::string skip;
+  std::string error = rig.start_bus();
+  if (error.empty()) {
+    error = rig.start_emulator("board-lt.json", skip);
+  }
+  if (error.empty() && skip.empty()) {
+    error = rig.make_factory_image("Korvan-16GP");
+  }
+  if (!skip.empty() || !error.empty()) {
+    state.SkipWithError((skip + error).c_str());
+    return;
+  }
+  rig.write_log_config(xpon::system_mgr::test::kDebugToStderr);
+  rig.start_daemon();
+  if (!rig.wait_until_settled(1, 10s)) {
+    state.SkipWithError(("the daemon did not settle: " + rig.daemon_log()).c_str());
+    return;
+  }
+  // The exporter as its unit runs it: a round every 10 s. A scrape every 15 s, as Prometheus's default.
+  xpon::test::Process exporter({XPON_EXPORTER_PROGRAM, "--listen", "127.0.0.1:0"}, {"XPON_ROOT=" + rig.root()}, "",
+                               rig.path("/exporter.log"));
+  const std::regex serving(R"(Serving metrics at http://127\.0\.0\.1:([0-9]+)/metrics)");
+  std::smatch match;
+  std::string log;
+  for (int tries = 0; tries < 100 && !std::regex_search(log, match, serving); ++tries) {
+    std::this_thread::sleep_for(100ms);
+    log = xpon::test::read_text_file(rig.path("/exporter.log"));
+  }
+  if (match.empty()) {
+    state.SkipWithError(("the exporter did not start: " + log).c_str());
+    return;
+  }
+  const auto port = static_cast<std::uint16_t>(std::stoi(match[1]));
+  std::this_thread::sleep_for(1s);  // its first round
+  const pid_t daemon = rig.daemon().pid();
+  double exporter_cpu = 0;
+  double daemon_cpu = 0;
+  for (auto _ : state) {
+    const double exporter_before = xpon::test::cpu_seconds(exporter.pid());
+    const double daemon_before = xpon::test::cpu_seconds(daemon);
+    for (int elapsed = 0; elapsed < seconds; elapsed += 15) {
+      (void)scrape(port);
+      std::this_thread::sleep_for(std::chrono::seconds(std::min(15, seconds - elapsed)));
+    }
+    exporter_cpu = xpon::test::cpu_seconds(exporter.pid()) - exporter_before;
+    daemon_cpu = xpon::test::cpu_seconds(daemon) - daemon_before;
+  }
+  state.counters["seconds"] = seconds;
+  state.counters["exporter_core_percent"] = 100.0 * exporter_cpu / seconds;
+  state.counters["daemon_core_percent"] = 100.0 * daemon_cpu / seconds;
+  state.counters["exporter_VmRSS_KiB"] = xpon::test::status_kib(exporter.pid(), "VmRSS");
+  state.counters["exporter_Pss_KiB"] = xpon::test::smaps_rollup_kib(exporter.pid(), "Pss");
+  state.counters["daemon_VmRSS_KiB"] = xpon::test::status_kib(daemon, "VmRSS");
+  state.counters["daemon_Pss_KiB"] = xpon::test::smaps_rollup_kib(daemon, "Pss");
+  exporter.stop(SIGTERM, 5s);
+}
+BENCHMARK(BM_IdleExporter)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
