@@ -24,12 +24,7 @@ using namespace std::chrono_literals;
 using test::Asked;
 using test::bytes_of;
 using test::DaemonStandIn;
-
-ipc::Payload factory_of(std::uint32_t family) {
-  System_mgr__factory factory{};
-  factory.family = family;
-  return bytes_of(factory);
-}
+using test::factory_of;
 
 SfpModuleRecord module_at(std::uint32_t port) {
   SfpModuleRecord record{};
@@ -39,15 +34,7 @@ SfpModuleRecord module_at(std::uint32_t port) {
 }
 
 ipc::Event alarm_event(std::uint8_t state) {
-  Alarm record{};
-  record.state = state;
-  record.alarm_id = SYSTEM_MGR_ALARM_TEMPERATURE;
-  record.instance = 2;
-  ipc::Event event;
-  event.group = IPC_EVENT_ALARM_GROUP;
-  event.id = IPC_EVENT_ALARM_ID;
-  event.payload = bytes_of(record);
-  return event;
+  return test::alarm_event(state, SYSTEM_MGR_ALARM_TEMPERATURE, 2);
 }
 
 class BoardViewTest : public ::testing::Test {

@@ -2,6 +2,7 @@
 // failure or a payload of the wrong size leaves behind.
 #include "xpon/board_view/model.hpp"
 #include "xpon/board/driver_abi.h"
+#include "xpon/board_view/test/daemon_stand_in.hpp"
 #include "xpon/system_mgr/api.h"
 
 #include <gtest/gtest.h>
@@ -19,22 +20,8 @@ using namespace xpon::system_mgr;
 const Clock::time_point kThen = Clock::time_point(std::chrono::seconds(1700000000));
 const Clock::time_point kNow = kThen + std::chrono::seconds(10);
 
-template <typename Record>
-ipc::Payload bytes_of(const Record& record) {
-  ipc::Payload payload(sizeof(Record));
-  std::memcpy(payload.data(), &record, sizeof(Record));
-  return payload;
-}
-
-template <typename Record>
-ipc::Payload bytes_of(const std::vector<Record>& list) {
-  ipc::Payload payload;
-  for (const auto& record : list) {
-    const auto one = bytes_of(record);
-    payload.insert(payload.end(), one.begin(), one.end());
-  }
-  return payload;
-}
+using test::bytes_of;
+using test::module_record;
 
 core::Result<ipc::Response> answered(ipc::Payload payload) {
   ipc::Response response;
@@ -53,24 +40,6 @@ System_mgr__temperature sensor(std::int32_t id, std::int8_t celsius) {
   System_mgr__temperature record{};
   record.id = id;
   record.temperature = celsius;
-  return record;
-}
-
-// A module record as the daemon fills it: the driver's selection of identification fields.
-SfpModuleRecord module_record(std::uint32_t port, const std::string& serial, std::uint8_t state = 1) {
-  SfpModuleRecord record{};
-  record.port = port;
-  record.state = state;
-  const auto put = [&](std::size_t offset, std::size_t length, std::string_view text) {
-    std::memset(record.data + offset, ' ', length);
-    std::memcpy(record.data + offset, text.data(), std::min(length, text.size()));
-  };
-  put(BRD_SFP_ID_VENDOR_NAME, BRD_SFP_ID_TEXT_LENGTH, "XPON-OPTICS");
-  put(BRD_SFP_ID_PART_NUMBER, BRD_SFP_ID_TEXT_LENGTH, "GP-SFP-C");
-  put(BRD_SFP_ID_REVISION, BRD_SFP_ID_REVISION_LENGTH, "A");
-  put(BRD_SFP_ID_SERIAL, BRD_SFP_ID_TEXT_LENGTH, serial);
-  record.data[BRD_SFP_ID_WAVELENGTH] = 0x05;  // 1490 nm, big-endian
-  record.data[BRD_SFP_ID_WAVELENGTH + 1] = 0xD2;
   return record;
 }
 

@@ -8,7 +8,6 @@
 // as its own process. Run by hand, give one test at a time (--gtest_filter).
 #include "subagent.hpp"
 
-#include "xpon/board/driver_abi.h"
 #include "xpon/board_view/board_view.hpp"
 #include "xpon/board_view/test/daemon_stand_in.hpp"
 #include "xpon/system_mgr/api.h"
@@ -42,6 +41,8 @@ using namespace std::chrono_literals;
 using namespace xpon::system_mgr;
 using board_view::test::bytes_of;
 using board_view::test::DaemonStandIn;
+using board_view::test::factory_of;
+using board_view::test::module_record;
 
 const std::string kSnmpd = "/usr/sbin/snmpd";
 const std::string kSnmptrapd = "/usr/sbin/snmptrapd";
@@ -83,29 +84,6 @@ std::size_t count_of(const std::string& text, const std::string& part) {
   return count;
 }
 
-ipc::Payload factory_of(std::uint32_t family) {
-  System_mgr__factory factory{};
-  factory.family = family;
-  return bytes_of(factory);
-}
-
-SfpModuleRecord module_record(std::uint32_t port, const std::string& serial) {
-  SfpModuleRecord record{};
-  record.port = port;
-  record.state = 1;
-  const auto put = [&](std::size_t offset, std::size_t length, const std::string& text) {
-    std::memset(record.data + offset, ' ', length);
-    std::memcpy(record.data + offset, text.data(), std::min(length, text.size()));
-  };
-  put(BRD_SFP_ID_VENDOR_NAME, BRD_SFP_ID_TEXT_LENGTH, "XPON-OPTICS");
-  put(BRD_SFP_ID_PART_NUMBER, BRD_SFP_ID_TEXT_LENGTH, "GP-SFP-C");
-  put(BRD_SFP_ID_REVISION, BRD_SFP_ID_REVISION_LENGTH, "A");
-  put(BRD_SFP_ID_SERIAL, BRD_SFP_ID_TEXT_LENGTH, serial);
-  record.data[BRD_SFP_ID_WAVELENGTH] = 0x05;  // 1490 nm, big-endian
-  record.data[BRD_SFP_ID_WAVELENGTH + 1] = 0xD2;
-  return record;
-}
-
 System_mgr__sfp_eddi_data diagnostics_of(std::uint32_t port) {
   System_mgr__sfp_eddi_data data{};
   data.port = port;
@@ -118,17 +96,7 @@ System_mgr__sfp_eddi_data diagnostics_of(std::uint32_t port) {
 }
 
 ipc::Event alarm_event(std::uint8_t state) {
-  Alarm record{};
-  record.state = state;
-  record.alarm_id = SYSTEM_MGR_ALARM_TEMPERATURE;
-  record.instance = 4;
-  const std::string text = "temperature too high";
-  std::memcpy(record.text, text.data(), text.size());
-  ipc::Event event;
-  event.group = IPC_EVENT_ALARM_GROUP;
-  event.id = IPC_EVENT_ALARM_ID;
-  event.payload = bytes_of(record);
-  return event;
+  return board_view::test::alarm_event(state, SYSTEM_MGR_ALARM_TEMPERATURE, 4, "temperature too high");
 }
 
 class SubagentComponentTest : public ::testing::Test {

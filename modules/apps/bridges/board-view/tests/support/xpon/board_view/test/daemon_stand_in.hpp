@@ -1,16 +1,21 @@
 #pragma once
 
 // A stand-in for the system manager on the bus, for the tests of the board view and of the
-// bridges built on it: answers requests from a table and hands events to the subscribed handlers.
+// bridges built on it: answers requests from a table and hands events to the subscribed handlers;
+// and the records the daemon sends, as bytes.
 
+#include "xpon/board/driver_abi.h"
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/system_mgr/api.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -126,6 +131,47 @@ ipc::Payload bytes_of(const std::vector<Record>& list) {
     payload.insert(payload.end(), one.begin(), one.end());
   }
   return payload;
+}
+
+/// The device factory answer of a board of `family`.
+inline ipc::Payload factory_of(std::uint32_t family) {
+  system_mgr::System_mgr__factory factory{};
+  factory.family = family;
+  return bytes_of(factory);
+}
+
+/// A module record as the daemon fills it: the driver's selection of identification fields
+/// (vendor "XPON-OPTICS", part number "GP-SFP-C", revision "A", 1490 nm).
+inline system_mgr::SfpModuleRecord module_record(std::uint32_t port, std::string_view serial, std::uint8_t state = 1) {
+  system_mgr::SfpModuleRecord record{};
+  record.port = port;
+  record.state = state;
+  const auto put = [&](std::size_t offset, std::size_t length, std::string_view text) {
+    std::memset(record.data + offset, ' ', length);
+    std::memcpy(record.data + offset, text.data(), std::min(length, text.size()));
+  };
+  put(BRD_SFP_ID_VENDOR_NAME, BRD_SFP_ID_TEXT_LENGTH, "XPON-OPTICS");
+  put(BRD_SFP_ID_PART_NUMBER, BRD_SFP_ID_TEXT_LENGTH, "GP-SFP-C");
+  put(BRD_SFP_ID_REVISION, BRD_SFP_ID_REVISION_LENGTH, "A");
+  put(BRD_SFP_ID_SERIAL, BRD_SFP_ID_TEXT_LENGTH, serial);
+  record.data[BRD_SFP_ID_WAVELENGTH] = 0x05;  // 1490 nm, big-endian
+  record.data[BRD_SFP_ID_WAVELENGTH + 1] = 0xD2;
+  return record;
+}
+
+/// The daemon's alarm event: one alarm record in state `state` (raised or back to normal).
+inline ipc::Event alarm_event(std::uint8_t state, std::uint32_t alarm_id, std::uint32_t instance,
+                              std::string_view text = {}) {
+  system_mgr::Alarm record{};
+  record.state = state;
+  record.alarm_id = alarm_id;
+  record.instance = instance;
+  std::memcpy(record.text, text.data(), std::min(text.size(), sizeof(record.text) - 1));
+  ipc::Event event;
+  event.group = system_mgr::IPC_EVENT_ALARM_GROUP;
+  event.id = system_mgr::IPC_EVENT_ALARM_ID;
+  event.payload = bytes_of(record);
+  return event;
 }
 
 }  // namespace xpon::board_view::test
