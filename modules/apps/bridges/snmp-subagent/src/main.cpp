@@ -6,16 +6,14 @@
 #include "xpon/board_view/board_view.hpp"
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/logger/logger.hpp"
 
-#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace {
@@ -26,27 +24,6 @@ constexpr const char* kProgram = "xpon-snmp-subagent";
 // The subagent's own endpoint: the first free application id of this range.
 constexpr std::uint16_t kFirstApplication = 0xFD10;
 constexpr std::uint16_t kLastApplication = 0xFD1F;
-
-/// Writes "<program>: <level>: <text>" lines to standard error (the journal under systemd).
-class StderrLogger : public logger::ILogger {
- public:
-  explicit StderrLogger(int minimum_level) : minimum_level_(minimum_level) {}
-
-  void log(int level, std::string_view text, const std::source_location& /*location*/) override {
-    if (level < minimum_level_) {
-      return;
-    }
-    static constexpr const char* kNames[] = {"progress", "info", "notice", "warning", "error", "critical"};
-    const char* name = level >= 0 && level <= logger::kCritical ? kNames[level] : "log";
-    std::lock_guard lock(mutex_);
-    fmt::print(stderr, "{}: {}: {}\n", kProgram, name, text);
-    std::fflush(stderr);
-  }
-
- private:
-  std::mutex mutex_;
-  int minimum_level_;
-};
 
 snmp_subagent::Subagent* stopping_target = nullptr;
 
@@ -80,10 +57,12 @@ int main(int argc, char** argv) {
   sigaddset(&stop_signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-  auto log = std::make_shared<StderrLogger>(line.verbose ? logger::kProgress : logger::kInfo);
+  // Without a logging context the lines go to standard error (the journal under systemd).
+  auto log = std::make_shared<logger::Logger>("XPON-SNMP-SUBAGENT");
   try {
     ipc::ZmqIpcOptions ipc_options;
-    ipc_options.delivery_threads = 1;
+    ipc_options.logger = log;
+    ipc_options.delivery_threads = 1;  // alarm records must be taken in the order they were sent
     auto endpoint = ipc::make_zmq_endpoint_in_range(kFirstApplication, kLastApplication, kProgram, ipc_options);
     std::shared_ptr<cfgdb::CfgDbWrapper> database;
     try {

@@ -53,7 +53,6 @@ void add_options(CLI::App& app, CommandLine& line) {
                  "Seconds between pings of the master agent; a lost master is reconnected at this pace")
       ->capture_default_str()
       ->check(CLI::Range(1U, 3600U));
-  app.add_flag("--verbose", line.verbose, "Log progress lines too");
 }
 
 Options to_options(const CommandLine& line) {

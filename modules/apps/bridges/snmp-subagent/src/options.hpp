@@ -19,7 +19,6 @@ struct CommandLine {
   unsigned period_ms = 10000;
   unsigned refresh_ms = 500;
   unsigned ping_interval = 5;
-  bool verbose = false;
 };
 
 /// What main needs: the subagent's options and the view's period.

@@ -170,12 +170,14 @@ void Subagent::connected(bool now_connected) {
   if (connected_ == now_connected) {
     return;
   }
+  const auto socket =
+      options_.agentx_socket.empty() ? std::string("net-snmp's default AgentX socket") : options_.agentx_socket;
   if (now_connected) {
-    logger_->logf(
-        logger::kNotice, "registered with the master agent at {}",
-        options_.agentx_socket.empty() ? std::string("net-snmp's default AgentX socket") : options_.agentx_socket);
-  } else {
+    logger_->logf(logger::kNotice, "registered with the master agent at {}", socket);
+  } else if (connected_) {
     logger_->warning("lost the master agent; trying again every {} s", options_.ping_interval);
+  } else {
+    logger_->warning("no master agent at {} yet; trying again every {} s", socket, options_.ping_interval);
   }
   connected_ = now_connected;
 }
@@ -297,7 +299,7 @@ bool Subagent::run() {
   snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, on_index_stop, this, 1);
   snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, on_log, logger_.get(), 1);
   snmp_shutdown(options_.name.c_str());
-  // Frees the registrations and lets init_agent() run again (tests start one subagent after another).
+  // Frees the registrations, whose handlers point into this object.
   shutdown_agent();
   return true;
 }
