@@ -116,7 +116,7 @@ std::size_t scrape(std::uint16_t port) {
   if (::connect(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
     static const std::string request = "GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
     if (::send(socket_fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
-      std::vector<char> buffer(64 * 1024);
+      std::vector<char> buffer(std::size_t{64} * 1024);
       ssize_t got = 0;
       while ((got = ::recv(socket_fd, buffer.data(), buffer.size(), 0)) > 0) {
         received += static_cast<std::size_t>(got);
