@@ -88,13 +88,14 @@ PhysicalEntity sensor_entity(std::int32_t index, std::string description, std::i
 }
 
 std::string units_display(const SensorReading& reading) {
+  const char* prefix = reading.scale == SensorScale::Micro ? "u" : reading.scale == SensorScale::Milli ? "m" : "";
   switch (reading.type) {
     case SensorType::VoltsDc:
-      return reading.scale == SensorScale::Milli ? "mV" : "V";
+      return std::string(prefix) + "V";
     case SensorType::Amperes:
-      return reading.scale == SensorScale::Milli ? "mA" : "A";
+      return std::string(prefix) + "A";
     case SensorType::Watts:
-      return reading.scale == SensorScale::Micro ? "uW" : "W";
+      return std::string(prefix) + "W";
     case SensorType::Celsius:
       return "C";
     case SensorType::Rpm:

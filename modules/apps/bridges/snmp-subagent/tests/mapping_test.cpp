@@ -183,6 +183,13 @@ TEST(PhysicalEntitiesTest, AnFcBoardShowsTheCratesModules) {
                                                              SensorStatus::Unavailable, std::nullopt}));
   EXPECT_EQ(entity_at(entities, 5003).sensor->value, 2500);
   EXPECT_EQ(entity_at(entities, 5005).sensor->value, 31);
+  const auto rows = sensor_rows(entities, kOrigin, 10s);
+  const auto units = [&](std::uint32_t index) { return rows.at(Oid{1, 3, 6, 1, 2, 1, 99, 1, 1, 1, 6, index}); };
+  EXPECT_EQ(units(5001), octet_string("mV"));
+  EXPECT_EQ(units(5003), octet_string("mA"));
+  EXPECT_EQ(units(5004), octet_string("mW"));
+  EXPECT_EQ(units(5005), octet_string("C"));
+  EXPECT_EQ(units(4101), octet_string("rpm"));
 }
 
 TEST(RowsTest, EntPhysicalTableRowsCarryEveryColumnWithItsType) {

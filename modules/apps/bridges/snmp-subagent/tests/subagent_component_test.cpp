@@ -3,7 +3,7 @@
 // trap sink) are started by the test; snmpget and snmpwalk ask, and what they print is checked
 // exactly.
 //
-// net-snmp opens the AgentX session of a subagent once per process (its subagent_init() runs
+// net-snmp opens the AgentX connection of a subagent once per process (its subagent_init() runs
 // once), so each test here starts the subagent in a process of its own: ctest runs every test
 // as its own process. Run by hand, give one test at a time (--gtest_filter).
 #include "subagent.hpp"
@@ -343,7 +343,7 @@ TEST_F(SubagentComponentTest, AnAlarmRaisedOverSeveralPeriodsIsOneRowAndOneNotif
   ASSERT_TRUE(test::wait_until([&] { return count_of(traps(), clear) >= 1; }, 10s)) << traps();
   EXPECT_TRUE(test::wait_until(
       [&] { return walk("1.3.6.1.2.1.118.1.2.2").find(".1.3.6.1.2.1.118.1.2.2.1") == std::string::npos; }, 5s, 20ms));
-  // Notifications leave in order over one session: a second alarmActiveState would have come first.
+  // Notifications leave in order over one connection: a second alarmActiveState would have come first.
   EXPECT_EQ(count_of(traps(), active), 1U) << traps();
   EXPECT_EQ(count_of(traps(), clear), 1U) << traps();
 }
