@@ -6,6 +6,7 @@
 // net-snmp opens the AgentX connection of a subagent once per process (its subagent_init() runs
 // once), so each test here starts the subagent in a process of its own: ctest runs every test
 // as its own process. Run by hand, give one test at a time (--gtest_filter).
+#include "snmp_sandbox.hpp"
 #include "subagent.hpp"
 
 #include "xpon/board_view/board_view.hpp"
@@ -44,46 +45,6 @@ using board_view::test::DaemonStandIn;
 using board_view::test::factory_of;
 using board_view::test::module_record;
 
-const std::string kSnmpd = "/usr/sbin/snmpd";
-const std::string kSnmptrapd = "/usr/sbin/snmptrapd";
-const std::string kSnmpget = "/usr/bin/snmpget";
-const std::string kSnmpwalk = "/usr/bin/snmpwalk";
-
-std::string missing_programs() {
-  std::string missing;
-  for (const auto* program : {&kSnmpd, &kSnmptrapd, &kSnmpget, &kSnmpwalk}) {
-    if (access(program->c_str(), X_OK) != 0) {
-      missing += (missing.empty() ? "" : ", ") + *program;
-    }
-  }
-  return missing.empty() ? std::string() : "not installed (packages snmpd, snmptrapd, snmp): " + missing;
-}
-
-// A UDP port of loopback that nothing uses now.
-std::uint16_t free_udp_port() {
-  const int socket_fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets API takes sockaddr
-  auto* generic = reinterpret_cast<sockaddr*>(&address);
-  if (socket_fd < 0 || ::bind(socket_fd, generic, sizeof(address)) != 0 ||
-      ::getsockname(socket_fd, generic, &length) != 0) {
-    throw std::runtime_error("no free UDP port");
-  }
-  ::close(socket_fd);
-  return ntohs(address.sin_port);
-}
-
-std::size_t count_of(const std::string& text, const std::string& part) {
-  std::size_t count = 0;
-  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
-
 System_mgr__sfp_eddi_data diagnostics_of(std::uint32_t port) {
   System_mgr__sfp_eddi_data data{};
   data.port = port;
@@ -103,30 +64,7 @@ class SubagentComponentTest : public ::testing::Test {
  protected:
   void SetUp() override {
     XPON_SKIP_OR_FAIL_IN_CI(missing_programs());
-    std::filesystem::create_directories(dir_.file("mibs"));
-    std::filesystem::create_directories(dir_.file("conf"));
-    std::filesystem::create_directories(dir_.file("persistent"));
-    // Nothing of the host's net-snmp configuration or MIB files: numeric OIDs only.
-    environment_ = {"MIBS=", "MIBDIRS=" + dir_.file("mibs"), "SNMPCONFPATH=" + dir_.file("conf"),
-                    "SNMP_PERSISTENT_DIR=" + dir_.file("persistent")};
-    for (const auto& setting : environment_) {
-      const auto equals = setting.find('=');
-      scoped_.push_back(std::make_unique<test::ScopedEnv>(setting.substr(0, equals), setting.substr(equals + 1)));
-    }
-    agent_port_ = free_udp_port();
-    trap_port_ = free_udp_port();
-    dir_.write("snmpd.conf", "agentAddress udp:127.0.0.1:" + std::to_string(agent_port_) +
-                                 "\nmaster agentx\nagentXSocket " + socket_path() +
-                                 "\nrocommunity public 127.0.0.1\ntrap2sink 127.0.0.1:" + std::to_string(trap_port_) +
-                                 " public\n");
-    dir_.write("snmptrapd.conf", "disableAuthorization yes\n");
-    trapd_ = std::make_unique<test::Process>(
-        std::vector<std::string>{kSnmptrapd, "-f", "-Lo", "-On", "-C", "-c", dir_.file("snmptrapd.conf"), "-F",
-                                 "TRAP %v\\n", "127.0.0.1:" + std::to_string(trap_port_)},
-        environment_, dir_.file("traps.log"), dir_.file("snmptrapd.errors"));
-    ASSERT_TRUE(test::wait_until([&] { return traps().find("NET-SNMP version") != std::string::npos; }, 10s))
-        << traps();
-    ASSERT_NO_FATAL_FAILURE(start_snmpd());
+    ASSERT_NO_FATAL_FAILURE(snmp_.start());
 
     daemon_->answer(IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, factory_of(SYSTEM_MGR_FAMILY_LT));
     System_mgr__temperature sensor{};
@@ -145,40 +83,21 @@ class SubagentComponentTest : public ::testing::Test {
     daemon_->answer(IPC_SYSTEM_MGR__GET_P_PORT_RX_POWER, bytes_of(rx), 3U);
   }
 
-  void TearDown() override {
-    stop_subagent();
-    if (snmpd_) {
-      snmpd_->stop(SIGTERM, 5s);
-    }
-    if (trapd_) {
-      trapd_->stop(SIGTERM, 5s);
-    }
-  }
-
-  [[nodiscard]] std::string socket_path() const { return dir_.file("agentx"); }
-
-  void start_snmpd() {
-    snmpd_ =
-        std::make_unique<test::Process>(std::vector<std::string>{kSnmpd, "-f", "-Lo", "-C", "-c",
-                                                                 dir_.file("snmpd.conf"), "-p", dir_.file("snmpd.pid")},
-                                        environment_, dir_.file("snmpd.log"), dir_.file("snmpd.errors"));
-    ASSERT_TRUE(
-        test::wait_until([&] { return get({"1.3.6.1.2.1.1.3.0"}).find("Timeticks") != std::string::npos; }, 10s, 20ms))
-        << test::read_text_file(dir_.file("snmpd.log")) << test::read_text_file(dir_.file("snmpd.errors"));
-  }
+  void TearDown() override { stop_subagent(); }
 
   void start_subagent() {
     static bool started_in_this_process = false;
     if (started_in_this_process) {
-      GTEST_SKIP() << "net-snmp starts one AgentX subagent per process: run this test on its own "
-                      "(ctest runs each test as a process of its own)";
+      // ctest runs each test as a process of its own, so this is seen only when run by hand.
+      XPON_SKIP_OR_FAIL_IN_CI(
+          "net-snmp starts one AgentX subagent per process: run this test on its own (--gtest_filter)");
     }
     started_in_this_process = true;
     board_view::BoardViewOptions view_options;
     view_options.period = 200ms;
     view_ = std::make_unique<board_view::BoardView>(daemon_, nullptr, log_, view_options);
     SubagentOptions options;
-    options.agentx_socket = socket_path();
+    options.agentx_socket = snmp_.agentx_socket();
     options.refresh = 100ms;
     options.update_rate = view_options.period;
     options.ping_interval = 1;
@@ -205,21 +124,9 @@ class SubagentComponentTest : public ::testing::Test {
     }
   }
 
-  std::string get(const std::vector<std::string>& oids) {
-    std::vector<std::string> argv{kSnmpget, "-v2c", "-c", "public", "-On",
-                                  "-t",     "0.5",  "-r", "0",      "127.0.0.1:" + std::to_string(agent_port_)};
-    argv.insert(argv.end(), oids.begin(), oids.end());
-    return test::run_program(argv, environment_, 10s).output;
-  }
-
-  std::string walk(const std::string& oid) {
-    return test::run_program({kSnmpwalk, "-v2c", "-c", "public", "-On", "-t", "0.5", "-r", "0",
-                              "127.0.0.1:" + std::to_string(agent_port_), oid},
-                             environment_, 20s)
-        .output;
-  }
-
-  std::string traps() { return test::read_text_file(dir_.file("traps.log")); }
+  std::string get(const std::vector<std::string>& oids) { return snmp_.get(oids); }
+  std::string walk(const std::string& oid) { return snmp_.walk(oid); }
+  std::string traps() { return snmp_.traps(); }
 
   bool log_has(const std::string& text) {
     const auto lines = log_->lines();
@@ -227,13 +134,7 @@ class SubagentComponentTest : public ::testing::Test {
                        [&](const auto& line) { return line.text.find(text) != std::string::npos; });
   }
 
-  test::TempDir dir_{"xpon-snmp"};
-  std::vector<std::string> environment_;
-  std::vector<std::unique_ptr<test::ScopedEnv>> scoped_;
-  std::uint16_t agent_port_ = 0;
-  std::uint16_t trap_port_ = 0;
-  std::unique_ptr<test::Process> trapd_;
-  std::unique_ptr<test::Process> snmpd_;
+  SnmpSandbox snmp_;
   std::shared_ptr<DaemonStandIn> daemon_ = std::make_shared<DaemonStandIn>();
   std::shared_ptr<test::RecordingLogger> log_ = std::make_shared<test::RecordingLogger>();
   std::unique_ptr<board_view::BoardView> view_;
@@ -396,9 +297,9 @@ TEST_F(SubagentComponentTest, AfterSnmpdRestartsTheSubagentRegistersAgainAndWalk
   const auto before = walk("1.3.6.1.2.1.47.1.1.1.1.2");
   ASSERT_NE(before.find(".11003 = STRING"), std::string::npos) << before;
 
-  ASSERT_TRUE(snmpd_->stop(SIGTERM, 5s).exited_with(0));
+  ASSERT_TRUE(snmp_.stop_snmpd());
   EXPECT_TRUE(test::wait_until([&] { return log_has("lost the master agent"); }, 10s));
-  ASSERT_NO_FATAL_FAILURE(start_snmpd());
+  ASSERT_NO_FATAL_FAILURE(snmp_.start_snmpd());
   EXPECT_TRUE(test::wait_until([&] { return walk("1.3.6.1.2.1.47.1.1.1.1.2") == before; }, 15s, 50ms))
       << walk("1.3.6.1.2.1.47.1.1.1.1.2");
   EXPECT_TRUE(test::wait_until(
