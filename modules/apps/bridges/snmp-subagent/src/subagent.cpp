@@ -133,6 +133,16 @@ int on_log(int /*major*/, int /*minor*/, void* server, void* logger) {
   return 0;
 }
 
+// The model as the rows use it: the times of the daemon's repeated reports of a raised alarm are
+// not served, so a report that changes nothing else leaves the model equal to the last one.
+board_view::BoardModel served(board_view::BoardModel model) {
+  model.alarms_updated.reset();
+  for (auto& [key, alarm] : model.alarms) {
+    alarm.last_seen = alarm.raised;
+  }
+  return model;
+}
+
 netsnmp_variable_list* to_varlist(const std::vector<Varbind>& varbinds) {
   netsnmp_variable_list* list = nullptr;
   for (const auto& varbind : varbinds) {
@@ -216,7 +226,14 @@ void Subagent::refresh() {
     }
   }
 
-  model_ = snapshot_();
+  auto fresh = served(snapshot_());
+  // The view changes the model once a round (or on an event): until then the rows stand. The
+  // transitions above have moved the alarm indexes, so they always rebuild.
+  if (built_ && transitions.empty() && fresh == model_) {
+    return;
+  }
+  model_ = std::move(fresh);
+  built_ = true;
   for (const auto& [key, module] : model_.sfp) {
     cages_.insert(key);
   }

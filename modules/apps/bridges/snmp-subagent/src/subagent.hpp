@@ -90,6 +90,7 @@ class Subagent {
   Subtree alarm_last_changed_;
   Subtree board_mib_;
   board_view::BoardModel model_;
+  bool built_ = false;  // the rows have been built from model_ at least once
   std::set<SfpKey> cages_;
   AlarmIndexes alarm_indexes_;
   std::uint32_t entities_changed_ = 0;

@@ -14,8 +14,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
@@ -32,12 +30,13 @@ inline const std::string kSnmpd = "/usr/sbin/snmpd";
 inline const std::string kSnmptrapd = "/usr/sbin/snmptrapd";
 inline const std::string kSnmpget = "/usr/bin/snmpget";
 inline const std::string kSnmpwalk = "/usr/bin/snmpwalk";
+inline const std::string kSnmpbulkwalk = "/usr/bin/snmpbulkwalk";
 
 /// What of Debian's net-snmp programs is missing, as a reason to skip (outside CI) or fail; empty
 /// when all are there.
 inline std::string missing_programs() {
   std::string missing;
-  for (const auto* program : {&kSnmpd, &kSnmptrapd, &kSnmpget, &kSnmpwalk}) {
+  for (const auto* program : {&kSnmpd, &kSnmptrapd, &kSnmpget, &kSnmpwalk, &kSnmpbulkwalk}) {
     if (access(program->c_str(), X_OK) != 0) {
       missing += (missing.empty() ? "" : ", ") + *program;
     }
@@ -88,10 +87,9 @@ class SnmpSandbox {
   SnmpSandbox(SnmpSandbox&&) = delete;
   SnmpSandbox& operator=(SnmpSandbox&&) = delete;
 
-  /// Writes the configurations, sets the net-snmp variables of this process (the subagent in the
-  /// test process reads them too), starts snmptrapd, then snmpd; fatal failures when either does
-  /// not come up.
-  void start() {
+  /// Writes the configurations, sets the net-snmp variables of this process (a subagent in this
+  /// process reads them too), starts snmptrapd, then snmpd; what went wrong, or empty.
+  [[nodiscard]] std::string start() {
     std::filesystem::create_directories(dir_.file("mibs"));
     std::filesystem::create_directories(dir_.file("conf"));
     std::filesystem::create_directories(dir_.file("persistent"));
@@ -112,20 +110,24 @@ class SnmpSandbox {
         std::vector<std::string>{kSnmptrapd, "-f", "-Lo", "-On", "-C", "-c", dir_.file("snmptrapd.conf"), "-F",
                                  "TRAP %v\\n", "127.0.0.1:" + std::to_string(trap_port_)},
         environment_, dir_.file("traps.log"), dir_.file("snmptrapd.errors"));
-    ASSERT_TRUE(test::wait_until([&] { return traps().find("NET-SNMP version") != std::string::npos; }, 10s))
-        << traps();
-    ASSERT_NO_FATAL_FAILURE(start_snmpd());
+    if (!test::wait_until([&] { return traps().find("NET-SNMP version") != std::string::npos; }, 10s)) {
+      return "snmptrapd did not start: " + traps() + test::read_text_file(dir_.file("snmptrapd.errors"));
+    }
+    return start_snmpd();
   }
 
-  /// Starts snmpd (again) and waits until it answers.
-  void start_snmpd() {
+  /// Starts snmpd (again) and waits until it answers; what went wrong, or empty.
+  [[nodiscard]] std::string start_snmpd() {
     snmpd_ =
         std::make_unique<test::Process>(std::vector<std::string>{kSnmpd, "-f", "-Lo", "-C", "-c",
                                                                  dir_.file("snmpd.conf"), "-p", dir_.file("snmpd.pid")},
                                         environment_, dir_.file("snmpd.log"), dir_.file("snmpd.errors"));
-    ASSERT_TRUE(
-        test::wait_until([&] { return get({"1.3.6.1.2.1.1.3.0"}).find("Timeticks") != std::string::npos; }, 10s, 20ms))
-        << test::read_text_file(dir_.file("snmpd.log")) << test::read_text_file(dir_.file("snmpd.errors"));
+    if (!test::wait_until([&] { return get({"1.3.6.1.2.1.1.3.0"}).find("Timeticks") != std::string::npos; }, 10s,
+                          20ms)) {
+      return "snmpd does not answer: " + test::read_text_file(dir_.file("snmpd.log")) +
+             test::read_text_file(dir_.file("snmpd.errors"));
+    }
+    return {};
   }
 
   /// Stops snmpd; true when it ended with status 0 (or was not running).
@@ -137,6 +139,9 @@ class SnmpSandbox {
     snmpd_.reset();
     return clean;
   }
+
+  /// The UDP port of loopback snmpd answers on.
+  [[nodiscard]] std::uint16_t agent_port() const { return agent_port_; }
 
   /// The AgentX socket snmpd listens on.
   [[nodiscard]] std::string agentx_socket() const { return dir_.file("agentx"); }
@@ -150,6 +155,14 @@ class SnmpSandbox {
                                   "-t",     "0.5",  "-r", "0",      "127.0.0.1:" + std::to_string(agent_port_)};
     argv.insert(argv.end(), oids.begin(), oids.end());
     return test::run_program(argv, environment_, 10s).output;
+  }
+
+  /// snmpbulkwalk -On of the subtree, 25 rows a request: what it printed.
+  std::string bulk_walk(const std::string& oid) {
+    return test::run_program({kSnmpbulkwalk, "-v2c", "-c", "public", "-On", "-Cr25", "-t", "0.5", "-r", "0",
+                              "127.0.0.1:" + std::to_string(agent_port_), oid},
+                             environment_, 20s)
+        .output;
   }
 
   /// snmpwalk -On of the subtree: what it printed.

@@ -28,6 +28,7 @@ struct ReadState {
   std::optional<Clock::time_point> updated;  ///< the last successful read; none yet: never read
   bool failed = false;                       ///< the last read failed (error answer, bad payload, no answer)
   std::string error;                         ///< why the last read failed; empty after a success
+  friend bool operator==(const ReadState&, const ReadState&) = default;
 };
 
 /// One temperature sensor, in the driver's order.
@@ -36,6 +37,7 @@ struct Temperature {
   int celsius = 0;
   std::optional<int> lower_limit;  ///< from the configuration database, when it has the sensor
   std::optional<int> upper_limit;
+  friend bool operator==(const Temperature&, const Temperature&) = default;
 };
 
 /// One fan of the board (LT), numbered from 1.
@@ -44,6 +46,7 @@ struct Fan {
   bool present = false;
   bool fault = false;
   unsigned rpm = 0;
+  friend bool operator==(const Fan&, const Fan&) = default;
 };
 
 /// One power supply of the board (LT), numbered from 1. The daemon copies only part of each
@@ -53,6 +56,7 @@ struct Supply {
   bool present = false;
   bool power_good = false;
   std::uint8_t alert = 0;
+  friend bool operator==(const Supply&, const Supply&) = default;
 };
 
 /// The crate's fan module as an FC board sees it.
@@ -64,6 +68,7 @@ struct FanModule {
   std::string product;  ///< identification; empty until the factory answer came
   std::string serial;
   std::string revision;
+  friend bool operator==(const FanModule&, const FanModule&) = default;
 };
 
 /// The crate's power module as an FC board sees it, in base units.
@@ -77,6 +82,7 @@ struct PowerModule {
   double output_amperes = 0;
   double output_watts = 0;
   int celsius = 0;
+  friend bool operator==(const PowerModule&, const PowerModule&) = default;
 };
 
 /// The two groups of SFP cages: PON ports (P) and front ports (F).
@@ -91,6 +97,7 @@ struct Diagnostics {
   double volts = 0;
   double bias_amperes = 0;
   double tx_watts = 0;
+  friend bool operator==(const Diagnostics&, const Diagnostics&) = default;
 };
 
 /// One plugged SFP module.
@@ -107,6 +114,7 @@ struct SfpModule {
   ReadState diagnostics_read;
   std::optional<double> rx_watts;  ///< PON ports only
   ReadState rx_read;
+  friend bool operator==(const SfpModule&, const SfpModule&) = default;
 };
 
 /// One alarm the daemon reports as raised, keyed by (alarm id, instance).
@@ -117,6 +125,7 @@ struct ActiveAlarm {
   std::string text;
   Clock::time_point raised;     ///< when this bridge first saw it raised
   Clock::time_point last_seen;  ///< the daemon's latest report of it
+  friend bool operator==(const ActiveAlarm&, const ActiveAlarm&) = default;
 };
 
 /// A change of an alarm's state as the bridges see it: the daemon reports every alarm again each
@@ -124,6 +133,7 @@ struct ActiveAlarm {
 struct AlarmTransition {
   bool raised = false;  ///< true: raised now; false: back to normal
   ActiveAlarm alarm;    ///< for a clear, the alarm as it was while raised, with the clearing report's values
+  friend bool operator==(const AlarmTransition&, const AlarmTransition&) = default;
 };
 
 /// The configuration database's limits that the readings are judged by.
@@ -133,12 +143,15 @@ struct Limits {
   std::optional<unsigned> ram_free_percent;   ///< lowest acceptable free share of RAM
   std::optional<unsigned> disk_free_percent;  ///< lowest acceptable free share of each partition
   std::optional<double> load_average;         ///< load average at or above which the alarm is raised
+  friend bool operator==(const Limits&, const Limits&) = default;
 };
 
 using SfpKey = std::pair<PortGroup, std::uint32_t>;
 using AlarmKey = std::pair<std::uint32_t, std::uint32_t>;
 
-/// Everything known of one board.
+/// Everything known of one board. Two models compare equal when every reading, read state, module,
+/// alarm and limit is the same: a reader that rebuilds something from the model can skip an
+/// unchanged one.
 struct BoardModel {
   std::optional<std::uint32_t> family;  ///< System_mgr__device_family, from the device factory answer
   std::string product;                  ///< the device factory data's product name
@@ -181,6 +194,7 @@ struct BoardModel {
   /// Per sensor id: (lower, upper) in degrees Celsius.
   std::map<std::int32_t, std::pair<int, int>> temperature_limits;
   ReadState limits_read;
+  friend bool operator==(const BoardModel&, const BoardModel&) = default;
 };
 
 /// Takes one answer (or the failure to get one) to request `id` into the model. Answers to
