@@ -103,21 +103,9 @@ void BM_IdleExporter(benchmark::State& state) {
   const int seconds = configured != nullptr ? std::atoi(configured) : 300;
   DaemonRig rig;
   std::string skip;
-  std::string error = rig.start_bus();
-  if (error.empty()) {
-    error = rig.start_emulator("board-lt.json", skip);
-  }
-  if (error.empty() && skip.empty()) {
-    error = rig.make_factory_image("Korvan-16GP");
-  }
-  if (!skip.empty() || !error.empty()) {
+  if (const auto error = rig.start_settled_board("board-lt.json", "Korvan-16GP", skip);
+      !skip.empty() || !error.empty()) {
     state.SkipWithError((skip + error).c_str());
-    return;
-  }
-  rig.write_log_config(xpon::system_mgr::test::kDebugToStderr);
-  rig.start_daemon();
-  if (!rig.wait_until_settled(1, 10s)) {
-    state.SkipWithError(("the daemon did not settle: " + rig.daemon_log()).c_str());
     return;
   }
   // The exporter as its unit runs it: a round every 10 s. A scrape every 15 s, as Prometheus's default.

@@ -47,20 +47,8 @@ class Board {
       return missing;
     }
     std::string skip;
-    std::string error = rig_.start_bus();
-    if (error.empty()) {
-      error = rig_.start_emulator("board-lt.json", skip);
-    }
-    if (error.empty() && skip.empty()) {
-      error = rig_.make_factory_image("Korvan-16GP");
-    }
-    if (!skip.empty() || !error.empty()) {
+    if (auto error = rig_.start_settled_board("board-lt.json", "Korvan-16GP", skip); !skip.empty() || !error.empty()) {
       return skip + error;
-    }
-    rig_.write_log_config(xpon::system_mgr::test::kDebugToStderr);
-    rig_.start_daemon();
-    if (!rig_.wait_until_settled(1, 10s)) {
-      return "the daemon did not settle: " + rig_.daemon_log();
     }
     if (auto filled = fill_every_cage(); !filled.empty()) {
       return filled;

@@ -109,21 +109,9 @@ void BM_IdleDaemonCpu(benchmark::State& state) {
   const int seconds = configured != nullptr ? std::atoi(configured) : 300;
   DaemonRig rig;
   std::string skip;
-  std::string error = rig.start_bus();
-  if (error.empty()) {
-    error = rig.start_emulator("board-lt.json", skip);
-  }
-  if (error.empty() && skip.empty()) {
-    error = rig.make_factory_image("Korvan-16GP");
-  }
-  if (!skip.empty() || !error.empty()) {
+  if (const auto error = rig.start_settled_board("board-lt.json", "Korvan-16GP", skip);
+      !skip.empty() || !error.empty()) {
     state.SkipWithError((skip + error).c_str());
-    return;
-  }
-  rig.write_log_config(xpon::system_mgr::test::kDebugToStderr);
-  rig.start_daemon();
-  if (!rig.wait_until_settled(1, 10s)) {
-    state.SkipWithError(("the daemon did not settle: " + rig.daemon_log()).c_str());
     return;
   }
   const pid_t pid = rig.daemon().pid();

@@ -269,4 +269,24 @@ std::string DaemonRig::notifications_text() {
   return text;
 }
 
+std::string DaemonRig::start_settled_board(const std::string& scenario, const std::string& product, std::string& skip) {
+  std::string error = start_bus();
+  if (error.empty()) {
+    error = start_emulator(scenario, skip);
+  }
+  if (!error.empty() || !skip.empty()) {
+    return error;
+  }
+  error = make_factory_image(product);
+  if (!error.empty()) {
+    return error;
+  }
+  write_log_config(kDebugToStderr);
+  start_daemon();
+  if (!wait_until_settled(1, std::chrono::seconds(10))) {
+    return "the daemon did not settle: " + daemon_log();
+  }
+  return {};
+}
+
 }  // namespace xpon::system_mgr::test

@@ -110,6 +110,11 @@ class DaemonRig {
   /// Needs the debug logging of kDebugToStderr or the stderr.conf example.
   bool wait_until_settled(std::size_t cycle, std::chrono::milliseconds timeout);
 
+  /// The board of the benchmarks in one step: the bus, the emulator with `scenario`, the factory
+  /// image of `product`, the debug logging to standard error, and the daemon started and settled
+  /// (within 10 s). An error text or empty; sets `skip` instead when FUSE is unusable here.
+  std::string start_settled_board(const std::string& scenario, const std::string& product, std::string& skip);
+
   /// What the daemon wrote to standard error so far.
   [[nodiscard]] std::string daemon_log() const;
 
