@@ -148,7 +148,7 @@ inline system_mgr::SfpModuleRecord module_record(std::uint32_t port, std::string
   record.state = state;
   const auto put = [&](std::size_t offset, std::size_t length, std::string_view text) {
     std::memset(record.data + offset, ' ', length);
-    std::memcpy(record.data + offset, text.data(), std::min(length, text.size()));
+    std::copy_n(text.begin(), std::min(length, text.size()), record.data + offset);
   };
   put(BRD_SFP_ID_VENDOR_NAME, BRD_SFP_ID_TEXT_LENGTH, "XPON-OPTICS");
   put(BRD_SFP_ID_PART_NUMBER, BRD_SFP_ID_TEXT_LENGTH, "GP-SFP-C");
@@ -166,7 +166,8 @@ inline ipc::Event alarm_event(std::uint8_t state, std::uint32_t alarm_id, std::u
   record.state = state;
   record.alarm_id = alarm_id;
   record.instance = instance;
-  std::memcpy(record.text, text.data(), std::min(text.size(), sizeof(record.text) - 1));
+  // std::copy_n, not memcpy: an empty view may have no data pointer at all.
+  std::copy_n(text.begin(), std::min(text.size(), sizeof(record.text) - 1), record.text);
   ipc::Event event;
   event.group = system_mgr::IPC_EVENT_ALARM_GROUP;
   event.id = system_mgr::IPC_EVENT_ALARM_ID;
