@@ -270,9 +270,7 @@ TEST(HttpServer, ListensOnIpv6Loopback) {
   HttpServerOptions options;
   options.address = "::1";
   auto started = HttpServer::start(options, answer_for);
-  if (!started) {
-    GTEST_SKIP() << "no IPv6 loopback here: " << started.error().to_string();
-  }
+  XPON_SKIP_OR_FAIL_IN_CI(started ? std::string() : "no IPv6 loopback here: " + started.error().to_string());
   const auto& server = started.value();
   EXPECT_EQ(server->endpoint(), "[::1]:" + std::to_string(server->port()));
   const test::ProgramRun run = curl({"-sS", "-g", "-D", "-", url(*server, "/metrics")});
