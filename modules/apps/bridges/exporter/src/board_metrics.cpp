@@ -5,7 +5,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace xpon::exporter {
@@ -22,24 +25,25 @@ namespace {
 constexpr double kMilliwattsPerWatt = 1000.0;
 constexpr double kPercent = 100.0;
 
-// Families are built in this order; each is created once and filled as the model is walked.
+// Families are built in this order; each is created once and filled as the model is walked. Names
+// and help texts are taken as views and copied once per family, not once per sample.
 class Page {
  public:
-  Family& family(const std::string& name, const std::string& help, MetricType type = MetricType::Gauge) {
-    for (auto& existing : families_) {
-      if (existing.name == name) {
-        return existing;
-      }
+  Family& family(std::string_view name, std::string_view help, MetricType type = MetricType::Gauge) {
+    const auto found = index_.find(name);
+    if (found != index_.end()) {
+      return families_[found->second];
     }
-    families_.push_back(Family{name, help, type, {}});
+    index_.emplace(std::string(name), families_.size());
+    families_.push_back(Family{std::string(name), std::string(help), type, {}});
     return families_.back();
   }
 
-  void gauge(const std::string& name, const std::string& help, std::vector<Label> labels, double value) {
+  void gauge(std::string_view name, std::string_view help, std::vector<Label> labels, double value) {
     family(name, help).samples.push_back(Sample{std::move(labels), value});
   }
 
-  void counter(const std::string& name, const std::string& help, std::uint64_t value) {
+  void counter(std::string_view name, std::string_view help, std::uint64_t value) {
     // Exact up to 2^53, far beyond what a counter of requests or events reaches.
     family(name, help, MetricType::Counter).samples.push_back(Sample{{}, static_cast<double>(value)});
   }
@@ -71,6 +75,7 @@ class Page {
 
  private:
   std::vector<Family> families_;
+  std::map<std::string, std::size_t, std::less<>> index_;  // family name -> its place in families_
 };
 
 double flag(bool value) {
