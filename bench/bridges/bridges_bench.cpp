@@ -6,6 +6,7 @@
 #include "board_metrics.hpp"
 #include "daemon_rig.hpp"
 #include "full_board.hpp"
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/metrics/http_server.hpp"
 #include "xpon/system_mgr/api.h"
 #include "xpon/test/proc_stats.hpp"
@@ -47,23 +48,22 @@ BENCHMARK(BM_PageOfAFullLtBoard)->Unit(benchmark::kMicrosecond);
 
 // One GET /metrics over a fresh TCP connection, read to the server's close; the page's size or 0.
 std::size_t scrape(std::uint16_t port) {
-  const int socket_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const xpon::core::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   std::size_t received = 0;
-  if (::connect(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+  if (socket && ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
     static const std::string request = "GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-    if (::send(socket_fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+    if (xpon::core::write_full(socket.get(), request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
       std::vector<char> buffer(std::size_t{64} * 1024);
       ssize_t got = 0;
-      while ((got = ::recv(socket_fd, buffer.data(), buffer.size(), 0)) > 0) {
+      while ((got = xpon::core::read_once(socket.get(), buffer.data(), buffer.size())) > 0) {
         received += static_cast<std::size_t>(got);
       }
     }
   }
-  ::close(socket_fd);
   return received;
 }
 

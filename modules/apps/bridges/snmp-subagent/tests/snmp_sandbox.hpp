@@ -5,6 +5,7 @@
 // nothing of the host's net-snmp configuration or MIB files (numeric OIDs only), and snmpget and
 // snmpwalk to ask them. The tests of the subagent, in-process and as a program, share it.
 
+#include "xpon/core/file_descriptor.hpp"
 #include "xpon/test/process.hpp"
 #include "xpon/test/temp_dir.hpp"
 #include "xpon/test/wait.hpp"
@@ -46,19 +47,15 @@ inline std::string missing_programs() {
 
 /// A UDP port of loopback that nothing uses now.
 inline std::uint16_t free_udp_port() {
-  const int socket_fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const core::FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof(address);
   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets API takes sockaddr
   auto* generic = reinterpret_cast<sockaddr*>(&address);
-  const bool bound = socket_fd >= 0 && ::bind(socket_fd, generic, sizeof(address)) == 0 &&
-                     ::getsockname(socket_fd, generic, &length) == 0;
-  if (socket_fd >= 0) {
-    ::close(socket_fd);
-  }
-  if (!bound) {
+  if (!socket || ::bind(socket.get(), generic, sizeof(address)) != 0 ||
+      ::getsockname(socket.get(), generic, &length) != 0) {
     throw std::runtime_error("no free UDP port");
   }
   return ntohs(address.sin_port);
