@@ -6,6 +6,8 @@
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/logger/logger.hpp"
 #include "xpon/metrics/http_server.hpp"
+#include "xpon/tool/command_line.hpp"
+#include "xpon/tool/console.hpp"
 
 #include <signal.h>
 
@@ -13,11 +15,10 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
-#include <cstdio>
 #include <exception>
 #include <memory>
-#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -35,26 +36,17 @@ struct Settings {
   unsigned timeout_ms = 5000;
 };
 
-/// "127.0.0.1:9620" or "[::1]:9620" as address and port; throws std::invalid_argument.
+/// "127.0.0.1:9620" or "[::1]:9620" as address and port; throws tool::UsageError.
 std::pair<std::string, std::uint16_t> split_listen(const std::string& text) {
   const auto colon = text.rfind(':');
   if (colon == std::string::npos || colon + 1 == text.size()) {
-    throw std::invalid_argument(fmt::format("--listen {}: expected ADDRESS:PORT", text));
+    throw tool::UsageError(fmt::format("--listen {}: expected ADDRESS:PORT", text));
   }
   std::string address = text.substr(0, colon);
   if (address.size() >= 2 && address.front() == '[' && address.back() == ']') {
     address = address.substr(1, address.size() - 2);
   }
-  unsigned long port = 0;
-  try {
-    std::size_t used = 0;
-    port = std::stoul(text.substr(colon + 1), &used);
-    if (used != text.size() - colon - 1 || port > 65535) {
-      throw std::out_of_range("port");
-    }
-  } catch (const std::logic_error&) {
-    throw std::invalid_argument(fmt::format("--listen {}: the port must be a number from 0 to 65535", text));
-  }
+  const auto port = tool::parse_number(std::string_view(text).substr(colon + 1), 65535, "--listen port");
   return {address, static_cast<std::uint16_t>(port)};
 }
 
@@ -76,11 +68,8 @@ int run(const Settings& settings) {
   const auto [address, port] = split_listen(settings.listen);
 
   // SIGINT and SIGTERM are waited for below; blocked before any thread starts so that all inherit it.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  tool::block_stop_signals();
+  const sigset_t stop_signals = tool::stop_signals();
 
   ipc::ZmqIpcOptions ipc_options;
   ipc_options.logger = log;
@@ -128,7 +117,8 @@ int main(int argc, char** argv) {
   Settings settings;
   CLI::App app{
       "xpon-exporter: the board's readings, limits and raised alarms as Prometheus metrics, read from the system "
-      "manager over IPC (under $XPON_ROOT when set) and served at http://ADDRESS:PORT/metrics"};
+      "manager over IPC (under $XPON_ROOT when set) and served at http://ADDRESS:PORT/metrics",
+      "xpon-exporter"};
   app.add_option("--listen", settings.listen, "ADDRESS:PORT to listen on ([::1]:PORT for IPv6)")->capture_default_str();
   app.add_option("--period", settings.period_seconds, "Seconds between two rounds of requests to the system manager")
       ->check(CLI::Range(0.1, 3600.0))
@@ -136,11 +126,6 @@ int main(int argc, char** argv) {
   app.add_option("--timeout", settings.timeout_ms, "Milliseconds one request may wait for its answer")
       ->check(CLI::Range(1U, 600000U))
       ->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
-  try {
-    return run(settings);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "xpon-exporter: %s\n", error.what());
-    return 1;
-  }
+  // Usage errors exit 2, other failures 1, as the tools do.
+  return tool::run_command_line(app, argc, argv, [&settings] { return run(settings); });
 }

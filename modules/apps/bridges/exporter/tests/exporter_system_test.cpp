@@ -1,8 +1,9 @@
 // xpon-exporter against the real daemon on the emulated board, scraped with Debian's curl and
 // checked with Debian's promtool: the readings as the emulator's scenario has them, a raised
-// alarm and its clearing, a driver fault and the recovery, an SFP module pulled.
+// alarm and its clearing, a driver fault and the recovery, an SFP module pulled; and its command line.
 #include "system_test.hpp"
 #include "xpon/test/process.hpp"
+#include "xpon/test/sandbox.hpp"
 #include "xpon/test/wait.hpp"
 
 #include <csignal>
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <regex>
 #include <string>
+#include <vector>
 
 namespace xpon::system_mgr::test {
 namespace {
@@ -185,6 +187,51 @@ TEST_F(ExporterSystemTest, AnFcBoardShowsTheCratesModules) {
     EXPECT_TRUE(page_has(part)) << part << "\n" << page_;
   }
   EXPECT_EQ(page_.find("xpon_fan_speed_rpm"), std::string::npos) << page_;
+}
+
+}  // namespace
+}  // namespace xpon::system_mgr::test
+
+namespace xpon::system_mgr::test {
+namespace {
+
+// The command line: what is wrong with it is said at once, with the tools' usage status 2.
+TEST(ExporterProgramTest, BadOptionsAreRefusedWithTheirReasonAndStatusTwo) {
+  const struct {
+    std::vector<std::string> arguments;
+    std::string error;
+  } cases[] = {
+      {{"--listen", "nonsense"}, "xpon-exporter: --listen nonsense: expected ADDRESS:PORT\n"},
+      {{"--listen", "127.0.0.1:"}, "xpon-exporter: --listen 127.0.0.1:: expected ADDRESS:PORT\n"},
+      {{"--listen", "127.0.0.1:99999"}, "xpon-exporter: --listen port: 99999 is out of range (at most 0xffff)\n"},
+      {{"--listen", "[::1]:x1"}, "xpon-exporter: --listen port: 'x1' is not a number (decimal or 0x hex)\n"},
+      {{"--period", "0"}, "--period: Value 0 not in range 0.100000 to 3600.000000\n"},
+      {{"--timeout", "0"}, "--timeout: Value 0 not in range 1 to 600000\n"},
+  };
+  for (const auto& one : cases) {
+    std::vector<std::string> argv{XPON_EXPORTER_PROGRAM};
+    argv.insert(argv.end(), one.arguments.begin(), one.arguments.end());
+    const auto run = xpon::test::run_program(argv, {}, kStepTimeout);
+    ASSERT_TRUE(run.end.has_value());
+    EXPECT_TRUE(run.end->exited_with(2)) << one.arguments.back() << ": " << run.end->describe();
+    EXPECT_EQ(run.errors.substr(0, one.error.size()), one.error) << run.errors;
+  }
+  const auto help = xpon::test::run_program({XPON_EXPORTER_PROGRAM, "--help"}, {}, kStepTimeout);
+  ASSERT_TRUE(help.end && help.end->exited_with(0)) << help.errors;
+  for (const auto* option : {"--listen", "--period", "--timeout"}) {
+    EXPECT_NE(help.output.find(option), std::string::npos) << option;
+  }
+}
+
+// An address that is not there, or a port another program holds: status 1 and the reason.
+TEST(ExporterProgramTest, AnAddressItCannotListenOnEndsItWithTheReason) {
+  const xpon::test::Sandbox sandbox;
+  const auto run = xpon::test::run_program({XPON_EXPORTER_PROGRAM, "--listen", "999.1.1.1:0"},
+                                           {sandbox.environment_entry()}, kStepTimeout);
+  ASSERT_TRUE(run.end.has_value());
+  EXPECT_TRUE(run.end->exited_with(1)) << run.end->describe() << run.errors;
+  EXPECT_NE(run.errors.find("Cannot listen on 999.1.1.1:0: not an IPv4 or IPv6 address"), std::string::npos)
+      << run.errors;
 }
 
 }  // namespace
