@@ -7,6 +7,8 @@
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/logger/logger.hpp"
+#include "xpon/tool/command_line.hpp"
+#include "xpon/tool/console.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -33,29 +35,16 @@ extern "C" void on_stop_signal(int /*signal*/) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  snmp_subagent::CommandLine line;
-  CLI::App app{
-      "Serves the board's health (ENTITY-MIB, ENTITY-SENSOR-MIB, ALARM-MIB, XPON-BOARD-MIB) to the "
-      "board's snmpd as an AgentX subagent, from the system manager's readings and alarms.",
-      kProgram};
-  snmp_subagent::add_options(app, line);
-  CLI11_PARSE(app, argc, argv);
-  const auto options = snmp_subagent::to_options(line);
-
+// Runs the subagent until SIGINT or SIGTERM; the exit status.
+int run(const snmp_subagent::Options& options) {
   // net-snmp parses the MIB modules named by $MIBS (all it finds by default); the subagent names
   // nothing by label, so none. Set before any thread starts, since setenv is not thread-safe.
   setenv("MIBS", "", 1);  // NOLINT(concurrency-mt-unsafe)
 
   // The stop signals are blocked while the endpoint's threads start, so that only this thread,
   // which runs net-snmp, takes them.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  tool::block_stop_signals();
+  const sigset_t stop_signals = tool::stop_signals();
 
   // Without a logging context the lines go to standard error (the journal under systemd).
   auto log = std::make_shared<logger::Logger>("XPON-SNMP-SUBAGENT");
@@ -96,4 +85,17 @@ int main(int argc, char** argv) {
     log->error("{}", error.what());
     return 1;
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  snmp_subagent::CommandLine line;
+  CLI::App app{
+      "Serves the board's health (ENTITY-MIB, ENTITY-SENSOR-MIB, ALARM-MIB, XPON-BOARD-MIB) to the "
+      "board's snmpd as an AgentX subagent, from the system manager's readings and alarms.",
+      kProgram};
+  snmp_subagent::add_options(app, line);
+  // Usage errors exit 2, other failures 1, as the tools do.
+  return tool::run_command_line(app, argc, argv, [&line] { return run(snmp_subagent::to_options(line)); });
 }

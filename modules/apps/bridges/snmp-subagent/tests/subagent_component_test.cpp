@@ -318,5 +318,22 @@ TEST(SubagentProgramTest, HelpNamesTheOptions) {
   }
 }
 
+TEST(SubagentProgramTest, BadOptionsAreRefusedWithTheirReasonAndStatusTwo) {
+  const struct {
+    std::string option;
+    std::string value;
+    std::string error;
+  } cases[] = {
+      {"--period-ms", "0", "--period-ms: Value 0 not in range 100 to 3600000\n"},
+      {"--enterprise-arc", "x", "--enterprise-arc: not a dotted OID: x\n"},
+  };
+  for (const auto& one : cases) {
+    const auto run = test::run_program({SNMP_SUBAGENT_PATH, one.option, one.value}, {}, 10s);
+    ASSERT_TRUE(run.end.has_value());
+    EXPECT_TRUE(run.end->exited_with(2)) << one.option << ": " << run.end->describe();
+    EXPECT_EQ(run.errors.substr(0, one.error.size()), one.error) << run.errors;
+  }
+}
+
 }  // namespace
 }  // namespace xpon::snmp_subagent
