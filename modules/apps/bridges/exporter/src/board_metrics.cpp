@@ -1,5 +1,6 @@
 #include "board_metrics.hpp"
 
+#include "decode_control.hpp"
 #include "xpon/system_mgr/api.h"
 
 #include <chrono>
@@ -82,23 +83,11 @@ double flag(bool value) {
   return value ? 1.0 : 0.0;
 }
 
-std::string family_name(std::uint32_t family) {
-  switch (family) {
-    case xpon::system_mgr::SYSTEM_MGR_FAMILY_LT:
-      return "LT";
-    case xpon::system_mgr::SYSTEM_MGR_FAMILY_LC:
-      return "LC";
-    case xpon::system_mgr::SYSTEM_MGR_FAMILY_FC:
-      return "FC";
-    default:
-      return std::to_string(family);
-  }
-}
-
 void board(Page& page, const BoardModel& model) {
   if (model.family) {
-    std::vector<Label> labels{
-        {"family", family_name(*model.family)}, {"product", model.product}, {"serial", model.serial}};
+    std::vector<Label> labels{{"family", std::string(system_mgr::ctl::family_name(*model.family))},
+                              {"product", model.product},
+                              {"serial", model.serial}};
     if (model.fpga_version) {
       labels.push_back({"fpga_version", std::to_string(*model.fpga_version)});
     }

@@ -10,6 +10,7 @@
 #include "xpon/cfgdb/cfgdb_wrapper.hpp"
 #include "xpon/ipc/ipc.hpp"
 #include "xpon/logger/ilogger.hpp"
+#include "xpon/system_mgr/api.h"
 
 #include <atomic>
 #include <chrono>
@@ -30,7 +31,7 @@ struct BoardViewOptions {
   /// How long one request may wait for its answer.
   std::chrono::milliseconds request_timeout{std::chrono::seconds(5)};
   /// The daemon's endpoint.
-  ipc::Address daemon = 0x0019FFFE;
+  ipc::Address daemon = system_mgr::SYSTEM_MGR_IPC_ADDRESS;
 };
 
 /// Counters of what the view has received and asked.
