@@ -1,6 +1,7 @@
 #include "xpon/board_view/model.hpp"
 
 #include "decode_sfp.hpp"
+#include "decode_support.hpp"
 #include "xpon/system_mgr/api.h"
 
 #include <fmt/format.h>
@@ -38,12 +39,15 @@ void failed(ReadState& state, std::string why) {
   state.error = std::move(why);
 }
 
-// A text field of a driver record: up to its first NUL, within the field, blanks at the end dropped.
+// A text field of a driver record: up to its first NUL, within the field, blanks at the end
+// dropped, bytes outside printable ASCII escaped (an EEPROM may hold anything; what the bridges
+// publish stays valid UTF-8).
 template <std::size_t N>
 std::string field_text(const char (&field)[N]) {
   const std::string_view text(field, strnlen(field, N));
   const auto end = text.find_last_not_of(' ');
-  return end == std::string_view::npos ? std::string() : std::string(text.substr(0, end + 1));
+  return end == std::string_view::npos ? std::string()
+                                       : system_mgr::ctl::detail::escaped(text.substr(0, end + 1), false);
 }
 
 template <typename Record>
@@ -404,7 +408,8 @@ EventOutcome apply_event(BoardModel& model, const ipc::Event& event, Clock::time
     for (std::size_t i = 0; i < alarm.values.size(); ++i) {
       alarm.values[i] = record.value[i];  // one by one: the record's array is not aligned
     }
-    alarm.text = std::string(record.text, strnlen(record.text, sizeof record.text));
+    alarm.text = system_mgr::ctl::detail::escaped(
+        std::string_view(record.text, strnlen(record.text, sizeof record.text)), false);
     alarm.raised = now;
     alarm.last_seen = now;
     const auto found = model.alarms.find(key);

@@ -145,6 +145,12 @@ TEST(BoardModelTest, FactoryAnswersGiveTheFamilyProductAndSerial) {
   EXPECT_EQ(model.product, "QD7R-FC");
   EXPECT_EQ(model.serial, "FC2311000042");
   EXPECT_EQ(model.crate_product, "");
+
+  // Whatever bytes an EEPROM holds come out printable: \xNN, a backslash doubled.
+  std::memcpy(device.data.device_name, "QD7R\xff\\FC", 8);
+  device.data.device_name[8] = '\0';
+  apply_answer(model, IPC_SYSTEM_MGR__GET_DEVICE_FACTORY, std::nullopt, answered(bytes_of(device)), kNow);
+  EXPECT_EQ(model.product, "QD7R\\xff\\\\FC");
 }
 
 TEST(BoardModelTest, FansAndSuppliesAreNumberedFromOneWithRpm) {
@@ -320,6 +326,14 @@ TEST(BoardModelTest, AlarmRecordsBecomeTransitionsOnlyWhenTheStateChanges) {
   EXPECT_EQ(outcome.alarm->alarm.raised, kThen);
   EXPECT_EQ(outcome.alarm->alarm.values[0], 40U);
   EXPECT_TRUE(model.alarms.empty());
+
+  // An alarm text with bytes that are not text is kept readable.
+  const auto odd = event(IPC_EVENT_ALARM_GROUP, IPC_EVENT_ALARM_ID,
+                         bytes_of(alarm_record(SYSTEM_MGR_ALARM_RAISED, SYSTEM_MGR_ALARM_FAN, 1, 0, "Fan \x80 1")));
+  outcome = apply_event(model, odd, kNow);
+  ASSERT_TRUE(outcome.alarm.has_value());
+  EXPECT_EQ(outcome.alarm->alarm.text, "Fan \\x80 1");
+  model.alarms.clear();
 
   // Back to normal again and again: nothing more.
   outcome = apply_event(model, normal, kNow);

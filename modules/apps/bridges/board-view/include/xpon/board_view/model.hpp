@@ -3,8 +3,9 @@
 // The last-value model of one board that the operator bridges (SNMP, Prometheus) publish: every
 // reading the system manager gives, decoded into units, with when it was last read and whether
 // the last read failed, the limits the configuration database holds, and the alarms it reports
-// as raised. The apply_* functions are pure: what the daemon sent in, the model (and the alarm
-// transitions) out.
+// as raised. Texts read from the board (factory data, identities, alarm texts) are kept with every
+// byte outside printable ASCII as \xNN, as system-mgr-ctl shows them. The apply_* functions are pure: what the daemon
+// sent in, the model (and the alarm transitions) out.
 
 #include "xpon/ipc/ipc.hpp"
 
