@@ -2,6 +2,7 @@
 
 #include "xpon/test/fuse.hpp"
 
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,7 +12,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace xpon::system_mgr::test {
 
@@ -28,7 +32,58 @@ constexpr const char* kLogConfig = "/etc/zlog_modules_config/SYSTEM-MGR.conf";
 // The emulator's exit status when FUSE is missing or the mount is refused.
 constexpr int kEmulatorFuseUnavailable = 3;
 
-// True when every thread of the process is asleep in the kernel (state S in its stat line).
+// The least time left before a polling thread's next poll when a test signals the daemon. The
+// whole stop takes a few milliseconds, also under the sanitizers and the arm64 emulation.
+constexpr std::chrono::milliseconds kPollMargin = 250ms;
+
+// /proc gives the numbers of the host's system calls, also for an arm64 daemon run by qemu-user on
+// an x86-64 machine, so both architectures' numbers are taken. The other meanings of these numbers
+// (x86-64: 29 shmget, 98 getrusage; arm64: 16 fremovexattr, 202 accept) are calls the daemon never
+// sleeps in.
+bool is_ioctl(unsigned long number) { return number == 16 || number == 29; }
+bool is_futex(unsigned long number) { return number == 202 || number == 98; }
+constexpr unsigned long kFutexCommandMask = 0x7F;  // without FUTEX_PRIVATE_FLAG and FUTEX_CLOCK_REALTIME
+constexpr unsigned long kFutexWaitBitset = 9;
+constexpr unsigned long kFutexClockRealtime = 0x100;
+
+// The fields of /proc/PID/task/TID/syscall: the call's number and its arguments, or nothing while
+// the thread runs in user space.
+std::vector<unsigned long> syscall_of(const std::filesystem::path& task) {
+  std::istringstream line(read_text_file((task / "syscall").string()));
+  std::vector<unsigned long> fields;
+  std::string field;
+  while (line >> field) {
+    if (field == "running") {
+      return {};
+    }
+    fields.push_back(std::stoul(field, nullptr, 0));
+  }
+  return fields;
+}
+
+// The absolute CLOCK_MONOTONIC deadline at `address` in the process's memory.
+std::optional<std::chrono::nanoseconds> deadline_at(pid_t pid, unsigned long address) {
+  std::ifstream memory("/proc/" + std::to_string(pid) + "/mem", std::ios::binary);
+  timespec deadline{};
+  memory.seekg(static_cast<std::streamoff>(address));
+  memory.read(reinterpret_cast<char*>(&deadline), sizeof deadline);
+  if (!memory) {
+    return std::nullopt;
+  }
+  return std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+}
+
+std::chrono::nanoseconds monotonic_now() {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+// True when every thread of the process is asleep in the kernel (state S in its stat line), none
+// of them in a board call, and every timed wait on CLOCK_MONOTONIC (the polling threads' waits for
+// their next poll; no other thread of the daemon waits that way) ends kPollMargin or more from
+// now. A stop's wake-up that comes while a polling thread polls is lost by design, so a signal is
+// sent only when no poll runs and none is due before the stop has woken every thread.
 bool all_threads_sleep(pid_t pid) {
   const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
   std::error_code error;
@@ -39,6 +94,17 @@ bool all_threads_sleep(pid_t pid) {
     const auto name_end = stat.rfind(')');
     if (name_end == std::string::npos || name_end + 2 >= stat.size() || stat[name_end + 2] != 'S') {
       return false;
+    }
+    const std::vector<unsigned long> call = syscall_of(task.path());
+    if (call.empty() || is_ioctl(call[0])) {
+      return false;
+    }
+    if (is_futex(call[0]) && call.size() > 4 && (call[2] & kFutexCommandMask) == kFutexWaitBitset &&
+        (call[2] & kFutexClockRealtime) == 0 && call[4] != 0) {
+      const auto deadline = deadline_at(pid, call[4]);
+      if (!deadline || *deadline - monotonic_now() < kPollMargin) {
+        return false;
+      }
     }
     any = true;
   }

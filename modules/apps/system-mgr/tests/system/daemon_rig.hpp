@@ -104,9 +104,11 @@ class DaemonRig {
 
   /// Waits until the daemon's `cycle`-th start (1-based) has settled: its polling threads were
   /// started (the log says "Start System function" that many times) and every thread of the
-  /// process sleeps. A polling thread only ends on a wake-up that finds it waiting, so a stop
-  /// signal sent earlier, while a thread still makes its way to its first wait, leaves the
-  /// daemon waiting in the join for good; tests and benchmarks signal a settled daemon.
+  /// process sleeps, none in a board call, and no polling thread's next poll is due within the
+  /// next 250 ms (read from the deadline of its wait). A polling thread only ends on a wake-up
+  /// that finds it waiting, so a stop signal sent while a thread still makes its way to its first
+  /// wait, or while it polls, leaves the daemon waiting in the join for good; tests and benchmarks
+  /// signal a settled daemon.
   /// Needs the debug logging of kDebugToStderr or the stderr.conf example.
   bool wait_until_settled(std::size_t cycle, std::chrono::milliseconds timeout);
 
