@@ -40,8 +40,12 @@ constexpr std::chrono::milliseconds kPollMargin = 250ms;
 // an x86-64 machine, so both architectures' numbers are taken. The other meanings of these numbers
 // (x86-64: 29 shmget, 98 getrusage; arm64: 16 fremovexattr, 202 accept) are calls the daemon never
 // sleeps in.
-bool is_ioctl(unsigned long number) { return number == 16 || number == 29; }
-bool is_futex(unsigned long number) { return number == 202 || number == 98; }
+bool is_ioctl(unsigned long number) {
+  return number == 16 || number == 29;
+}
+bool is_futex(unsigned long number) {
+  return number == 202 || number == 98;
+}
 constexpr unsigned long kFutexCommandMask = 0x7F;  // without FUTEX_PRIVATE_FLAG and FUTEX_CLOCK_REALTIME
 constexpr unsigned long kFutexWaitBitset = 9;
 constexpr unsigned long kFutexClockRealtime = 0x100;
