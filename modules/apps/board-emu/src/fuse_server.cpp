@@ -2,6 +2,8 @@
 
 #include "xpon/board_emu/fuse_server.hpp"
 
+#include "file_system.hpp"
+
 #include <fuse3/fuse.h>
 #include <fuse3/fuse_lowlevel.h>
 
@@ -27,8 +29,12 @@ struct OpenFile {
   std::string pending;  // board-control: patch text written so far, not yet complete
 };
 
+ServedFiles& served() {
+  return *static_cast<ServedFiles*>(fuse_get_context()->private_data);
+}
+
 Emulator& emulator() {
-  return *static_cast<Emulator*>(fuse_get_context()->private_data);
+  return served().emulator;
 }
 
 OpenFile& open_file(fuse_file_info* info) {
@@ -38,7 +44,7 @@ OpenFile& open_file(fuse_file_info* info) {
 
 bool kind_of(const char* path, FileKind& kind) {
   const std::string_view name(path);
-  if (name == "/board") {
+  if (name == "/board" && served().board) {
     kind = FileKind::Board;
   } else if (name == "/board-state.json") {
     kind = FileKind::State;
@@ -99,7 +105,9 @@ int fs_readdir(const char* path, void* buffer, fuse_fill_dir_t fill, off_t /*off
     return -ENOTDIR;
   }
   for (const char* name : {".", "..", kBoardFile, kStateFile, kControlFile}) {
-    fill(buffer, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+    if (std::string_view(name) != kBoardFile || served().board) {
+      fill(buffer, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+    }
   }
   return 0;
 }
@@ -250,7 +258,8 @@ bool is_incomplete_json(const std::string& text) {
   return !Json::sax_parse(text, &reader) && reader.ran_out;
 }
 
-int serve(Emulator& emulator, const ServeOptions& options, logger::ILogger& logger) {
+fuse* mount_files(ServedFiles& files, const std::string& mount_point, const std::string& options,
+                  logger::ILogger& logger) {
   static const fuse_operations operations = make_operations();
   // The argument vector is built by libfuse itself so that fuse_opt_free_args can release it;
   // it is kept until the file system is gone.
@@ -258,35 +267,48 @@ int serve(Emulator& emulator, const ServeOptions& options, logger::ILogger& logg
     fuse_args args = FUSE_ARGS_INIT(0, nullptr);
     ~Arguments() { fuse_opt_free_args(&args); }
   } arguments;
-  for (const char* word : {"xpon-board-emu", "-o", "fsname=xpon-board-emu,subtype=xpon-board-emu"}) {
+  const std::string mount_options = "fsname=xpon-board-emu,subtype=xpon-board-emu" + options;
+  for (const char* word : {"xpon-board-emu", "-o", mount_options.c_str()}) {
     if (fuse_opt_add_arg(&arguments.args, word) != 0) {
       logger.error("cannot build the FUSE arguments");
-      return kExitFailure;
+      return nullptr;
     }
   }
-  fuse* filesystem = fuse_new(&arguments.args, &operations, sizeof operations, &emulator);
+  fuse* filesystem = fuse_new(&arguments.args, &operations, sizeof operations, &files);
   if (filesystem == nullptr) {
     logger.error("cannot create the FUSE file system");
-    return kExitMountFailed;
+    return nullptr;
   }
-  if (fuse_mount(filesystem, options.mount_point.c_str()) != 0) {
-    logger.error("cannot mount at {} (is FUSE available? /dev/fuse and fusermount3 are needed)", options.mount_point);
+  if (fuse_mount(filesystem, mount_point.c_str()) != 0) {
+    logger.error("cannot mount at {} (is FUSE available? /dev/fuse and fusermount3 are needed)", mount_point);
     fuse_destroy(filesystem);
+    return nullptr;
+  }
+  return filesystem;
+}
+
+void unmount_files(fuse* filesystem) {
+  fuse_unmount(filesystem);
+  fuse_destroy(filesystem);
+}
+
+int serve(Emulator& emulator, const ServeOptions& options, logger::ILogger& logger) {
+  ServedFiles files{emulator};
+  fuse* filesystem = mount_files(files, options.mount_point, "", logger);
+  if (filesystem == nullptr) {
     return kExitMountFailed;
   }
   fuse_session* session = fuse_get_session(filesystem);
   if (fuse_set_signal_handlers(session) != 0) {
     logger.error("cannot install the signal handlers");
-    fuse_unmount(filesystem);
-    fuse_destroy(filesystem);
+    unmount_files(filesystem);
     return kExitFailure;
   }
   // Threads do not survive the fork of daemonizing, so the timeline starts afterwards.
   if (fuse_daemonize(options.foreground ? 1 : 0) != 0) {
     logger.error("cannot detach from the terminal");
     fuse_remove_signal_handlers(session);
-    fuse_unmount(filesystem);
-    fuse_destroy(filesystem);
+    unmount_files(filesystem);
     return kExitFailure;
   }
   logger.logf(logger::kInfo, "serving {}/{}, {}/{} and {}/{}", options.mount_point, kBoardFile, options.mount_point,
@@ -299,8 +321,7 @@ int serve(Emulator& emulator, const ServeOptions& options, logger::ILogger& logg
 
   emulator.stop_timeline();
   fuse_remove_signal_handlers(session);
-  fuse_unmount(filesystem);
-  fuse_destroy(filesystem);
+  unmount_files(filesystem);
   if (result < 0) {
     logger.error("the FUSE loop failed: {}", std::strerror(-result));
     return kExitFailure;
