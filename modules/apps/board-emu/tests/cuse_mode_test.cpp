@@ -72,8 +72,7 @@ TEST(CuseModeProgram, MissingCuseChannelExitsThreeNamingItAndModprobe) {
   const auto run = run_program({XPON_BOARD_EMU_PROGRAM, "--scenario", XPON_EXAMPLES_DIR "/board-lt.json", "--cuse",
                                 "--cuse-device", channel, "--state-dir", dir.file("state"), "--foreground"});
   EXPECT_EQ(run.exit_status, 3);
-  EXPECT_NE(run.errors.find("cannot open " + channel + ": No such file or directory"), std::string::npos)
-      << run.errors;
+  EXPECT_NE(run.errors.find("cannot open " + channel + ": No such file or directory"), std::string::npos) << run.errors;
   EXPECT_NE(run.errors.find("modprobe cuse"), std::string::npos) << run.errors;
   // Nothing was made before the channel was found missing.
   EXPECT_FALSE(std::filesystem::exists(dir.file("state")));
@@ -88,8 +87,8 @@ class CuseModeStateDir : public ::testing::Test {
     XPON_SKIP_OR_FAIL_IN_CI(xpon::test::fuse_unavailable_reason());
     ASSERT_EQ(::mkfifo(channel().c_str(), 0600), 0) << std::strerror(errno);
     const std::string scenario = dir_.write("scenario.json", kScenario);
-    process_.emplace(std::vector<std::string>{XPON_BOARD_EMU_PROGRAM, "--scenario", scenario, "--cuse",
-                                              "--cuse-device", channel(), "--state-dir", state_dir(), "--foreground"},
+    process_.emplace(std::vector<std::string>{XPON_BOARD_EMU_PROGRAM, "--scenario", scenario, "--cuse", "--cuse-device",
+                                              channel(), "--state-dir", state_dir(), "--foreground"},
                      std::vector<std::string>{}, dir_.file("emu.out"), dir_.file("emu.log"));
     const bool serving = xpon::test::wait_until(
         [&] { return !process_->running() || std::filesystem::exists(state_file("board-state.json")); },
