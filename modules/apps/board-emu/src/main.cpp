@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
   app.add_option("--state-dir", cuse_options.state_dir,
                  "with --cuse: where board-state.json and board-control are mounted (default: /run/xpon-board-emu)")
       ->needs(cuse_flag);
-  // The kernel's CUSE channel; tests name a missing one.
+  // The kernel's CUSE channel; tests name a missing one, or a FIFO that never sends CUSE_INIT.
   app.add_option("--cuse-device", cuse_options.cuse_device)->needs(cuse_flag)->group("");
   app.add_flag("--foreground", foreground, "stay in the foreground instead of detaching");
   app.add_flag("--verbose", verbose, "also log every driver command the model refuses");
