@@ -69,8 +69,9 @@ TEST(CuseModeProgram, DeviceNameMustBeAPlainName) {
 TEST(CuseModeProgram, MissingCuseChannelExitsThreeNamingItAndModprobe) {
   const xpon::test::TempDir dir("xpon-emu-cuse");
   const std::string channel = dir.file("cuse");
-  const auto run = run_program({XPON_BOARD_EMU_PROGRAM, "--scenario", XPON_EXAMPLES_DIR "/board-lt.json", "--cuse",
-                                "--cuse-device", channel, "--state-dir", dir.file("state"), "--foreground"});
+  const std::string scenario = XPON_EXAMPLES_DIR "/board-lt.json";
+  const auto run = run_program({XPON_BOARD_EMU_PROGRAM, "--scenario", scenario, "--cuse", "--cuse-device", channel,
+                                "--state-dir", dir.file("state"), "--foreground"});
   EXPECT_EQ(run.exit_status, 3);
   EXPECT_NE(run.errors.find("cannot open " + channel + ": No such file or directory"), std::string::npos) << run.errors;
   EXPECT_NE(run.errors.find("modprobe cuse"), std::string::npos) << run.errors;
