@@ -157,7 +157,7 @@ CrateLink::Monitor CrateLink::watch(zmq::socket_t& socket, const std::string& wh
   if (zmq_socket_monitor(socket.handle(), endpoint.c_str(), events) != 0) {
     throw zmq::error_t();
   }
-  Monitor monitor{zmq::socket_t(context_, zmq::socket_type::pair), what};
+  Monitor monitor{zmq::socket_t(context_, zmq::socket_type::pair), what, false};
   monitor.socket.set(zmq::sockopt::linger, 0);
   monitor.socket.connect(endpoint);
   return monitor;
@@ -307,10 +307,15 @@ void CrateLink::serve_monitor(Monitor& monitor) {
         }
       }
     } else if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+      monitor.failing = false;
       say_(fmt::format("crate: joined peer {}", monitor.what));
     } else if (event == ZMQ_EVENT_DISCONNECTED) {
-      say_(fmt::format("crate: peer {} went away; reconnecting", monitor.what));
-    } else {
+      if (!monitor.failing) {
+        say_(fmt::format("crate: peer {} went away; reconnecting", monitor.what));
+      }
+    } else if (!monitor.failing) {
+      // Said once: ZeroMQ tries again every two seconds, and would fill the journal.
+      monitor.failing = true;
       say_(fmt::format("crate: handshake with peer {} failed (wrong key?)", monitor.what));
     }
   }

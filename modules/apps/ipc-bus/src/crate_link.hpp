@@ -52,7 +52,8 @@ class CrateLink {
  private:
   struct Monitor {
     zmq::socket_t socket;
-    std::string what;  ///< the peer's address, or empty for the XPUB
+    std::string what;      ///< the peer's address, or empty for the XPUB
+    bool failing = false;  ///< its last handshake failed (said once until one succeeds)
   };
 
   void serve_subscriptions();
