@@ -47,6 +47,12 @@ TEST(CrateConfig, AMissingFileLeavesTheTransportOff) {
   EXPECT_EQ(listen_refusal(config), "");
 }
 
+TEST(CrateConfig, TheShippedFileIsValidAndOff) {
+  const CrateConfig config = load_crate_config(XPON_SHIPPED_CRATE_CONFIG);
+  EXPECT_FALSE(config.enabled);
+  EXPECT_EQ(config.keys, kDefaultCrateKeys);
+}
+
 TEST(CrateConfig, AFileWithoutEnabledIsOff) {
   const CrateConfig config = parse_crate_config("slot = 5\n", kPath);
   EXPECT_FALSE(config.enabled);
