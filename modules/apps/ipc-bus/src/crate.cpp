@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <toml++/toml.h>
 
+#include <zmq.h>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -16,7 +17,6 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
-#include <zmq.h>
 
 namespace xpon::ipc_bus {
 
@@ -171,8 +171,8 @@ void write_private_file(const std::string& path, const std::string& text) {
     throw std::runtime_error(fmt::format("cannot write {}: {}", path, std::strerror(errno)));
   }
   // An existing file keeps its mode on open; the key must not stay readable by others.
-  const bool written = ::fchmod(fd, 0600) == 0 &&
-                       ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  const bool written =
+      ::fchmod(fd, 0600) == 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   const int saved = errno;
   ::close(fd);
   if (!written) {

@@ -30,9 +30,9 @@ using Z85Key = std::string;
 
 /// One other board of the crate.
 struct CratePeer {
-  std::string address;                ///< tcp://host:port of its crate XPUB
-  std::optional<Z85Key> public_key;   ///< its CURVE public key (only with [curve])
-  std::string public_key_file;        ///< where the public key was read, for messages
+  std::string address;               ///< tcp://host:port of its crate XPUB
+  std::optional<Z85Key> public_key;  ///< its CURVE public key (only with [curve])
+  std::string public_key_file;       ///< where the public key was read, for messages
 };
 
 /// This board's CURVE key pair.
@@ -90,10 +90,10 @@ enum class Origin : std::uint8_t { Local, Crate };
 
 /// What the bus does with one event.
 struct Forwarding {
-  bool to_local = false;       ///< publish on this board's bus.sub
-  bool to_crate = false;       ///< publish to the other boards of the crate
-  bool fill_in_slot = false;   ///< the source names "this board" (0xFFFE): the board's slot is put in its place
-  bool foreign_slot = false;   ///< a crate-wide event whose source names another board's slot: kept on this board
+  bool to_local = false;      ///< publish on this board's bus.sub
+  bool to_crate = false;      ///< publish to the other boards of the crate
+  bool fill_in_slot = false;  ///< the source names "this board" (0xFFFE): the board's slot is put in its place
+  bool foreign_slot = false;  ///< a crate-wide event whose source names another board's slot: kept on this board
 };
 
 /// The forwarding decision. Local events always reach the local subscribers; they go to the crate

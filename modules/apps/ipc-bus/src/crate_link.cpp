@@ -44,8 +44,9 @@ std::optional<std::pair<ipc::Key, ipc::wire::Header>> decode_event(const std::ve
   }
   const auto key = ipc::wire::decode_topic(bytes(frames[0]));
   const auto decoded = ipc::wire::decode_header(bytes(frames[1]));
-  if (!key || !decoded.header || decoded.header->kind != ipc::wire::Kind::Event || decoded.header->group != key->group ||
-      decoded.header->id != key->id || frames[2].size() > ipc::wire::kMaxPayload) {
+  if (!key || !decoded.header || decoded.header->kind != ipc::wire::Kind::Event ||
+      decoded.header->group != key->group || decoded.header->id != key->id ||
+      frames[2].size() > ipc::wire::kMaxPayload) {
     return std::nullopt;
   }
   return std::make_pair(*key, *decoded.header);
@@ -78,10 +79,7 @@ void common_options(zmq::socket_t& socket) {
 }  // namespace
 
 CrateLink::CrateLink(zmq::context_t& context, const CrateConfig& config, Say say)
-    : context_(context),
-      config_(config),
-      say_(std::move(say)),
-      publisher_(context, zmq::socket_type::xpub) {
+    : context_(context), config_(config), say_(std::move(say)), publisher_(context, zmq::socket_type::xpub) {
   if (config_.curve) {
     if (zmq_has("curve") == 0) {
       throw std::runtime_error("crate: [curve] is configured but this ZeroMQ has no CURVE");
@@ -129,9 +127,8 @@ CrateLink::CrateLink(zmq::context_t& context, const CrateConfig& config, Say say
       sub.set(zmq::sockopt::curve_secretkey, config_.curve->secret_key);
     }
     monitors_.push_back(watch(sub, peer.address,
-                              ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED |
-                                  ZMQ_EVENT_HANDSHAKE_FAILED_AUTH | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
-                                  ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL));
+                              ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH |
+                                  ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL));
     sub.connect(peer.address);
   }
   say_(fmt::format("crate: slot {} publishes {} key(s) on {} to {} peer(s), {}", config_.slot, config_.keys.size(),
@@ -337,9 +334,12 @@ void CrateLink::serve_zap() {
         say_(fmt::format("crate: refused {}: its key {} is not one of the peers'", address, key.data()));
       }
     }
-    const std::array<std::string, 6> reply{"1.0", request.size() > 1 ? request[1].to_string() : std::string{},
-                                           allowed ? "200" : "400", allowed ? "OK" : "not a peer of the crate",
-                                           allowed ? address : std::string{}, std::string{}};
+    const std::array<std::string, 6> reply{"1.0",
+                                           request.size() > 1 ? request[1].to_string() : std::string{},
+                                           allowed ? "200" : "400",
+                                           allowed ? "OK" : "not a peer of the crate",
+                                           allowed ? address : std::string{},
+                                           std::string{}};
     for (std::size_t i = 0; i < reply.size(); ++i) {
       zap_->send(zmq::buffer(reply[i]), i + 1 < reply.size() ? zmq::send_flags::sndmore : zmq::send_flags::none);
     }

@@ -18,12 +18,12 @@ namespace xpon::ipc_bus {
 
 /// What the crate transport has done since the bus started.
 struct CrateStats {
-  std::uint64_t sent = 0;            ///< local events published to the crate
-  std::uint64_t received = 0;        ///< events from peers delivered on this board
-  std::uint64_t replayed = 0;        ///< cached events handed to a peer that subscribed
-  std::uint64_t foreign_slot = 0;    ///< crate-wide local events kept here: their source names another slot
-  std::uint64_t refused = 0;         ///< messages from peers dropped: malformed, or a key that is not crate-wide
-  std::uint64_t refused_peers = 0;   ///< connections whose CURVE key is not one of the peers'
+  std::uint64_t sent = 0;           ///< local events published to the crate
+  std::uint64_t received = 0;       ///< events from peers delivered on this board
+  std::uint64_t replayed = 0;       ///< cached events handed to a peer that subscribed
+  std::uint64_t foreign_slot = 0;   ///< crate-wide local events kept here: their source names another slot
+  std::uint64_t refused = 0;        ///< messages from peers dropped: malformed, or a key that is not crate-wide
+  std::uint64_t refused_peers = 0;  ///< connections whose CURVE key is not one of the peers'
 };
 
 class CrateLink {

@@ -173,10 +173,10 @@ int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_con
     }
     if (crate) {
       const auto& counts = crate->stats();
-      say(fmt::format("crate: {} events sent, {} received, {} handed to joining peers, {} kept here (another slot), "
-                      "{} refused, {} connections refused",
-                      counts.sent, counts.received, counts.replayed, counts.foreign_slot, counts.refused,
-                      counts.refused_peers));
+      say(fmt::format(
+          "crate: {} events sent, {} received, {} handed to joining peers, {} kept here (another slot), "
+          "{} refused, {} connections refused",
+          counts.sent, counts.received, counts.replayed, counts.foreign_slot, counts.refused, counts.refused_peers));
       crate.reset();
     }
     inlet.close();

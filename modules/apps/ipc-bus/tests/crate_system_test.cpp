@@ -270,9 +270,9 @@ TEST_F(CrateTest, ARestartedPeerIsReconnected) {
 
   const auto end = boards[1]->stop(SIGKILL);
   EXPECT_TRUE(end.signaled);
-  ASSERT_TRUE(wait_until([&] { return boards[0]->log_has(fmt::format("crate: peer {} went away; reconnecting",
-                                                                       tcp(boards[1]->port()))); },
-                         std::chrono::seconds(10)));
+  ASSERT_TRUE(wait_until(
+      [&] { return boards[0]->log_has(fmt::format("crate: peer {} went away; reconnecting", tcp(boards[1]->port()))); },
+      std::chrono::seconds(10)));
   boards[1]->start();
   // B's subscriber reconnects to its new bus, which reconnects to A; A's SUB is back at B.
   ASSERT_TRUE(wait_for_route(*from_a, kMaxRate, {&b_rate}));
@@ -333,9 +333,9 @@ TEST_F(CrateTest, WithCurveOnlyThePeersKeysGetIn) {
   const auto topic = wire::encode_topic(kMaxRate);
   const std::vector<std::uint8_t> injected_payload{0x66};
 
-  ASSERT_TRUE(wait_until([&] {
-    return boards[0]->log_has(fmt::format("its key {} is not one of the peers'", intruder.public_key));
-  }, std::chrono::seconds(10)));
+  ASSERT_TRUE(wait_until(
+      [&] { return boards[0]->log_has(fmt::format("its key {} is not one of the peers'", intruder.public_key)); },
+      std::chrono::seconds(10)));
   for (std::uint8_t i = 0; i < 20; ++i) {
     ASSERT_TRUE(from_a->send_event(make_event(kMaxRate, {i})).has_value());
     injector.send(zmq::buffer(topic), zmq::send_flags::sndmore);

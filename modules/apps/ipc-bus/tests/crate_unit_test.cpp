@@ -95,8 +95,9 @@ TEST(CrateConfig, EachBadValueIsNamed) {
   EXPECT_EQ(error_of("slot = \"5\"\n"), "crate configuration crate.toml: slot must be a number from 0 to 65533");
   EXPECT_EQ(error_of("listen = \"ipc:///tmp/x\"\n"),
             "crate configuration crate.toml: listen \"ipc:///tmp/x\" is not tcp://host:port (port 1 to 65535)");
-  EXPECT_EQ(error_of("listen = \"tcp://127.0.0.1:70000\"\n"),
-            "crate configuration crate.toml: listen \"tcp://127.0.0.1:70000\" is not tcp://host:port (port 1 to 65535)");
+  EXPECT_EQ(
+      error_of("listen = \"tcp://127.0.0.1:70000\"\n"),
+      "crate configuration crate.toml: listen \"tcp://127.0.0.1:70000\" is not tcp://host:port (port 1 to 65535)");
   EXPECT_EQ(error_of("listen = 5\n"), "crate configuration crate.toml: listen must be a string");
   EXPECT_EQ(error_of("peers = \"tcp://127.0.0.1:1\"\n"), "crate configuration crate.toml: peers must be a list");
   EXPECT_EQ(error_of("peers = [\"tcp://127.0.0.1\"]\n"),
@@ -110,16 +111,18 @@ TEST(CrateConfig, EachBadValueIsNamed) {
             "crate configuration crate.toml: keys: \"15500\" is not GROUP:ID (numbers up to 65535)");
   EXPECT_EQ(error_of("keys = [\"15500:70000\"]\n"),
             "crate configuration crate.toml: keys: \"15500:70000\" is not GROUP:ID (numbers up to 65535)");
-  EXPECT_EQ(error_of("keys = [\"15500:0xFFFF\"]\n"),
-            "crate configuration crate.toml: keys: \"15500:0xFFFF\" names no single event (id 65535 is the whole group)");
+  EXPECT_EQ(
+      error_of("keys = [\"15500:0xFFFF\"]\n"),
+      "crate configuration crate.toml: keys: \"15500:0xFFFF\" names no single event (id 65535 is the whole group)");
   EXPECT_EQ(error_of("keys = \"15500:15537\"\n"),
             "crate configuration crate.toml: keys must be a list of \"GROUP:ID\" strings");
   EXPECT_EQ(error_of("port = 1\n"), "crate configuration crate.toml: unknown key port");
   EXPECT_EQ(error_of("enabled = true\nlisten = \"tcp://127.0.0.1:1\"\n"),
             "crate configuration crate.toml: slot is missing");
   EXPECT_EQ(error_of("enabled = true\nslot = 1\n"), "crate configuration crate.toml: listen is missing");
-  EXPECT_EQ(error_of("slot = [\n"), "crate configuration crate.toml: syntax error at line 1, column 10: "
-                                     "Error while parsing array: encountered end-of-file");
+  EXPECT_EQ(error_of("slot = [\n"),
+            "crate configuration crate.toml: syntax error at line 1, column 10: "
+            "Error while parsing array: encountered end-of-file");
   EXPECT_EQ(error_of(head + "[curve]\npublic_key = \"/x\"\n"),
             "crate configuration crate.toml: curve needs both public_key and secret_key");
   EXPECT_EQ(error_of(head + "curve = 1\n"),
@@ -151,13 +154,15 @@ secret_key = "{}"
 }
 
 TEST_F(CrateKeyFiles, BadKeyFilesAreNamed) {
-  const std::string curve = fmt::format("[curve]\npublic_key = \"{}\"\nsecret_key = \"{}\"\n", board_public, board_secret);
+  const std::string curve =
+      fmt::format("[curve]\npublic_key = \"{}\"\nsecret_key = \"{}\"\n", board_public, board_secret);
   const std::string head = "enabled = true\nslot = 5\nlisten = \"tcp://127.0.0.1:15600\"\n";
   EXPECT_EQ(error_of(head + "peers = [\"tcp://127.0.0.1:15601\"]\n" + curve),
             "crate configuration crate.toml: peers[0] (tcp://127.0.0.1:15601) has no public_key, which [curve] needs");
   const std::string broken = dir.write("broken.pub", "not a key\n");
-  EXPECT_EQ(error_of(head + fmt::format("peers = [{{address = \"tcp://h:1\", public_key = \"{}\"}}]\n", broken) + curve),
-            fmt::format("crate configuration crate.toml: crate key file {}: not a key of 40 Z85 characters", broken));
+  EXPECT_EQ(
+      error_of(head + fmt::format("peers = [{{address = \"tcp://h:1\", public_key = \"{}\"}}]\n", broken) + curve),
+      fmt::format("crate configuration crate.toml: crate key file {}: not a key of 40 Z85 characters", broken));
   const std::string missing = dir.file("missing.pub");
   EXPECT_EQ(error_of(head + fmt::format("[curve]\npublic_key = \"{}\"\nsecret_key = \"{}\"\n", missing, board_secret)),
             fmt::format("crate configuration crate.toml: crate key file: cannot read {}: No such file or directory",
