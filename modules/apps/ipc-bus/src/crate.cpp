@@ -260,7 +260,7 @@ Z85Key read_key_file(const std::string& path) {
   }
   const auto first = text.find_first_not_of(" \t\r\n");
   const auto last = text.find_last_not_of(" \t\r\n");
-  const std::string key = first == std::string::npos ? std::string{} : text.substr(first, last - first + 1);
+  std::string key = first == std::string::npos ? std::string{} : text.substr(first, last - first + 1);
   std::array<std::uint8_t, 32> decoded{};
   if (key.size() != kZ85KeySize || zmq_z85_decode(decoded.data(), key.c_str()) == nullptr) {
     throw CrateConfigError(fmt::format("crate key file {}: not a key of 40 Z85 characters", path));

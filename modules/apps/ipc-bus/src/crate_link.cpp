@@ -78,8 +78,8 @@ void common_options(zmq::socket_t& socket) {
 
 }  // namespace
 
-CrateLink::CrateLink(zmq::context_t& context, const CrateConfig& config, Say say)
-    : context_(context), config_(config), say_(std::move(say)), publisher_(context, zmq::socket_type::xpub) {
+CrateLink::CrateLink(zmq::context_t& context, CrateConfig config, Say say)
+    : context_(context), config_(std::move(config)), say_(std::move(say)), publisher_(context, zmq::socket_type::xpub) {
   if (config_.curve) {
     if (zmq_has("curve") == 0) {
       throw std::runtime_error("crate: [curve] is configured but this ZeroMQ has no CURVE");

@@ -31,7 +31,7 @@ class CrateLink {
   using Say = std::function<void(const std::string&)>;
 
   /// Binds the crate XPUB and connects to every peer; throws zmq::error_t or std::runtime_error.
-  CrateLink(zmq::context_t& context, const CrateConfig& config, Say say);
+  CrateLink(zmq::context_t& context, CrateConfig config, Say say);
   CrateLink(const CrateLink&) = delete;
   CrateLink& operator=(const CrateLink&) = delete;
   ~CrateLink();
