@@ -5,12 +5,9 @@
 
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/free_port.hpp"
 #include "xpon/test/process.hpp"
 #include "xpon/test/temp_dir.hpp"
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -37,24 +34,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr Key kMaxRate{15500, 15537};
 constexpr int kWarmUp = 200;
-
-int free_port() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw std::runtime_error("no free port");
-  }
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
-std::string tcp(int port) {
-  return fmt::format("tcp://127.0.0.1:{}", port);
-}
 
 void set_percentiles(benchmark::State& state, std::vector<double>& micros) {
   if (micros.empty()) {
@@ -91,8 +70,8 @@ class Crate {
  public:
   /// With `same_board` the subscriber is on A too: the path of a board's own events, for comparison.
   Crate(bool curve, bool same_board) {
-    const int port_a = free_port();
-    const int port_b = free_port();
+    const int port_a = xpon::test::free_tcp_port();
+    const int port_b = xpon::test::free_tcp_port();
     std::string keys_a;
     std::string keys_b;
     if (curve) {
@@ -127,26 +106,12 @@ class Crate {
   }
 
   /// Publishes the next event on A; true once it reached B's endpoint.
-  bool send_and_wait() {
-    ++sequence_;
-    Event event;
-    event.group = kMaxRate.group;
-    event.id = kMaxRate.id;
-    event.payload.resize(sizeof sequence_);
-    std::memcpy(event.payload.data(), &sequence_, sizeof sequence_);
-    return publisher_->send_event(event).has_value() && arrivals_.wait_for(sequence_, std::chrono::seconds(5));
-  }
+  bool send_and_wait() { return send_next() && arrivals_.wait_for(sequence_, std::chrono::seconds(5)); }
 
   /// Sends until an event arrives: both buses and both endpoints are connected.
   bool wait_for_route() {
     for (int i = 0; i < 200; ++i) {
-      ++sequence_;
-      Event event;
-      event.group = kMaxRate.group;
-      event.id = kMaxRate.id;
-      event.payload.resize(sizeof sequence_);
-      std::memcpy(event.payload.data(), &sequence_, sizeof sequence_);
-      if (publisher_->send_event(event).has_value() && arrivals_.wait_for(sequence_, std::chrono::milliseconds(100))) {
+      if (send_next() && arrivals_.wait_for(sequence_, std::chrono::milliseconds(100))) {
         return true;
       }
     }
@@ -154,13 +119,26 @@ class Crate {
   }
 
  private:
+  /// Publishes the event with the next sequence number on A.
+  bool send_next() {
+    ++sequence_;
+    Event event;
+    event.group = kMaxRate.group;
+    event.id = kMaxRate.id;
+    event.payload.resize(sizeof sequence_);
+    std::memcpy(event.payload.data(), &sequence_, sizeof sequence_);
+    return publisher_->send_event(event).has_value();
+  }
+
   void start(const xpon::test::TempDir& dir, int slot, int port, int peer_port, const std::string& keys,
              const std::string& peer_keys) {
-    std::string text = fmt::format("enabled = true\nslot = {}\nlisten = \"{}\"\n", slot, tcp(port));
+    std::string text =
+        fmt::format("enabled = true\nslot = {}\nlisten = \"{}\"\n", slot, xpon::test::loopback_tcp(port));
     if (keys.empty()) {
-      text += fmt::format("peers = [\"{}\"]\n", tcp(peer_port));
+      text += fmt::format("peers = [\"{}\"]\n", xpon::test::loopback_tcp(peer_port));
     } else {
-      text += fmt::format("peers = [{{address = \"{}\", public_key = \"{}/board.pub\"}}]\n", tcp(peer_port), peer_keys);
+      text += fmt::format("peers = [{{address = \"{}\", public_key = \"{}/board.pub\"}}]\n",
+                          xpon::test::loopback_tcp(peer_port), peer_keys);
       text += fmt::format("[curve]\npublic_key = \"{0}/board.pub\"\nsecret_key = \"{0}/board.key\"\n", keys);
     }
     const std::string config = dir.write("crate.toml", text);
@@ -244,7 +222,7 @@ void BM_BarePubSub(benchmark::State& state) {
     subscriber.set(zmq::sockopt::curve_publickey, std::string(client_public.data()));
     subscriber.set(zmq::sockopt::curve_secretkey, std::string(client_secret.data()));
   }
-  const std::string address = tcp(free_port());
+  const std::string address = xpon::test::loopback_tcp(xpon::test::free_tcp_port());
   publisher.bind(address);
   subscriber.connect(address);
   wire::Header header;

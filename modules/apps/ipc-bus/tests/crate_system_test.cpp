@@ -4,12 +4,9 @@
 #include "event_log.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
+#include "xpon/test/free_port.hpp"
 #include "xpon/test/ipc_env.hpp"
 #include "xpon/test/recording_logger.hpp"
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -33,25 +30,6 @@ using test::wait_until;
 constexpr Key kMaxRate{15500, 15537};
 constexpr Key kMinRate{15500, 15538};
 constexpr Key kSfpInserted{15500, 15539};  // not crate-wide
-
-/// A TCP port of the loopback that nothing listens on now.
-int free_port() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw std::runtime_error("no free port");
-  }
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
-std::string tcp(int port) {
-  return fmt::format("tcp://127.0.0.1:{}", port);
-}
 
 /// A generated key pair: the paths of its files and the public key.
 struct KeyPair {
@@ -77,10 +55,12 @@ class Board {
 
   /// Writes the configuration; peers are (port, public key file) pairs.
   void configure(const std::vector<std::pair<int, std::string>>& peers, const std::optional<KeyPair>& keys = {}) {
-    std::string text = fmt::format("enabled = true\nslot = {}\nlisten = \"{}\"\npeers = [\n", slot_, tcp(port_));
+    std::string text =
+        fmt::format("enabled = true\nslot = {}\nlisten = \"{}\"\npeers = [\n", slot_, test::loopback_tcp(port_));
     for (const auto& [port, key] : peers) {
-      text += key.empty() ? fmt::format("  \"{}\",\n", tcp(port))
-                          : fmt::format("  {{address = \"{}\", public_key = \"{}\"}},\n", tcp(port), key);
+      text += key.empty()
+                  ? fmt::format("  \"{}\",\n", test::loopback_tcp(port))
+                  : fmt::format("  {{address = \"{}\", public_key = \"{}\"}},\n", test::loopback_tcp(port), key);
     }
     text += "]\n";
     if (keys) {
@@ -149,7 +129,7 @@ class CrateTest : public ::testing::Test {
   std::vector<std::unique_ptr<Board>> make_boards(std::size_t count) {
     std::vector<std::unique_ptr<Board>> boards;
     for (std::size_t i = 0; i < count; ++i) {
-      boards.push_back(std::make_unique<Board>(static_cast<std::uint16_t>(i + 1), free_port()));
+      boards.push_back(std::make_unique<Board>(static_cast<std::uint16_t>(i + 1), test::free_tcp_port()));
     }
     return boards;
   }
@@ -250,7 +230,7 @@ TEST_F(CrateTest, ABoardStartedAfterTheEventGetsIt) {
   EXPECT_EQ(events[0].source, 0x00190001U);
   // Handing it to C did not send it to B again.
   EXPECT_EQ(b_rate.count(kMaxRate), 2U);
-  EXPECT_TRUE(boards[2]->log_has(fmt::format("crate: joined peer {}", tcp(boards[0]->port()))));
+  EXPECT_TRUE(boards[2]->log_has(fmt::format("crate: joined peer {}", test::loopback_tcp(boards[0]->port()))));
 }
 
 TEST_F(CrateTest, ARestartedPeerIsReconnected) {
@@ -271,7 +251,10 @@ TEST_F(CrateTest, ARestartedPeerIsReconnected) {
   const auto end = boards[1]->stop(SIGKILL);
   EXPECT_TRUE(end.signaled);
   ASSERT_TRUE(wait_until(
-      [&] { return boards[0]->log_has(fmt::format("crate: peer {} went away; reconnecting", tcp(boards[1]->port()))); },
+      [&] {
+        return boards[0]->log_has(
+            fmt::format("crate: peer {} went away; reconnecting", test::loopback_tcp(boards[1]->port())));
+      },
       std::chrono::seconds(10)));
   boards[1]->start();
   // B's subscriber reconnects to its new bus, which reconnects to A; A's SUB is back at B.
@@ -282,7 +265,7 @@ TEST_F(CrateTest, ARestartedPeerIsReconnected) {
   EXPECT_TRUE(wait_until([&] { return b_rate.count(kMaxRate) == 1 && a_rate.count(kMinRate) == 1; }));
   EXPECT_EQ(b_rate.events().at(0).payload, Payload{3});
   EXPECT_EQ(a_rate.events().at(0).payload, Payload{4});
-  EXPECT_TRUE(boards[1]->log_has(fmt::format("crate: joined peer {}", tcp(boards[0]->port()))));
+  EXPECT_TRUE(boards[1]->log_has(fmt::format("crate: joined peer {}", test::loopback_tcp(boards[0]->port()))));
   EXPECT_TRUE(boards[0]->log_has("crate: connection from 127.0.0.1:"));
 }
 
@@ -317,12 +300,12 @@ TEST_F(CrateTest, WithCurveOnlyThePeersKeysGetIn) {
   keyed.set(zmq::sockopt::curve_serverkey, a_keys.public_key);
   keyed.set(zmq::sockopt::curve_publickey, intruder.public_key);
   keyed.set(zmq::sockopt::curve_secretkey, intruder.secret_key);
-  plain.connect(tcp(boards[0]->port()));
-  keyed.connect(tcp(boards[0]->port()));
+  plain.connect(test::loopback_tcp(boards[0]->port()));
+  keyed.connect(test::loopback_tcp(boards[0]->port()));
   // Injecting: a publisher without keys where A expects its absent peer, sending a crate-wide event.
   zmq::socket_t injector(context, zmq::socket_type::pub);
   injector.set(zmq::sockopt::linger, 0);
-  injector.bind(tcp(absent_port));
+  injector.bind(test::loopback_tcp(absent_port));
   wire::Header header;
   header.kind = wire::Kind::Event;
   header.source = 0x00190003;
@@ -352,8 +335,9 @@ TEST_F(CrateTest, WithCurveOnlyThePeersKeysGetIn) {
   for (const auto& event : a_rate.events()) {
     EXPECT_NE(event.payload, injected_payload);
   }
-  EXPECT_TRUE(boards[0]->log_has(fmt::format("crate: handshake with peer {} failed (wrong key?)", tcp(absent_port))));
-  EXPECT_TRUE(boards[1]->log_has(fmt::format("crate: joined peer {}", tcp(boards[0]->port()))));
+  EXPECT_TRUE(boards[0]->log_has(
+      fmt::format("crate: handshake with peer {} failed (wrong key?)", test::loopback_tcp(absent_port))));
+  EXPECT_TRUE(boards[1]->log_has(fmt::format("crate: joined peer {}", test::loopback_tcp(boards[0]->port()))));
 }
 
 TEST(CrateSettings, TheBusRefusesAnOpenAddressWithoutKeys) {
