@@ -1,5 +1,10 @@
 // xpon-ipc-bus: the event bus of a board. Publishers push events into bus.in; every event is
-// forwarded unchanged (topic, header, payload) to the subscribers of bus.sub.
+// forwarded unchanged (topic, header, payload) to the subscribers of bus.sub. With the crate
+// transport configured, the crate-wide events also travel to and from the other boards of the
+// crate (crate.hpp, crate_link.hpp).
+
+#include "crate.hpp"
+#include "crate_link.hpp"
 
 #include "xpon/core/file_descriptor.hpp"
 #include "xpon/ipc/paths.hpp"
@@ -20,6 +25,8 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 #include <zmq.hpp>
@@ -61,7 +68,7 @@ void drain_subscriptions(zmq::socket_t& publisher, BusStats& stats) {
   }
 }
 
-void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats) {
+void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats, xpon::ipc_bus::CrateLink* crate) {
   std::vector<zmq::message_t> frames;
   // A bounded batch keeps the subscription side and the signals served under a flood.
   for (int i = 0; i < 1024; ++i) {
@@ -73,6 +80,9 @@ void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats) {
       ++stats.malformed;
       continue;
     }
+    if (crate != nullptr) {
+      crate->offer(frames);  // before sending, which empties the frames
+    }
     // XPUB never blocks: with no subscriber for the topic, or a subscriber at its HWM, it drops.
     publisher.send(frames[0], zmq::send_flags::sndmore);
     publisher.send(frames[1], zmq::send_flags::sndmore);
@@ -81,7 +91,7 @@ void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats) {
   }
 }
 
-int run(int settle_ms, bool verbose) {
+int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_config) {
   // Blocked before ZeroMQ starts its threads, so that they inherit the mask and the signals
   // are read only through the signalfd below.
   sigset_t signals;
@@ -130,16 +140,27 @@ int run(int settle_ms, bool verbose) {
     if (verbose) {
       say(fmt::format("forwarding {} -> {}", xpon::ipc::bus_in_endpoint(), xpon::ipc::bus_sub_endpoint()));
     }
+    std::unique_ptr<xpon::ipc_bus::CrateLink> crate;
+    if (crate_config.enabled) {
+      crate = std::make_unique<xpon::ipc_bus::CrateLink>(context, crate_config, say);
+    }
 
-    std::array<zmq::pollitem_t, 3> items{{
+    std::vector<zmq::pollitem_t> items{
         {inlet.handle(), 0, ZMQ_POLLIN, 0},
         {publisher.handle(), 0, ZMQ_POLLIN, 0},
         {nullptr, signal_fd.get(), ZMQ_POLLIN, 0},
-    }};
+    };
+    if (crate) {
+      const auto crate_items = crate->poll_items();
+      items.insert(items.end(), crate_items.begin(), crate_items.end());
+    }
     while (!stop) {
       zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
       if ((items[0].revents & ZMQ_POLLIN) != 0) {
-        forward(inlet, publisher, stats);
+        forward(inlet, publisher, stats, crate.get());
+      }
+      if (crate) {
+        crate->service(&items[3], publisher);
       }
       if ((items[1].revents & ZMQ_POLLIN) != 0) {
         drain_subscriptions(publisher, stats);
@@ -149,6 +170,14 @@ int run(int settle_ms, bool verbose) {
         [[maybe_unused]] const auto got = xpon::core::read_once(signal_fd.get(), &info, sizeof info);
         stop = true;
       }
+    }
+    if (crate) {
+      const auto& counts = crate->stats();
+      say(fmt::format(
+          "crate: {} events sent, {} received, {} handed to joining peers, {} kept here (another slot), "
+          "{} refused, {} connections refused",
+          counts.sent, counts.received, counts.replayed, counts.foreign_slot, counts.refused, counts.refused_peers));
+      crate.reset();
     }
     inlet.close();
     publisher.close();
@@ -173,14 +202,43 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0, 60000))
       ->capture_default_str();
   app.add_flag("-v,--verbose", verbose, "Say where the bus listens");
+  std::string crate_config_path(xpon::ipc_bus::kDefaultCrateConfig);
+  app.add_option("--crate-config", crate_config_path,
+                 "Crate transport settings (TOML); a missing file leaves the transport off")
+      ->capture_default_str();
+  std::string key_directory;
+  app.add_option("--generate-keys", key_directory,
+                 "Write a new CURVE key pair for the crate transport into DIR (board.pub, board.key) and exit")
+      ->type_name("DIR");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     const int status = app.exit(error);
     return status == 0 ? 0 : 2;
   }
+  if (!key_directory.empty()) {
+    try {
+      const auto [public_path, secret_path] = xpon::ipc_bus::generate_key_files(key_directory);
+      std::printf("wrote %s and %s\n", public_path.c_str(), secret_path.c_str());
+      return 0;
+    } catch (const std::exception& error) {
+      say(error.what());
+      return 1;
+    }
+  }
+  xpon::ipc_bus::CrateConfig crate_config;
   try {
-    return run(settle_ms, verbose);
+    crate_config = xpon::ipc_bus::load_crate_config(crate_config_path);
+  } catch (const xpon::ipc_bus::CrateConfigError& error) {
+    say(error.what());
+    return 2;
+  }
+  if (const std::string refusal = xpon::ipc_bus::listen_refusal(crate_config); !refusal.empty()) {
+    say("crate: " + refusal);
+    return 2;
+  }
+  try {
+    return run(settle_ms, verbose, crate_config);
   } catch (const std::exception& error) {
     say(error.what());
     return 1;

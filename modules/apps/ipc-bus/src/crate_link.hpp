@@ -1,0 +1,80 @@
+#pragma once
+
+// The sockets of the crate transport: an XPUB on the board's crate address that the other boards
+// subscribe to, one SUB per peer, their monitors and, with CURVE, the ZAP handler that admits
+// only the peers' keys.
+
+#include "crate.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+#include <zmq.hpp>
+
+namespace xpon::ipc_bus {
+
+/// What the crate transport has done since the bus started.
+struct CrateStats {
+  std::uint64_t sent = 0;           ///< local events published to the crate
+  std::uint64_t received = 0;       ///< events from peers delivered on this board
+  std::uint64_t replayed = 0;       ///< cached events handed to a peer that subscribed
+  std::uint64_t foreign_slot = 0;   ///< crate-wide local events kept here: their source names another slot
+  std::uint64_t refused = 0;        ///< messages from peers dropped: malformed, or a key that is not crate-wide
+  std::uint64_t refused_peers = 0;  ///< connections whose CURVE key is not one of the peers'
+};
+
+class CrateLink {
+ public:
+  using Say = std::function<void(const std::string&)>;
+
+  /// Binds the crate XPUB and connects to every peer; throws zmq::error_t or std::runtime_error.
+  CrateLink(zmq::context_t& context, CrateConfig config, Say say);
+  CrateLink(const CrateLink&) = delete;
+  CrateLink& operator=(const CrateLink&) = delete;
+  ~CrateLink();
+
+  /// The sockets to poll for input, in the order service() expects them back.
+  [[nodiscard]] std::vector<zmq::pollitem_t> poll_items();
+
+  /// Serves the sockets whose poll items (as returned by poll_items, with their revents) are
+  /// ready: subscriptions, peers' events (delivered to `local`), monitors, ZAP requests.
+  void service(const zmq::pollitem_t* items, zmq::socket_t& local);
+
+  /// Hands a local event (its three frames as forwarded on this board) to the crate when its key
+  /// is crate-wide.
+  void offer(const std::vector<zmq::message_t>& frames);
+
+  [[nodiscard]] const CrateStats& stats() const { return stats_; }
+
+ private:
+  struct Monitor {
+    zmq::socket_t socket;
+    std::string what;      ///< the peer's address, or empty for the XPUB
+    bool failing = false;  ///< its last handshake failed (said once until one succeeds)
+  };
+
+  void serve_subscriptions();
+  void serve_peer(zmq::socket_t& sub, zmq::socket_t& local);
+  void serve_monitor(Monitor& monitor);
+  void serve_zap();
+  Monitor watch(zmq::socket_t& socket, const std::string& what, int events);
+  void send_frames(const LateJoinerCache::Frames& frames);
+
+  zmq::context_t& context_;
+  CrateConfig config_;
+  Say say_;
+  std::unique_ptr<zmq::socket_t> zap_;
+  zmq::socket_t publisher_;
+  std::vector<zmq::socket_t> subscribers_;
+  std::vector<Monitor> monitors_;
+  std::map<int, std::string> connections_;  ///< the remote address of each accepted descriptor
+  std::set<Z85Key> peer_keys_;
+  LateJoinerCache cache_;
+  CrateStats stats_;
+  int monitor_count_ = 0;
+};
+
+}  // namespace xpon::ipc_bus
