@@ -3,6 +3,7 @@
 // is a bare ZeroMQ PUB/SUB over the same TCP loopback with the same three frames, each end in a
 // context of its own (as two processes). Both with and without CURVE.
 
+#include "xpon/bench/percentiles.hpp"
 #include "xpon/ipc/wire.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 #include "xpon/test/free_port.hpp"
@@ -34,15 +35,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr Key kMaxRate{15500, 15537};
 constexpr int kWarmUp = 200;
-
-void set_percentiles(benchmark::State& state, std::vector<double>& micros) {
-  if (micros.empty()) {
-    return;
-  }
-  std::sort(micros.begin(), micros.end());
-  state.counters["p50_us"] = micros[micros.size() / 2];
-  state.counters["p99_us"] = micros[micros.size() * 99 / 100];
-}
 
 /// Waits for the sequence numbers a handler reports.
 class Arrivals {
@@ -184,7 +176,7 @@ void measure_event(benchmark::State& state, bool same_board) {
       break;
     }
   }
-  set_percentiles(state, micros);
+  xpon::bench::set_percentiles(state, micros);
 }
 
 void BM_CrateEvent(benchmark::State& state) {
@@ -266,7 +258,7 @@ void BM_BarePubSub(benchmark::State& state) {
     round(true);
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
-  set_percentiles(state, micros);
+  xpon::bench::set_percentiles(state, micros);
 }
 BENCHMARK(BM_BarePubSub)->ArgName("curve")->Arg(0)->Arg(1)->UseRealTime();
 

@@ -1,6 +1,7 @@
 // Latency and throughput of the IPC library over ipc:// sockets, next to a bare ZeroMQ
 // DEALER/ROUTER ping-pong over the same transport, and events through a real xpon-ipc-bus.
 
+#include "xpon/bench/percentiles.hpp"
 #include "xpon/ipc/paths.hpp"
 #include "xpon/ipc/zmq_ipc.hpp"
 
@@ -75,15 +76,6 @@ void set_threads_cpu_per_request(benchmark::State& state, double cpu_before) {
   }
 }
 
-void set_percentiles(benchmark::State& state, std::vector<double>& micros) {
-  if (micros.empty()) {
-    return;
-  }
-  std::sort(micros.begin(), micros.end());
-  state.counters["p50_us"] = micros[micros.size() / 2];
-  state.counters["p99_us"] = micros[micros.size() * 99 / 100];
-}
-
 void BM_LibraryRoundTrip(benchmark::State& state) {
   Request request;
   request.group = kEcho.group;
@@ -110,7 +102,7 @@ void BM_LibraryRoundTrip(benchmark::State& state) {
     benchmark::DoNotOptimize(answer);
   }
   set_cpu_per_iteration(state, cpu_before);
-  set_percentiles(state, micros);
+  xpon::bench::set_percentiles(state, micros);
 }
 BENCHMARK(BM_LibraryRoundTrip)->Arg(0)->Arg(305)->UseRealTime();
 
@@ -165,7 +157,7 @@ void bare_round_trip(benchmark::State& state, bool separate_contexts) {
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
   set_cpu_per_iteration(state, cpu_before);
-  set_percentiles(state, micros);
+  xpon::bench::set_percentiles(state, micros);
   stop = true;
   echo.join();
 }
