@@ -224,7 +224,7 @@ int main(int argc, char** argv) {
 
   CLI::App app{
       "A stand-in for the platform's Election Manager, for development machines, tests and a crate on one "
-      "machine; not for a real crate, where the platform's own daemon runs. At 0x0015FFFE (XPON_ROOT and "
+      "machine; on a real crate the platform's own daemon owns this address. At 0x0015FFFE (XPON_ROOT and "
       "XPON_SLOT apply as for every endpoint) it answers the mastership query 14500:14504 with result 1 and "
       "the master slot as u16 little-endian, and publishes 14500:14505 with the new slot as payload whenever "
       "the master changes. The master is --master at start; with --master-file it follows the file's content "
@@ -235,9 +235,10 @@ int main(int argc, char** argv) {
   std::string master = std::to_string(kDefaultMaster);
   std::optional<std::string> master_file;
   bool verbose = false;
-  app.add_option("--master", master, "The master slot at start, 0 to 65533")->capture_default_str();
+  app.add_option("--master", master, "The master slot at start, 0 to 65533")->option_text("SLOT=21");
   app.add_option("--master-file", master_file,
-                 "A file holding the master slot in decimal; its content, when valid, wins over --master");
+                 "A file holding the master slot in decimal; its content, when valid, wins over --master")
+      ->option_text("PATH");
   app.add_flag("-v,--verbose", verbose, "Also log every query answered");
 
   return xpon::tool::run_command_line(app, argc, argv, [&] { return run(master, master_file, verbose); });

@@ -180,7 +180,11 @@ TEST_F(ElectionStub, SigusrOneRereadsTheFileAndDoesNotEndIt) {
   ASSERT_TRUE(stub_->signal(SIGUSR1));
   // The event of the change at start may reach the watcher too, or not: it was published about
   // when the watcher subscribed.
-  ASSERT_TRUE(wait_until([&] { return !changes().empty() && changes().back() == ipc::Payload{0x07, 0x00}; }, 5s))
+  ASSERT_TRUE(wait_until(
+      [&] {
+        return !changes().empty() && changes().back() == ipc::Payload{0x07, 0x00};
+      },
+      5s))
       << stub_log();
   const auto answer = ask();
   ASSERT_TRUE(answer.has_value()) << stub_log();
