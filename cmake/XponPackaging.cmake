@@ -1,6 +1,6 @@
 # Debian packages made by CPack, one per install component:
 #   daemon   -> xpon-system-mgr  the daemon, the event bus, their units, the default configuration
-#   tools    -> xpon-tools       system-mgr-ctl, xpon-ipc, xpon-cfg, xpon-factory
+#   tools    -> xpon-tools       system-mgr-ctl, xpon-ipc, xpon-election-stub, xpon-cfg, xpon-factory
 #   emulator -> xpon-board-emu   the board emulator, its unit and the example scenarios
 #   bridges  -> xpon-bridges     the Prometheus exporter (and SNMP subagent) with their units
 # `cpack --config build/<preset>/CPackConfig.cmake -B build/<preset>/packages` makes them for the
@@ -79,8 +79,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME xpon-tools)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
    "command-line tools for the xPON system manager
 system-mgr-ctl asks the daemon for its readings and decodes its events,
-xpon-ipc sends and serves raw IPC messages, xpon-cfg reads and changes the
-configuration database and xpon-factory reads and writes factory EEPROM
+xpon-ipc sends and serves raw IPC messages, xpon-election-stub stands in for
+the Election Manager where the platform has none, xpon-cfg reads and changes
+the configuration database and xpon-factory reads and writes factory EEPROM
 images.")
 
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_NAME xpon-board-emu)
