@@ -82,9 +82,8 @@ TEST(CuseModeProgram, MissingCuseChannelExitsThreeNamingItAndModprobe) {
 class CuseModeStateDir : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) {
-      GTEST_SKIP() << "the CUSE mode runs as root: it mounts its state directory for every user";
-    }
+    XPON_SKIP_OR_FAIL_IN_CI(std::string(
+        ::geteuid() == 0 ? "" : "the CUSE mode runs as root: it mounts its state directory for every user"));
     XPON_SKIP_OR_FAIL_IN_CI(xpon::test::fuse_unavailable_reason());
     ASSERT_EQ(::mkfifo(channel().c_str(), 0600), 0) << std::strerror(errno);
     const std::string scenario = dir_.write("scenario.json", kScenario);
