@@ -10,6 +10,7 @@
 #include <toml++/toml.h>
 
 #include <zmq.h>
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -96,24 +97,49 @@ CratePeer read_peer(const toml::node& node, const std::string& path, std::size_t
   return peer;
 }
 
-std::set<ipc::Key> read_keys(const toml::node& node, const std::string& path) {
+std::set<ipc::Key> read_keys(const toml::node& node, const std::string& path, std::string_view name = "keys") {
   const auto* array = node.as_array();
   if (array == nullptr) {
-    fail(path, "keys must be a list of \"GROUP:ID\" strings");
+    fail(path, "{} must be a list of \"GROUP:ID\" strings", name);
   }
   std::set<ipc::Key> keys;
   for (const auto& element : *array) {
     const auto* text = element.as_string();
     const auto key = text == nullptr ? std::nullopt : parse_key(text->get());
     if (!key) {
-      fail(path, "keys: \"{}\" is not GROUP:ID (numbers up to 65535)", text == nullptr ? "?" : text->get());
+      fail(path, "{}: \"{}\" is not GROUP:ID (numbers up to 65535)", name, text == nullptr ? "?" : text->get());
     }
     if (key->id == ipc::kAnyId) {
-      fail(path, "keys: \"{}\" names no single event (id 65535 is the whole group)", text->get());
+      fail(path, "{}: \"{}\" names no single event (id 65535 is the whole group)", name, text->get());
     }
     keys.insert(*key);
   }
   return keys;
+}
+
+StateKeys read_states(const toml::node& node, const std::string& path) {
+  const auto* array = node.as_array();
+  if (array == nullptr) {
+    fail(path, "states must be a list of lists of \"GROUP:ID\" strings");
+  }
+  StateKeys states;
+  std::set<ipc::Key> seen;
+  for (const auto& element : *array) {
+    if (!element.is_array()) {
+      fail(path, "states must be a list of lists of \"GROUP:ID\" strings");
+    }
+    std::set<ipc::Key> state = read_keys(element, path, "states");
+    if (state.size() < 2) {
+      fail(path, "states: a state needs at least two keys");
+    }
+    for (const auto& key : state) {
+      if (!seen.insert(key).second) {
+        fail(path, "states: {}:{} is in more than one state", key.group, key.id);
+      }
+    }
+    states.push_back(std::move(state));
+  }
+  return states;
 }
 
 CrateKeys read_curve(const toml::node& node, const std::string& path, std::string& public_file,
@@ -323,6 +349,8 @@ CrateConfig parse_crate_config(std::string_view text, const std::string& path) {
       }
     } else if (name == "keys") {
       config.keys = read_keys(value, path);
+    } else if (name == "states") {
+      config.states = read_states(value, path);
     } else if (name == "curve") {
       curve = &value;
     } else {
@@ -403,13 +431,39 @@ Forwarding decide_forwarding(Origin origin, ipc::Key key, ipc::Address source, c
   return forwarding;
 }
 
+ipc::Key LateJoinerCache::state_of(ipc::Key key) const {
+  for (const auto& state : states_) {
+    if (state.contains(key)) {
+      return *state.begin();
+    }
+  }
+  return key;
+}
+
 void LateJoinerCache::remember(std::uint16_t slot, ipc::Key key, Frames frames) {
-  events_[{slot, key}] = std::move(frames);
+  events_[{slot, state_of(key)}] = Entry{key, next_sequence_++, std::move(frames)};
 }
 
 const LateJoinerCache::Frames* LateJoinerCache::find(std::uint16_t slot, ipc::Key key) const {
-  const auto found = events_.find({slot, key});
-  return found == events_.end() ? nullptr : &found->second;
+  const auto found = events_.find({slot, state_of(key)});
+  return found == events_.end() || found->second.key != key ? nullptr : &found->second.frames;
+}
+
+std::vector<const LateJoinerCache::Frames*> LateJoinerCache::with_key(ipc::Key key) const {
+  std::vector<const Entry*> entries;
+  for (const auto& [where, entry] : events_) {
+    if (entry.key == key) {
+      entries.push_back(&entry);
+    }
+  }
+  std::sort(entries.begin(), entries.end(),
+            [](const Entry* left, const Entry* right) { return left->sequence < right->sequence; });
+  std::vector<const Frames*> frames;
+  frames.reserve(entries.size());
+  for (const Entry* entry : entries) {
+    frames.push_back(&entry->frames);
+  }
+  return frames;
 }
 
 }  // namespace xpon::ipc_bus

@@ -25,6 +25,12 @@ inline constexpr std::string_view kDefaultCrateConfig = "/etc/xpon/crate.toml";
 /// of the system manager and the Election Manager's mastership event.
 inline const std::set<ipc::Key> kDefaultCrateKeys{{15500, 15537}, {15500, 15538}, {14500, 14505}};
 
+/// Keys that carry one state of their sender between them: the newest event of any of them
+/// replaces the others. The two fan-rate events are one such state (a slot wants the maximum
+/// rate, or no longer does).
+using StateKeys = std::vector<std::set<ipc::Key>>;
+inline const StateKeys kDefaultStateKeys{{{15500, 15537}, {15500, 15538}}};
+
 /// A CURVE key as its 40 Z85 characters.
 using Z85Key = std::string;
 
@@ -48,6 +54,7 @@ struct CrateConfig {
   std::string listen;
   std::vector<CratePeer> peers;
   std::set<ipc::Key> keys = kDefaultCrateKeys;
+  StateKeys states = kDefaultStateKeys;
   bool insecure = false;
   std::optional<CrateKeys> curve;
 };
@@ -105,23 +112,42 @@ Forwarding decide_forwarding(Origin origin, ipc::Key key, ipc::Address source, c
 /// The source word of an event as the crate sees it: a slot of 0xFFFE replaced by the board's slot.
 ipc::Address crate_source(ipc::Address source, std::uint16_t board_slot);
 
-/// The last crate-wide event this board published, per sender slot and key, as its frames
-/// (topic, header, payload), handed to a peer that subscribes later.
+/// The last crate-wide events, per sender slot and state: the frames (topic, header, payload) of
+/// the newest event of each, handed to an endpoint that subscribes later. A key outside every set
+/// of StateKeys is a state of its own.
 class LateJoinerCache {
  public:
   using Frames = std::vector<std::vector<std::uint8_t>>;
 
-  /// Keeps this event as the newest of its sender slot and key, replacing an older one.
+  explicit LateJoinerCache(StateKeys states = kDefaultStateKeys) : states_(std::move(states)) {}
+
+  /// Keeps this event as the newest of its sender slot and state, replacing an older one (also
+  /// one of another key of the same state).
   void remember(std::uint16_t slot, ipc::Key key, Frames frames);
 
-  /// The newest event of that slot and key, or nullptr.
+  /// The newest event of that slot's state when it has this key, or nullptr (nothing cached, or
+  /// a newer event of another key of the state replaced it).
   [[nodiscard]] const Frames* find(std::uint16_t slot, ipc::Key key) const;
 
-  /// How many (slot, key) pairs are held.
+  /// The newest event of every slot whose state holds this key, oldest first.
+  [[nodiscard]] std::vector<const Frames*> with_key(ipc::Key key) const;
+
+  /// How many (slot, state) pairs are held.
   [[nodiscard]] std::size_t size() const { return events_.size(); }
 
  private:
-  std::map<std::pair<std::uint16_t, ipc::Key>, Frames> events_;
+  struct Entry {
+    ipc::Key key;
+    std::uint64_t sequence = 0;
+    Frames frames;
+  };
+
+  /// The first key of the state set holding `key`, or `key` itself.
+  [[nodiscard]] ipc::Key state_of(ipc::Key key) const;
+
+  StateKeys states_;
+  std::map<std::pair<std::uint16_t, ipc::Key>, Entry> events_;
+  std::uint64_t next_sequence_ = 0;
 };
 
 }  // namespace xpon::ipc_bus

@@ -69,6 +69,16 @@ std::string remote_of(int fd) {
   return fmt::format("[{}]:{}", text.data(), ntohs(v6->sin6_port));
 }
 
+LateJoinerCache::Frames copy_of(const std::vector<zmq::message_t>& frames) {
+  LateJoinerCache::Frames copy;
+  copy.reserve(frames.size());
+  for (const auto& frame : frames) {
+    const auto data = bytes(frame);
+    copy.emplace_back(data.begin(), data.end());
+  }
+  return copy;
+}
+
 void common_options(zmq::socket_t& socket) {
   socket.set(zmq::sockopt::linger, 0);
   socket.set(zmq::sockopt::maxmsgsize, kMaxMessage);
@@ -79,7 +89,12 @@ void common_options(zmq::socket_t& socket) {
 }  // namespace
 
 CrateLink::CrateLink(zmq::context_t& context, CrateConfig config, Say say)
-    : context_(context), config_(std::move(config)), say_(std::move(say)), publisher_(context, zmq::socket_type::xpub) {
+    : context_(context),
+      config_(std::move(config)),
+      say_(std::move(say)),
+      publisher_(context, zmq::socket_type::xpub),
+      cache_(config_.states),
+      local_cache_(config_.states) {
   if (config_.curve) {
     if (zmq_has("curve") == 0) {
       throw std::runtime_error("crate: [curve] is configured but this ZeroMQ has no CURVE");
@@ -238,6 +253,7 @@ void CrateLink::serve_peer(zmq::socket_t& sub, zmq::socket_t& local) {
       ++stats_.refused;
       continue;
     }
+    local_cache_.remember(static_cast<std::uint16_t>(event->second.source & 0xFFFFU), event->first, copy_of(frames));
     local.send(frames[0], zmq::send_flags::sndmore);
     local.send(frames[1], zmq::send_flags::sndmore);
     local.send(frames[2], zmq::send_flags::none);
@@ -252,6 +268,9 @@ void CrateLink::offer(const std::vector<zmq::message_t>& frames) {
   }
   const auto& [key, header] = *event;
   const Forwarding forwarding = decide_forwarding(Origin::Local, key, header.source, config_);
+  if (config_.keys.contains(key)) {
+    local_cache_.remember(static_cast<std::uint16_t>(header.source & 0xFFFFU), key, copy_of(frames));
+  }
   if (forwarding.foreign_slot) {
     ++stats_.foreign_slot;
     if (stats_.foreign_slot == 1) {
@@ -263,11 +282,7 @@ void CrateLink::offer(const std::vector<zmq::message_t>& frames) {
   if (!forwarding.to_crate) {
     return;
   }
-  LateJoinerCache::Frames copy;
-  for (const auto& frame : frames) {
-    const auto data = bytes(frame);
-    copy.emplace_back(data.begin(), data.end());
-  }
+  LateJoinerCache::Frames copy = copy_of(frames);
   if (forwarding.fill_in_slot) {
     auto with_slot = header;
     with_slot.source = crate_source(header.source, config_.slot);
@@ -277,6 +292,25 @@ void CrateLink::offer(const std::vector<zmq::message_t>& frames) {
   send_frames(copy);
   ++stats_.sent;
   cache_.remember(config_.slot, key, std::move(copy));
+}
+
+void CrateLink::local_subscription(const zmq::message_t& message, zmq::socket_t& local) {
+  const auto data = bytes(message);
+  if (data.size() != 1 + ipc::wire::kTopicSize || data[0] != 1) {
+    return;
+  }
+  const auto key = ipc::wire::decode_topic(data.subspan(1));
+  if (!key || !config_.keys.contains(*key)) {
+    return;
+  }
+  // Published to every endpoint subscribed to the key, the one that just joined included: the
+  // others see a state they already have again, which changes nothing for them.
+  for (const auto* frames : local_cache_.with_key(*key)) {
+    for (std::size_t i = 0; i < frames->size(); ++i) {
+      local.send(zmq::buffer((*frames)[i]), i + 1 < frames->size() ? zmq::send_flags::sndmore : zmq::send_flags::none);
+    }
+    ++stats_.replayed_local;
+  }
 }
 
 void CrateLink::serve_monitor(Monitor& monitor) {

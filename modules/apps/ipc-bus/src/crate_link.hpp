@@ -18,12 +18,13 @@ namespace xpon::ipc_bus {
 
 /// What the crate transport has done since the bus started.
 struct CrateStats {
-  std::uint64_t sent = 0;           ///< local events published to the crate
-  std::uint64_t received = 0;       ///< events from peers delivered on this board
-  std::uint64_t replayed = 0;       ///< cached events handed to a peer that subscribed
-  std::uint64_t foreign_slot = 0;   ///< crate-wide local events kept here: their source names another slot
-  std::uint64_t refused = 0;        ///< messages from peers dropped: malformed, or a key that is not crate-wide
-  std::uint64_t refused_peers = 0;  ///< connections whose CURVE key is not one of the peers'
+  std::uint64_t sent = 0;            ///< local events published to the crate
+  std::uint64_t received = 0;        ///< events from peers delivered on this board
+  std::uint64_t replayed = 0;        ///< cached events handed to a peer that subscribed
+  std::uint64_t replayed_local = 0;  ///< cached events published again for a local endpoint that subscribed
+  std::uint64_t foreign_slot = 0;    ///< crate-wide local events kept here: their source names another slot
+  std::uint64_t refused = 0;         ///< messages from peers dropped: malformed, or a key that is not crate-wide
+  std::uint64_t refused_peers = 0;   ///< connections whose CURVE key is not one of the peers'
 };
 
 class CrateLink {
@@ -46,6 +47,12 @@ class CrateLink {
   /// Hands a local event (its three frames as forwarded on this board) to the crate when its key
   /// is crate-wide.
   void offer(const std::vector<zmq::message_t>& frames);
+
+  /// Takes a subscription message of the board's bus.sub (with ZMQ_XPUB_VERBOSE, one for every
+  /// endpoint that subscribes): when it names one crate-wide key, the newest event of that key of
+  /// every sender slot seen on this board is published again on `local`, so that an endpoint that
+  /// (re)starts learns the crate's states.
+  void local_subscription(const zmq::message_t& message, zmq::socket_t& local);
 
   [[nodiscard]] const CrateStats& stats() const { return stats_; }
 
@@ -72,7 +79,8 @@ class CrateLink {
   std::vector<Monitor> monitors_;
   std::map<int, std::string> connections_;  ///< the remote address of each accepted descriptor
   std::set<Z85Key> peer_keys_;
-  LateJoinerCache cache_;
+  LateJoinerCache cache_;        ///< this board's own crate-wide events, for the peers
+  LateJoinerCache local_cache_;  ///< every crate-wide event delivered on this board, for its endpoints
   CrateStats stats_;
   int monitor_count_ = 0;
 };

@@ -60,11 +60,16 @@ xpon::core::FileDescriptor lock_bus() {
   return lock;
 }
 
-/// Reads the subscription messages XPUB hands up so that they never pile up; they are only counted.
-void drain_subscriptions(zmq::socket_t& publisher, BusStats& stats) {
+/// Reads the subscription messages XPUB hands up so that they never pile up; they are counted,
+/// and with the crate transport on, an endpoint subscribing to a crate-wide key gets the crate's
+/// last events of that key.
+void drain_subscriptions(zmq::socket_t& publisher, BusStats& stats, xpon::ipc_bus::CrateLink* crate) {
   zmq::message_t message;
   while (publisher.recv(message, zmq::recv_flags::dontwait)) {
     ++stats.subscription_messages;
+    if (crate != nullptr) {
+      crate->local_subscription(message, publisher);
+    }
   }
 }
 
@@ -118,6 +123,11 @@ int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_con
     publisher.set(zmq::sockopt::sndhwm, kQueueDepth);
     inlet.set(zmq::sockopt::rcvhwm, kQueueDepth);
     inlet.set(zmq::sockopt::maxmsgsize, std::int64_t{1024} * 1024);
+    if (crate_config.enabled) {
+      // Every endpoint's subscription, not only the first of a topic: each one that subscribes to
+      // a crate-wide key is handed the crate's last events of it.
+      publisher.set(zmq::sockopt::xpub_verbose, true);
+    }
     publisher.bind(xpon::ipc::bus_sub_endpoint());
 
     // Subscribers reconnect on their own after a restart of the bus; giving them a moment before
@@ -133,7 +143,7 @@ int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_con
       const auto left =
           std::chrono::duration_cast<std::chrono::milliseconds>(settle_end - std::chrono::steady_clock::now());
       zmq::poll(settle_items.data(), settle_items.size(), left);
-      drain_subscriptions(publisher, stats);
+      drain_subscriptions(publisher, stats, nullptr);
       stop = (settle_items[1].revents & ZMQ_POLLIN) != 0;
     }
     inlet.bind(xpon::ipc::bus_in_endpoint());
@@ -163,7 +173,7 @@ int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_con
         crate->service(&items[3], publisher);
       }
       if ((items[1].revents & ZMQ_POLLIN) != 0) {
-        drain_subscriptions(publisher, stats);
+        drain_subscriptions(publisher, stats, crate.get());
       }
       if ((items[2].revents & ZMQ_POLLIN) != 0) {
         signalfd_siginfo info{};
@@ -173,10 +183,11 @@ int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_con
     }
     if (crate) {
       const auto& counts = crate->stats();
-      say(fmt::format(
-          "crate: {} events sent, {} received, {} handed to joining peers, {} kept here (another slot), "
-          "{} refused, {} connections refused",
-          counts.sent, counts.received, counts.replayed, counts.foreign_slot, counts.refused, counts.refused_peers));
+      say(
+          fmt::format("crate: {} events sent, {} received, {} handed to joining peers, {} published again for joining "
+                      "endpoints, {} kept here (another slot), {} refused, {} connections refused",
+                      counts.sent, counts.received, counts.replayed, counts.replayed_local, counts.foreign_slot,
+                      counts.refused, counts.refused_peers));
       crate.reset();
     }
     inlet.close();

@@ -233,6 +233,62 @@ TEST_F(CrateTest, ABoardStartedAfterTheEventGetsIt) {
   EXPECT_TRUE(boards[2]->log_has(fmt::format("crate: joined peer {}", test::loopback_tcp(boards[0]->port()))));
 }
 
+TEST_F(CrateTest, AnEndpointThatSubscribesLateGetsTheLastStateOfEverySlot) {
+  // As the master's daemon restarting: it must learn which slots still want the maximum rate.
+  auto boards = make_boards(3);
+  configure_mesh(boards);
+  for (auto& board : boards) {
+    board->start();
+  }
+  auto from_a = boards[0]->endpoint(0x00190001);
+  auto from_b = boards[1]->endpoint(0x00190002);
+  auto on_c = boards[2]->endpoint(0x0019FFFE);
+  EventLog c_max, c_min;
+  ASSERT_TRUE(on_c->subscribe_event(kMaxRate, c_max.handler()).has_value());
+  ASSERT_TRUE(on_c->subscribe_event(kMinRate, c_min.handler()).has_value());
+  ASSERT_TRUE(wait_for_route(*from_a, kMaxRate, {&c_max}));
+  ASSERT_TRUE(wait_for_route(*from_b, kMaxRate, {&c_max}));
+  ASSERT_TRUE(wait_for_route(*from_b, kMinRate, {&c_min}));
+
+  // Slot 1 is hot; slot 2 was hot and has cooled down; a local endpoint of C asked for the
+  // maximum too (its source names "this board").
+  auto local_on_c = boards[2]->endpoint(0x0042FFFE);
+  // One at a time: the bus hands them again in the order they reached it.
+  ASSERT_TRUE(from_a->send_event(make_event(kMaxRate, {1})).has_value());
+  ASSERT_TRUE(wait_until([&] { return c_max.count(kMaxRate) == 1; }));
+  ASSERT_TRUE(from_b->send_event(make_event(kMaxRate, {2})).has_value());
+  ASSERT_TRUE(wait_until([&] { return c_max.count(kMaxRate) == 2; }));
+  ASSERT_TRUE(from_b->send_event(make_event(kMinRate, {3})).has_value());
+  ASSERT_TRUE(wait_until([&] { return c_min.count(kMinRate) == 1; }));
+  ASSERT_TRUE(local_on_c->send_event(make_event(kMaxRate, {4})).has_value());
+  ASSERT_TRUE(wait_until([&] { return c_max.count(kMaxRate) == 3; }));
+
+  // A new endpoint on C subscribes to both keys and is handed the newest state of each slot once.
+  auto late = boards[2]->endpoint(0x0043FFFE);
+  EventLog late_max, late_min;
+  ASSERT_TRUE(late->subscribe_event(kMaxRate, late_max.handler()).has_value());
+  ASSERT_TRUE(late->subscribe_event(kMinRate, late_min.handler()).has_value());
+  ASSERT_TRUE(wait_until([&] { return late_max.count(kMaxRate) == 2 && late_min.count(kMinRate) == 1; }))
+      << boards[2]->log();
+  std::this_thread::sleep_for(milliseconds(500));
+  const auto max_events = late_max.events();
+  ASSERT_EQ(max_events.size(), 2U);
+  EXPECT_EQ(max_events[0].source, 0x00190001U);
+  EXPECT_EQ(max_events[0].payload, Payload{1});
+  EXPECT_EQ(max_events[1].source, 0x0042FFFEU);
+  EXPECT_EQ(max_events[1].payload, Payload{4});
+  const auto min_events = late_min.events();
+  ASSERT_EQ(min_events.size(), 1U);
+  EXPECT_EQ(min_events[0].source, 0x00190002U);
+  EXPECT_EQ(min_events[0].payload, Payload{3});
+  // The endpoint subscribed before sees those states once more, and nothing else.
+  EXPECT_EQ(c_max.count(kMaxRate), 5U);
+  EXPECT_EQ(c_min.count(kMinRate), 2U);
+  boards[2]->stop();
+  EXPECT_TRUE(boards[2]->log_has(" handed to joining peers, 3 published again for joining endpoints, "))
+      << boards[2]->log();
+}
+
 TEST_F(CrateTest, ARestartedPeerIsReconnected) {
   auto boards = make_boards(2);
   configure_mesh(boards);

@@ -273,7 +273,8 @@ TEST_F(Forwarding, WithTheTransportOffNothingCrosses) {
 }
 
 TEST(LateJoinerCache, KeepsTheNewestEventPerSlotAndKey) {
-  LateJoinerCache cache;
+  // No keys sharing a state: each key is a state of its own.
+  LateJoinerCache cache{StateKeys{}};
   EXPECT_EQ(cache.find(5, Key{15500, 15537}), nullptr);
   cache.remember(5, Key{15500, 15537}, {{1}, {2}, {}});
   cache.remember(5, Key{15500, 15537}, {{1}, {3}, {}});
@@ -286,6 +287,73 @@ TEST(LateJoinerCache, KeepsTheNewestEventPerSlotAndKey) {
   EXPECT_EQ(*cache.find(6, Key{15500, 15537}), (LateJoinerCache::Frames{{6}, {7}, {}}));
   EXPECT_EQ(cache.find(7, Key{15500, 15537}), nullptr);
   EXPECT_EQ(cache.find(5, Key{14500, 14505}), nullptr);
+}
+
+TEST(LateJoinerCache, TheFanRateEventsOfASlotAreOneState) {
+  // Hot, cool, hot again: a board that joins now must learn "hot", whatever the order in which it
+  // subscribes to the two keys.
+  LateJoinerCache cache;
+  cache.remember(5, Key{15500, 15537}, {{1}, {1}, {}});
+  cache.remember(5, Key{15500, 15538}, {{2}, {2}, {}});
+  EXPECT_EQ(cache.find(5, Key{15500, 15537}), nullptr);
+  ASSERT_NE(cache.find(5, Key{15500, 15538}), nullptr);
+  cache.remember(5, Key{15500, 15537}, {{3}, {3}, {}});
+  EXPECT_EQ(cache.size(), 1U);
+  EXPECT_EQ(cache.find(5, Key{15500, 15538}), nullptr);
+  ASSERT_NE(cache.find(5, Key{15500, 15537}), nullptr);
+  EXPECT_EQ(*cache.find(5, Key{15500, 15537}), (LateJoinerCache::Frames{{3}, {3}, {}}));
+  // The mastership event is a state of its own beside them.
+  cache.remember(5, Key{14500, 14505}, {{4}, {4}, {}});
+  EXPECT_EQ(cache.size(), 2U);
+  EXPECT_NE(cache.find(5, Key{15500, 15537}), nullptr);
+}
+
+TEST(LateJoinerCache, WithKeyListsEverySlotsNewestEventOfTheKeyOldestFirst) {
+  LateJoinerCache cache;
+  cache.remember(9, Key{15500, 15537}, {{9}, {1}, {}});
+  cache.remember(5, Key{15500, 15537}, {{5}, {1}, {}});
+  cache.remember(7, Key{15500, 15537}, {{7}, {1}, {}});
+  cache.remember(7, Key{15500, 15538}, {{7}, {2}, {}});  // slot 7 cooled down
+  cache.remember(9, Key{15500, 15537}, {{9}, {2}, {}});  // slot 9 asked again
+  std::vector<LateJoinerCache::Frames> hot;
+  for (const auto* frames : cache.with_key(Key{15500, 15537})) {
+    hot.push_back(*frames);
+  }
+  EXPECT_EQ(hot, (std::vector<LateJoinerCache::Frames>{{{5}, {1}, {}}, {{9}, {2}, {}}}));
+  ASSERT_EQ(cache.with_key(Key{15500, 15538}).size(), 1U);
+  EXPECT_EQ(*cache.with_key(Key{15500, 15538}).front(), (LateJoinerCache::Frames{{7}, {2}, {}}));
+  EXPECT_TRUE(cache.with_key(Key{14500, 14505}).empty());
+}
+
+TEST(CrateConfig, StatesAreReadAndCheckedAndTheFanRatesAreTheDefault) {
+  EXPECT_EQ(parse_crate_config("enabled = false\n", "crate.toml").states,
+            (StateKeys{{Key{15500, 15537}, Key{15500, 15538}}}));
+  const auto config = parse_crate_config(
+      "enabled = true\nslot = 5\nlisten = \"tcp://127.0.0.1:15600\"\n"
+      "states = [[\"15500:15537\", \"15500:15538\"], [\"100:1\", \"100:2\", \"100:3\"]]\n",
+      "crate.toml");
+  EXPECT_EQ(config.states,
+            (StateKeys{{Key{15500, 15537}, Key{15500, 15538}}, {Key{100, 1}, Key{100, 2}, Key{100, 3}}}));
+  EXPECT_TRUE(parse_crate_config("states = []\n", "crate.toml").states.empty());
+  const std::vector<std::pair<std::string, std::string>> bad{
+      {"states = \"15500:15537\"",
+       "crate configuration crate.toml: states must be a list of lists of \"GROUP:ID\" strings"},
+      {"states = [\"15500:15537\"]",
+       "crate configuration crate.toml: states must be a list of lists of \"GROUP:ID\" strings"},
+      {"states = [[\"15500:15537\"]]", "crate configuration crate.toml: states: a state needs at least two keys"},
+      {"states = [[\"15500:x\", \"1:2\"]]",
+       "crate configuration crate.toml: states: \"15500:x\" is not GROUP:ID (numbers up to 65535)"},
+      {"states = [[\"1:1\", \"1:2\"], [\"1:2\", \"1:3\"]]",
+       "crate configuration crate.toml: states: 1:2 is in more than one state"},
+  };
+  for (const auto& [text, message] : bad) {
+    try {
+      (void)parse_crate_config(text + "\n", "crate.toml");
+      ADD_FAILURE() << text << " was accepted";
+    } catch (const CrateConfigError& error) {
+      EXPECT_EQ(std::string(error.what()), message) << text;
+    }
+  }
 }
 
 }  // namespace

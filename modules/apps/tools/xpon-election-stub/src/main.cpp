@@ -135,23 +135,39 @@ class Election {
 
   [[nodiscard]] std::uint16_t master() const { return master_.load(); }
 
+  /// Publishes the master slot once at start, as an election that has just ended would. A board
+  /// whose bus carries the crate transport keeps it and hands it to the daemons that start later.
+  void announce() {
+    if (announced_) {
+      return;  // the master file's content at start was already published as a change
+    }
+    const std::uint16_t slot = master_.load();
+    const std::string what = fmt::format("master slot {} announced", slot);
+    publish(slot, what);
+  }
+
  private:
   void set_master(std::uint16_t slot) {
     const std::uint16_t old = master_.exchange(slot);
     if (old == slot) {
       return;
     }
+    publish(slot, fmt::format("master slot {} -> {}", old, slot));
+  }
+
+  void publish(std::uint16_t slot, const std::string& what) {
+    announced_ = true;
     Event event;
     event.group = kMasterChanged.group;
     event.id = kMasterChanged.id;
     event.payload = slot_payload(slot);
     const auto sent = endpoint_->send_event(event);
     if (!sent) {
-      log_line(fmt::format("master slot {} -> {}; publishing {}:{} failed: {}", old, slot, kMasterChanged.group,
-                           kMasterChanged.id, sent.error().to_string()));
+      log_line(fmt::format("{}; publishing {}:{} failed: {}", what, kMasterChanged.group, kMasterChanged.id,
+                           sent.error().to_string()));
       return;
     }
-    log_line(fmt::format("master slot {} -> {}, published {}:{}", old, slot, kMasterChanged.group, kMasterChanged.id));
+    log_line(fmt::format("{}, published {}:{}", what, kMasterChanged.group, kMasterChanged.id));
   }
 
   std::shared_ptr<ZmqIpc> endpoint_;
@@ -159,6 +175,7 @@ class Election {
   std::optional<std::string> file_;
   std::optional<std::string> last_content_;
   bool verbose_;
+  bool announced_ = false;
 };
 
 int run(const std::string& master_text, const std::optional<std::string>& master_file, bool verbose) {
@@ -182,6 +199,7 @@ int run(const std::string& master_text, const std::optional<std::string>& master
   auto endpoint = make_zmq_endpoint(kElectionManager, kProgram, options);
   Election election(endpoint, *master, master_file, verbose);
   election.look_at_file(false);
+  election.announce();
   const auto subscribed =
       endpoint->subscribe_request(kMasterQuery, [&](const Request& request) { return election.answer(request); });
   if (!subscribed) {
@@ -226,8 +244,9 @@ int main(int argc, char** argv) {
       "A stand-in for the platform's Election Manager, for development machines, tests and a crate on one "
       "machine; on a real crate the platform's own daemon owns this address. At 0x0015FFFE (XPON_ROOT and "
       "XPON_SLOT apply as for every endpoint) it answers the mastership query 14500:14504 with result 1 and "
-      "the master slot as u16 little-endian, and publishes 14500:14505 with the new slot as payload whenever "
-      "the master changes. The master is --master at start; with --master-file it follows the file's content "
+      "the master slot as u16 little-endian, and publishes 14500:14505 with the slot as payload once at start "
+      "and whenever the master changes. The master is --master at start; with --master-file it follows the file's "
+      "content "
       "(a decimal slot, checked every 200 ms and at once on SIGUSR1; a bad content is refused and the master "
       "kept). SIGINT or SIGTERM ends it.\n"
       "Exit status: 0 stopped by a signal, 1 failure, 2 usage.",
