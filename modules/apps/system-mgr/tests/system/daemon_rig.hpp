@@ -42,8 +42,9 @@ class DaemonRig {
   /// A path under the root: path("/dev/board").
   [[nodiscard]] std::string path(const std::string& logical_path) const { return sandbox_.path(logical_path); }
 
-  /// Starts xpon-ipc-bus and waits until it serves both sockets; an error text or empty.
-  std::string start_bus();
+  /// Starts xpon-ipc-bus (with `arguments` added: a crate configuration, say) and waits until it
+  /// serves both sockets; an error text or empty.
+  std::string start_bus(const std::vector<std::string>& arguments = {});
 
   /// The running bus (to kill it, say); throws std::bad_optional_access before start_bus().
   [[nodiscard]] xpon::test::Process& bus() { return bus_.value(); }
