@@ -255,7 +255,7 @@ def main():
         print(__doc__, file=sys.stderr)
         return 2
     test_class, CRATE, EXAMPLES, PROGRAMS = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
-    result = unittest.main(argv=[sys.argv[0], "-v", test_class], exit=False).result
+    result = unittest.main(module=sys.modules[__name__], argv=[sys.argv[0], "-v", test_class], exit=False).result
     if not result.wasSuccessful():
         return 1
     if result.skipped and len(result.skipped) == result.testsRun:
