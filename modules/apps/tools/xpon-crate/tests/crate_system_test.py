@@ -249,6 +249,25 @@ class SmallCrateTest(unittest.TestCase):
                          f"xpon-crate: no running crate in {self.dir} (no state.json; start one with xpon-crate up)\n")
 
 
+    def test_down_after_up_killed(self):
+        ready = wait_for(lambda: "all 4 boards READY" in self.up_log() or self.up.poll() is not None, 45)
+        self.assertTrue(ready and self.up.poll() is None, self.up_log())
+        self.status()
+        self.up.kill()
+        self.up.wait()
+        # The boards outlive a killed up (their own sessions); down finds them through the state file.
+        self.assertTrue(all(alive(pid) for pid in self.seen_pids))
+        self.assertEqual(self.crate("status", status=1).stderr,
+                         f"xpon-crate: no running crate in {self.dir} (its xpon-crate up, pid {self.up.pid}, has "
+                         "ended; xpon-crate down stops what it left running)\n")
+        stopped = self.crate("down").stdout
+        self.assertTrue(stopped.startswith(f"xpon-crate up (pid {self.up.pid}) had ended; stopped what it left "
+                                           "running: slot 21 xpon-ipc-bus ("), stopped)
+        self.assertEqual(stopped.count("("), 1 + 15, stopped)
+        self.assertTrue(wait_for(lambda: not any(alive(pid) for pid in self.seen_pids), 5))
+        self.assertEqual([point for point in mount_points() if point.startswith(str(self.scratch))], [])
+
+
 def main():
     global CRATE, EXAMPLES, PROGRAMS  # pylint: disable=global-statement
     if len(sys.argv) < 5:
