@@ -117,7 +117,7 @@ class SmallCrateTest(unittest.TestCase):
             if os.environ.get("CI") == "true":
                 self.fail(f"CI=true, so this test must run, but: {reason}")
             self.skipTest(reason)
-        self.scratch = Path(tempfile.mkdtemp(prefix="xpon-crate-test."))
+        self.scratch = Path(tempfile.mkdtemp(prefix="xpon-crate-systest."))
         self.bin = self.scratch / "bin"
         self.bin.mkdir()
         for program in PROGRAMS:
