@@ -1,6 +1,6 @@
 # Debian packages made by CPack, one per install component:
 #   daemon   -> xpon-system-mgr  the daemon, the event bus, their units, the default configuration
-#   tools    -> xpon-tools       system-mgr-ctl, xpon-ipc, xpon-election-stub, xpon-cfg, xpon-factory
+#   tools    -> xpon-tools       system-mgr-ctl, xpon-ipc, xpon-election-stub, xpon-cfg, xpon-factory, xpon-crate
 #   emulator -> xpon-board-emu   the board emulator, its unit and the example scenarios
 #   bridges  -> xpon-bridges     the Prometheus exporter (and SNMP subagent) with their units
 # `cpack --config build/<preset>/CPackConfig.cmake -B build/<preset>/packages` makes them for the
@@ -76,13 +76,17 @@ set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
     "${PROJECT_SOURCE_DIR}/packaging/debian/xpon-system-mgr/postrm")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME xpon-tools)
+# xpon-crate is a Python 3 script (standard library only).
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "python3")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "xpon-system-mgr, xpon-board-emu")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
    "command-line tools for the xPON system manager
 system-mgr-ctl asks the daemon for its readings and decodes its events,
 xpon-ipc sends and serves raw IPC messages, xpon-election-stub stands in for
 the Election Manager where the platform has none, xpon-cfg reads and changes
-the configuration database and xpon-factory reads and writes factory EEPROM
-images.")
+the configuration database, xpon-factory reads and writes factory EEPROM
+images and xpon-crate runs a crate of emulated boards on one machine (with
+the packages xpon-system-mgr and xpon-board-emu).")
 
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_NAME xpon-board-emu)
 set(CPACK_DEBIAN_EMULATOR_PACKAGE_DEPENDS "fuse3")
