@@ -190,24 +190,27 @@ std::vector<zmq::pollitem_t> CrateLink::poll_items() {
   return items;
 }
 
-void CrateLink::service(const zmq::pollitem_t* items, zmq::socket_t& local) {
+bool CrateLink::service(const zmq::pollitem_t* items, zmq::socket_t& local, bool all) {
+  const auto ready = [&](std::size_t index) { return all || (items[index].revents & ZMQ_POLLIN) != 0; };
   std::size_t index = 0;
-  if ((items[index++].revents & ZMQ_POLLIN) != 0) {
+  if (ready(index++) || std::exchange(published_, false)) {
     serve_subscriptions();
   }
+  bool more = false;
   for (auto& sub : subscribers_) {
-    if ((items[index++].revents & ZMQ_POLLIN) != 0) {
-      serve_peer(sub, local);
+    if (ready(index++)) {
+      more = serve_peer(sub, local) || more;
     }
   }
   for (auto& monitor : monitors_) {
-    if ((items[index++].revents & ZMQ_POLLIN) != 0) {
+    if (ready(index++)) {
       serve_monitor(monitor);
     }
   }
-  if (zap_ && (items[index].revents & ZMQ_POLLIN) != 0) {
+  if (zap_ && ready(index)) {
     serve_zap();
   }
+  return more;
 }
 
 void CrateLink::send_frames(const LateJoinerCache::Frames& frames) {
@@ -241,12 +244,12 @@ void CrateLink::serve_subscriptions() {
   }
 }
 
-void CrateLink::serve_peer(zmq::socket_t& sub, zmq::socket_t& local) {
+bool CrateLink::serve_peer(zmq::socket_t& sub, zmq::socket_t& local) {
   std::vector<zmq::message_t> frames;
   for (int i = 0; i < 1024; ++i) {
     frames.clear();
     if (!zmq::recv_multipart(sub, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
-      return;
+      return false;
     }
     const auto event = decode_event(frames);
     if (!event || !decide_forwarding(Origin::Crate, event->first, event->second.source, config_).to_local) {
@@ -259,6 +262,7 @@ void CrateLink::serve_peer(zmq::socket_t& sub, zmq::socket_t& local) {
     local.send(frames[2], zmq::send_flags::none);
     ++stats_.received;
   }
+  return true;
 }
 
 void CrateLink::offer(const std::vector<zmq::message_t>& frames) {
@@ -290,6 +294,7 @@ void CrateLink::offer(const std::vector<zmq::message_t>& frames) {
     copy[1].assign(encoded.begin(), encoded.end());
   }
   send_frames(copy);
+  published_ = true;
   ++stats_.sent;
   cache_.remember(config_.slot, key, std::move(copy));
 }

@@ -41,8 +41,10 @@ class CrateLink {
   [[nodiscard]] std::vector<zmq::pollitem_t> poll_items();
 
   /// Serves the sockets whose poll items (as returned by poll_items, with their revents) are
-  /// ready: subscriptions, peers' events (delivered to `local`), monitors, ZAP requests.
-  void service(const zmq::pollitem_t* items, zmq::socket_t& local);
+  /// ready, or with `all` every one: subscriptions, peers' events (delivered to `local`),
+  /// monitors, ZAP requests. True if a peer's batch was full: then it is to be called again, with
+  /// `all`, before the next wait.
+  bool service(const zmq::pollitem_t* items, zmq::socket_t& local, bool all);
 
   /// Hands a local event (its three frames as forwarded on this board) to the crate when its key
   /// is crate-wide.
@@ -64,7 +66,7 @@ class CrateLink {
   };
 
   void serve_subscriptions();
-  void serve_peer(zmq::socket_t& sub, zmq::socket_t& local);
+  bool serve_peer(zmq::socket_t& sub, zmq::socket_t& local);
   void serve_monitor(Monitor& monitor);
   void serve_zap();
   Monitor watch(zmq::socket_t& socket, const std::string& what, int events);
@@ -83,6 +85,7 @@ class CrateLink {
   LateJoinerCache local_cache_;  ///< every crate-wide event delivered on this board, for its endpoints
   CrateStats stats_;
   int monitor_count_ = 0;
+  bool published_ = false;  ///< offer() sent on the XPUB, which may have taken its notice of subscriptions
 };
 
 }  // namespace xpon::ipc_bus

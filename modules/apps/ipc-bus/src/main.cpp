@@ -11,6 +11,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
 
@@ -73,13 +74,14 @@ void drain_subscriptions(zmq::socket_t& publisher, BusStats& stats, xpon::ipc_bu
   }
 }
 
-void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats, xpon::ipc_bus::CrateLink* crate) {
+/// Forwards what the inlet holds; true if the batch was full (more may be waiting).
+bool forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats, xpon::ipc_bus::CrateLink* crate) {
   std::vector<zmq::message_t> frames;
   // A bounded batch keeps the subscription side and the signals served under a flood.
   for (int i = 0; i < 1024; ++i) {
     frames.clear();
     if (!zmq::recv_multipart(inlet, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
-      return;
+      return false;
     }
     if (frames.size() != 3) {
       ++stats.malformed;
@@ -94,7 +96,62 @@ void forward(zmq::socket_t& inlet, zmq::socket_t& publisher, BusStats& stats, xp
     publisher.send(frames[2], zmq::send_flags::none);
     ++stats.forwarded;
   }
+  return true;
 }
+
+/// Waits for the main loop's poll items. zmq_poll asks every ZeroMQ socket for its events (a
+/// system call or two each) before and after each wait, so that every event forwarded paid for
+/// all the crate's sockets as well, before it was read. Here one epoll set holds the items'
+/// descriptors (a socket's notification descriptor, or the plain one) and only the items whose
+/// descriptor is ready are marked so (ZMQ_POLLIN in revents).
+/// A socket's notification descriptor only tells that its state may have changed, and only once;
+/// nor does it tell of the first messages of a link made without one (a monitor's inproc link):
+/// every socket is read once before the first wait, whoever serves a marked socket reads it until
+/// it has nothing more (or a batch is full, and it is then served again before the next wait),
+/// and a socket that is also sent on is read after the send (which may have taken its notice).
+class Poller {
+ public:
+  explicit Poller(std::vector<zmq::pollitem_t>& items)
+      : items_(items), epoll_(::epoll_create1(EPOLL_CLOEXEC)), events_(items.size()) {
+    if (!epoll_) {
+      throw std::runtime_error(fmt::format("epoll_create1 failed: {}", std::strerror(errno)));
+    }
+    for (std::size_t i = 0; i < items_.size(); ++i) {
+      int fd = items_[i].fd;
+      if (items_[i].socket != nullptr) {
+        std::size_t size = sizeof fd;
+        if (zmq_getsockopt(items_[i].socket, ZMQ_FD, &fd, &size) != 0) {
+          throw zmq::error_t();
+        }
+      }
+      epoll_event event{};
+      event.events = EPOLLIN;
+      event.data.u64 = i;
+      if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        throw std::runtime_error(fmt::format("epoll_ctl failed: {}", std::strerror(errno)));
+      }
+    }
+  }
+
+  /// Marks the ready items; waits for one unless `wait` is false.
+  void poll(bool wait) {
+    for (auto& item : items_) {
+      item.revents = 0;
+    }
+    const int count = ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), wait ? -1 : 0);
+    if (count < 0 && errno != EINTR) {
+      throw std::runtime_error(fmt::format("epoll_wait failed: {}", std::strerror(errno)));
+    }
+    for (int i = 0; i < count; ++i) {
+      items_[events_[static_cast<std::size_t>(i)].data.u64].revents = ZMQ_POLLIN;
+    }
+  }
+
+ private:
+  std::vector<zmq::pollitem_t>& items_;
+  xpon::core::FileDescriptor epoll_;
+  std::vector<epoll_event> events_;
+};
 
 int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_config) {
   // Blocked before ZeroMQ starts its threads, so that they inherit the mask and the signals
@@ -164,17 +221,20 @@ int run(int settle_ms, bool verbose, const xpon::ipc_bus::CrateConfig& crate_con
       const auto crate_items = crate->poll_items();
       items.insert(items.end(), crate_items.begin(), crate_items.end());
     }
+    Poller poller(items);
+    // The first round reads every socket.
+    bool inlet_more = true;
+    bool crate_more = crate != nullptr;
     while (!stop) {
-      zmq::poll(items.data(), items.size(), std::chrono::milliseconds{-1});
-      if ((items[0].revents & ZMQ_POLLIN) != 0) {
-        forward(inlet, publisher, stats, crate.get());
+      poller.poll(!inlet_more && !crate_more);
+      if (inlet_more || (items[0].revents & ZMQ_POLLIN) != 0) {
+        inlet_more = forward(inlet, publisher, stats, crate.get());
       }
       if (crate) {
-        crate->service(&items[3], publisher);
+        crate_more = crate->service(&items[3], publisher, crate_more);
       }
-      if ((items[1].revents & ZMQ_POLLIN) != 0) {
-        drain_subscriptions(publisher, stats, crate.get());
-      }
+      // Read on every round: forwarding sends on it, which may have taken its notice.
+      drain_subscriptions(publisher, stats, crate.get());
       if ((items[2].revents & ZMQ_POLLIN) != 0) {
         signalfd_siginfo info{};
         [[maybe_unused]] const auto got = xpon::core::read_once(signal_fd.get(), &info, sizeof info);
