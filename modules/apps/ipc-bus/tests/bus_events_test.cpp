@@ -221,6 +221,43 @@ TEST_F(BusEventsTest, EventsReachTheOnlyDeliveryThreadWhileItReadsTheInbox) {
   }
 }
 
+TEST_F(BusEventsTest, RequestsReachTheOnlyDeliveryThreadWhileItReadsTheSubscriber) {
+  constexpr Address kServer = 0x0015FFFE;
+  constexpr Key kQuery{14500, 14504};
+  auto publisher = endpoint(0x0042FFFE);
+  auto client = endpoint(0x0019FFFE);
+  ZmqIpcOptions options;
+  options.logger = log;
+  options.delivery_threads = 1;
+  auto server = make_zmq_endpoint(kServer, "test", options);
+  EventLog events;
+  const Key key{15500, 15537};
+  ASSERT_TRUE(server->subscribe_event(key, events.handler()).has_value());
+  ASSERT_TRUE(wait_for_subscription(*publisher, events, key));
+  // Idle after the probes, with events subscribed and no request handler, the only delivery thread
+  // waits on the subscriber, not on the queue: a request (read by the I/O thread) must wake it.
+  ZmqIpc* raw_server = server.get();
+  ASSERT_TRUE(server
+                  ->subscribe_request(kQuery,
+                                      [raw_server](const Request& request) -> Result<void> {
+                                        return raw_server->send_response(request.reply_to.value().address,
+                                                                         test::echo_response(request));
+                                      })
+                  .has_value());
+  Request request;
+  request.group = kQuery.group;
+  request.id = kQuery.id;
+  for (std::uint8_t i = 0; i < 20; ++i) {
+    request.payload = {i};
+    const auto answer = client->request(kServer, request, milliseconds(2000));
+    ASSERT_TRUE(answer.has_value()) << "request " << int{i} << ": " << answer.error().to_string();
+    EXPECT_EQ(answer.value().payload, Payload{i});
+    ASSERT_TRUE(publisher->send_event(make_event(key, {i})).has_value());
+    ASSERT_TRUE(wait_until([&] { return events.count(key) == static_cast<std::size_t>(i) + 1; }))
+        << "event " << int{i} << " was not handled";
+  }
+}
+
 TEST_F(BusEventsTest, UnsubscribedEventsStopArriving) {
   auto publisher = endpoint(0x0042FFFE);
   auto subscriber = endpoint(0x0019FFFE);

@@ -129,6 +129,7 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
   }
   const auto close_descriptors = [this] {
     epoll_fd.reset();
+    subscriber_wake_fd.reset();
     reader_wake_fd.reset();
     wake_fd.reset();
     lock_fd.reset();
@@ -136,7 +137,8 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
   try {
     wake_fd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     reader_wake_fd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake_fd || !reader_wake_fd) {
+    subscriber_wake_fd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_fd || !reader_wake_fd || !subscriber_wake_fd) {
       throw std::runtime_error(fmt::format("IPC endpoint {}: eventfd failed: {}", name, std::strerror(errno)));
     }
     epoll_fd.reset(::epoll_create1(EPOLL_CLOEXEC));
@@ -161,8 +163,9 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
     bus.socket.connect(bus_in_endpoint());
 
     inbox_fd = inbox.get(zmq::sockopt::fd);
+    subscriber_fd = subscriber.get(zmq::sockopt::fd);
     for (const auto& [fd, tag] :
-         {std::pair{inbox_fd, kInboxTag}, std::pair{subscriber.get(zmq::sockopt::fd), kSubscriberTag},
+         {std::pair{inbox_fd, kInboxTag}, std::pair{subscriber_fd, kSubscriberTag},
           std::pair{wake_fd.get(), kWakeTag}}) {
       epoll_event event{};
       event.events = EPOLLIN;
@@ -204,6 +207,8 @@ void ZmqIpc::Impl::stop_threads() {
   [[maybe_unused]] const auto written = core::write_once(wake_fd.get(), &one, sizeof one);
   // A delivery thread or a caller reading the inbox gives it up and returns.
   [[maybe_unused]] const auto also_written = core::write_once(reader_wake_fd.get(), &one, sizeof one);
+  // So does a delivery thread reading the subscriber.
+  [[maybe_unused]] const auto subscriber_written = core::write_once(subscriber_wake_fd.get(), &one, sizeof one);
   if (io_thread.joinable()) {
     io_thread.join();
   }
@@ -238,6 +243,7 @@ void ZmqIpc::Impl::close_all() {
   }
   context.close();
   epoll_fd.reset();
+  subscriber_wake_fd.reset();
   reader_wake_fd.reset();
   wake_fd.reset();
   lock_fd.reset();
@@ -310,6 +316,7 @@ Result<void> ZmqIpc::subscribe_event(Key key, EventHandler handler) {
       return core::ErrorPayload(core::Error::Already, "Event " + key_text(key) + " already has a handler");
     }
     where->second = std::make_shared<EventEntry>(std::move(handler));
+    impl_->event_handler_count.fetch_add(1);
   }
   SubscriptionCommand command{true, {}, 0};
   command.prefix = wire::subscription_prefix(key, command.length);
@@ -322,6 +329,7 @@ Result<void> ZmqIpc::unsubscribe_event(Key key) {
   if (removed.has_error()) {
     return removed;
   }
+  impl_->event_handler_count.fetch_sub(1);
   SubscriptionCommand command{false, {}, 0};
   command.prefix = wire::subscription_prefix(key, command.length);
   impl_->queue_command(command);

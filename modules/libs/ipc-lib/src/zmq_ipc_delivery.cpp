@@ -1,5 +1,6 @@
 // The delivery threads, which run the handlers, and the hand-over of the inbox to a thread that
-// would otherwise only wait (an idle delivery thread, a caller of request()).
+// would otherwise only wait (an idle delivery thread, a caller of request()), and of the bus
+// subscriber to an idle delivery thread.
 #include "zmq_ipc_impl.hpp"
 
 #include "xpon/core/guard.hpp"
@@ -18,11 +19,13 @@ using namespace detail;
 
 constinit thread_local const void* detail::current_entry = nullptr;
 constinit thread_local bool detail::reading_inbox = false;
+constinit thread_local bool detail::reading_subscriber = false;
 
 void ZmqIpc::Impl::enqueue(std::function<void()> task, bool in_order) {
   bool queued = false;
   bool wake_worker = false;
   bool wake_reader = false;
+  bool wake_subscriber_reader = false;
   {
     std::lock_guard lock(queue_mutex);
     if (ordered_queue.size() + parallel_queue.size() < options.delivery_queue_capacity) {
@@ -32,14 +35,19 @@ void ZmqIpc::Impl::enqueue(std::function<void()> task, bool in_order) {
       // when no other delivery thread sleeps (and not at all when it is the one queueing).
       wake_worker = sleeping_workers > 0;
       wake_reader = !wake_worker && inbox_reader == InboxReader::Worker && !reading_inbox;
+      // Then one reading the subscriber, unless the inbox's reader queued the task (it runs it).
+      wake_subscriber_reader = !wake_worker && !wake_reader && !reading_inbox &&
+                               subscriber_reader == SubscriberReader::Worker && !reading_subscriber;
     }
   }
   if (queued) {
+    const std::uint64_t one = 1;
     if (wake_worker) {
       queue_ready.notify_one();
     } else if (wake_reader) {
-      const std::uint64_t one = 1;
       [[maybe_unused]] const auto written = core::write_once(reader_wake_fd.get(), &one, sizeof one);
+    } else if (wake_subscriber_reader) {
+      [[maybe_unused]] const auto written = core::write_once(subscriber_wake_fd.get(), &one, sizeof one);
     }
     return;
   }
@@ -120,6 +128,68 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
   }
 }
 
+bool ZmqIpc::Impl::take_subscriber() {
+  if (subscriber_reader != SubscriberReader::Io || subscriber_wanted || delivery_stopping || stopping.load() ||
+      event_handler_count.load() == 0) {
+    return false;
+  }
+  // As for the inbox: the I/O thread stops waiting for it at once, without being woken.
+  if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_DEL, subscriber_fd, nullptr) != 0 && errno != ENOENT) {
+    return false;
+  }
+  subscriber_reader = SubscriberReader::Worker;
+  reading_subscriber = true;
+  return true;
+}
+
+std::optional<Event> ZmqIpc::Impl::read_subscriber() {
+  std::optional<Event> kept;
+  std::array<pollfd, 2> fds{{{subscriber_fd, POLLIN, 0}, {subscriber_wake_fd.get(), POLLIN, 0}}};
+  for (;;) {
+    bool more = false;
+    try {
+      // Read until nothing is left (or a batch is full), so that the subscriber is given back
+      // with its notice intact: the I/O thread then needs no wake-up for it.
+      more = drain_subscriber(&kept);
+    } catch (const std::exception& error) {
+      log->error("IPC endpoint {}: receiving failed: {}", name, error.what());
+    }
+    bool finished = false;
+    bool wake_io = more;
+    {
+      std::lock_guard lock(queue_mutex);
+      finished = stopping.load() || delivery_stopping || kept.has_value() || subscriber_wanted || task_runnable();
+      if (finished) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u32 = kSubscriberTag;
+        if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_ADD, subscriber_fd, &event) != 0) {
+          log->error("IPC endpoint {}: cannot give the subscriber back to the I/O thread: {}", name,
+                     std::strerror(errno));
+        }
+        subscriber_reader = SubscriberReader::Io;
+        wake_io = std::exchange(subscriber_wanted, false) || wake_io;
+      }
+    }
+    if (finished) {
+      reading_subscriber = false;
+      if (wake_io) {
+        // Subscription changes wait, or the rest of a full batch: the I/O thread takes them.
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = core::write_once(wake_fd.get(), &one, sizeof one);
+      }
+      return kept;
+    }
+    if (more) {
+      continue;
+    }
+    if (::poll(fds.data(), fds.size(), -1) > 0 && (fds[1].revents & POLLIN) != 0) {
+      std::uint64_t value = 0;
+      [[maybe_unused]] const auto got = core::read_once(subscriber_wake_fd.get(), &value, sizeof value);
+    }
+  }
+}
+
 void ZmqIpc::Impl::delivery_loop() {
   for (;;) {
     std::function<void()> task;
@@ -141,6 +211,21 @@ void ZmqIpc::Impl::delivery_loop() {
               InboxReader::Worker, [this] { return task_runnable(); }, std::nullopt);
           if (request) {
             deliver_request(*request);
+          }
+          lock.lock();
+          continue;
+        }
+        if (take_subscriber()) {
+          // Or it reads the subscriber and runs the first event it reads, in its turn.
+          lock.unlock();
+          const auto event = read_subscriber();
+          if (event) {
+            deliver_event(*event);
+            {
+              std::lock_guard done(queue_mutex);
+              ordered_running = false;
+            }
+            queue_ready.notify_one();
           }
           lock.lock();
           continue;

@@ -60,6 +60,9 @@ extern constinit thread_local const void* current_entry;
 /// Set while the current thread reads the inbox in place of the I/O thread (see InboxReader).
 extern constinit thread_local bool reading_inbox;
 
+/// Set while the current delivery thread reads the bus subscriber (see SubscriberReader).
+extern constinit thread_local bool reading_subscriber;
+
 /// Who reads the inbox. The I/O thread does unless a thread that would otherwise only wait takes
 /// it over: an idle delivery thread (which then runs the first request it reads itself) or a
 /// caller of request() (which then reads its own answer). Either saves the thread hand-over that
@@ -69,6 +72,16 @@ enum class InboxReader : std::uint8_t {
   IoReading,  ///< the I/O thread, reading a batch
   Worker,     ///< an idle delivery thread
   Requester,  ///< a caller of request() waiting for its answer
+};
+
+/// Who reads the bus subscriber: the I/O thread, or an idle delivery thread, which then runs the
+/// first event it reads itself when no other event runs or waits (saving the hand-over from the
+/// I/O thread to a delivery thread on every event). Subscription changes are made by the I/O
+/// thread only: it asks the subscriber back for them.
+enum class SubscriberReader : std::uint8_t {
+  Io,         ///< the I/O thread, waiting for the subscriber among its other descriptors
+  IoReading,  ///< the I/O thread, changing subscriptions or reading a batch
+  Worker,     ///< an idle delivery thread
 };
 
 /// Tags of the I/O thread's epoll descriptors.
@@ -109,12 +122,19 @@ struct ZmqIpc::Impl {
   void apply_commands();
   /// Reads a batch from the inbox if the I/O thread is its reader; true if the batch was full.
   bool read_inbox_as_io();
+  /// With `apply`, changes the subscriptions as queued; then reads a batch from the subscriber;
+  /// true if the batch was full. While a delivery thread reads the subscriber, asks it back
+  /// instead when subscription changes wait.
+  bool serve_subscriber_as_io(bool apply);
   /// Reads up to a batch from the inbox; true if the batch was full (more may be waiting). With
   /// `keep`, the first request read is stored there instead of queued for delivery.
   bool drain_inbox(std::optional<Request>* keep);
-  bool drain_subscriber();
+  /// Reads up to a batch from the subscriber; true if the batch was full. With `keep`, the first
+  /// event read is stored there instead of queued, when it may run at once (ordered_running is
+  /// then set for it).
+  bool drain_subscriber(std::optional<Event>* keep);
   void on_inbox_message(std::vector<zmq::message_t>& frames, std::optional<Request>* keep);
-  void on_bus_message(std::vector<zmq::message_t>& frames);
+  void on_bus_message(std::vector<zmq::message_t>& frames, std::optional<Event>* keep);
   std::optional<wire::Header> checked_header(const zmq::message_t& frame, const zmq::message_t& payload);
   void count_drop(std::atomic<std::uint64_t>& counter, std::string_view what);
 
@@ -132,6 +152,12 @@ struct ZmqIpc::Impl {
   /// then gives it back to the I/O thread. A delivery thread gets the first request it read.
   std::optional<Request> read_inbox_until(detail::InboxReader reader, const std::function<bool()>& done,
                                           std::optional<detail::Clock::time_point> deadline);
+  /// Takes the subscriber over from the I/O thread if it is free and events are subscribed to;
+  /// with queue_mutex held.
+  bool take_subscriber();
+  /// Reads the subscriber until it has an event to run, a task is runnable, the I/O thread asks
+  /// for it or the endpoint stops, then gives it back to the I/O thread.
+  std::optional<Event> read_subscriber();
   void deliver_request(const Request& request);
   void deliver_event(const Event& event);
 
@@ -159,8 +185,10 @@ struct ZmqIpc::Impl {
   core::FileDescriptor lock_fd;
   core::FileDescriptor wake_fd;         // wakes the I/O thread: commands queued, inbox given back with more to read
   core::FileDescriptor reader_wake_fd;  // wakes a thread other than the I/O thread reading the inbox
+  core::FileDescriptor subscriber_wake_fd;  // wakes a delivery thread reading the subscriber
   core::FileDescriptor epoll_fd;        // the I/O thread's descriptors
   int inbox_fd = -1;                    // ZeroMQ's notification descriptor of the inbox, owned by ZeroMQ
+  int subscriber_fd = -1;               // and that of the subscriber
   zmq::context_t context;
   zmq::socket_t inbox;       // owned by the I/O thread once it runs
   zmq::socket_t subscriber;  // owned by the I/O thread once it runs
@@ -189,8 +217,11 @@ struct ZmqIpc::Impl {
   bool ordered_running = false;
   bool delivery_stopping = false;
   detail::InboxReader inbox_reader = detail::InboxReader::Io;  // guarded by queue_mutex
+  detail::SubscriberReader subscriber_reader = detail::SubscriberReader::Io;  // guarded by queue_mutex
+  bool subscriber_wanted = false;  // the I/O thread waits for the subscriber back; guarded by queue_mutex
   unsigned sleeping_workers = 0;                               // delivery threads waiting on queue_ready
   std::atomic<unsigned> request_handler_count{0};
+  std::atomic<unsigned> event_handler_count{0};
 
   std::mutex drop_log_mutex;
   std::map<std::string_view, detail::Clock::time_point> last_drop_log;

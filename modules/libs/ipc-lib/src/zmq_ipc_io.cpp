@@ -62,9 +62,8 @@ void ZmqIpc::Impl::io_loop() {
       if (woken) {
         std::uint64_t value = 0;
         [[maybe_unused]] const auto got = core::read_once(wake_fd.get(), &value, sizeof value);
-        apply_commands();
-        // Changing subscriptions may have taken the subscriber's notice, and an inbox given back
-        // in the middle of a batch has no notice left: both are read now.
+        // Changing subscriptions may take the subscriber's notice, and an inbox or a subscriber
+        // given back in the middle of a batch has no notice left: both are read now.
         inbox_due = true;
         subscriber_due = true;
       }
@@ -73,7 +72,7 @@ void ZmqIpc::Impl::io_loop() {
         more = read_inbox_as_io() || more;
       }
       if (subscriber_due) {
-        more = drain_subscriber() || more;
+        more = serve_subscriber_as_io(woken) || more;
       }
       read_all = more;
     } catch (const zmq::error_t& error) {
@@ -127,6 +126,41 @@ bool ZmqIpc::Impl::read_inbox_as_io() {
   return more;
 }
 
+bool ZmqIpc::Impl::serve_subscriber_as_io(bool apply) {
+  bool changes = false;
+  if (apply) {
+    std::lock_guard lock(command_mutex);
+    changes = !commands.empty();
+  }
+  {
+    std::lock_guard lock(queue_mutex);
+    if (subscriber_reader != SubscriberReader::Io) {
+      // A delivery thread reads it: it gives it back, and wakes this thread, once asked.
+      if (changes && !subscriber_wanted) {
+        subscriber_wanted = true;
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = core::write_once(subscriber_wake_fd.get(), &one, sizeof one);
+      }
+      return false;
+    }
+    subscriber_reader = SubscriberReader::IoReading;
+  }
+  bool more = false;
+  try {
+    if (changes) {
+      apply_commands();
+    }
+    more = drain_subscriber(nullptr);
+  } catch (...) {
+    std::lock_guard lock(queue_mutex);
+    subscriber_reader = SubscriberReader::Io;
+    throw;
+  }
+  std::lock_guard lock(queue_mutex);
+  subscriber_reader = SubscriberReader::Io;
+  return more;
+}
+
 bool ZmqIpc::Impl::drain_inbox(std::optional<Request>* keep) {
   std::vector<zmq::message_t> frames;
   for (int i = 0; i < kReceiveBatch; ++i) {
@@ -139,14 +173,14 @@ bool ZmqIpc::Impl::drain_inbox(std::optional<Request>* keep) {
   return true;
 }
 
-bool ZmqIpc::Impl::drain_subscriber() {
+bool ZmqIpc::Impl::drain_subscriber(std::optional<Event>* keep) {
   std::vector<zmq::message_t> frames;
   for (int i = 0; i < kReceiveBatch; ++i) {
     frames.clear();
     if (!zmq::recv_multipart(subscriber, std::back_inserter(frames), zmq::recv_flags::dontwait)) {
       return false;
     }
-    on_bus_message(frames);
+    on_bus_message(frames, keep);
   }
   return true;
 }
@@ -241,7 +275,7 @@ void ZmqIpc::Impl::on_inbox_message(std::vector<zmq::message_t>& frames, std::op
   }
 }
 
-void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames) {
+void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames, std::optional<Event>* keep) {
   if (frames.size() != 3) {
     count_drop(counters.malformed, "wrong number of frames");
     return;
@@ -264,8 +298,19 @@ void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames) {
     return;
   }
   counters.events_received.fetch_add(1);
-  auto event = std::make_shared<Event>(wire::to_event(*header, {frames[2].data<std::uint8_t>(), frames[2].size()}));
-  enqueue([this, event] { deliver_event(*event); }, true);
+  Event event = wire::to_event(*header, {frames[2].data<std::uint8_t>(), frames[2].size()});
+  if (keep != nullptr && !keep->has_value()) {
+    // Run by the delivery thread that read it only when it would have been the next to run.
+    std::lock_guard lock(queue_mutex);
+    if (!ordered_running && ordered_queue.empty() &&
+        parallel_queue.size() < options.delivery_queue_capacity) {
+      ordered_running = true;
+      keep->emplace(std::move(event));
+      return;
+    }
+  }
+  auto shared = std::make_shared<Event>(std::move(event));
+  enqueue([this, shared] { deliver_event(*shared); }, true);
 }
 
 }  // namespace xpon::ipc
