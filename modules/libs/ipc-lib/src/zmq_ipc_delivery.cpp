@@ -95,12 +95,7 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
       finished =
           stopping.load() || delivery_stopping || kept.has_value() || done() || (deadline && Clock::now() >= *deadline);
       if (finished) {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u32 = kInboxTag;
-        if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_ADD, inbox_fd, &event) != 0) {
-          log->error("IPC endpoint {}: cannot give the inbox back to the I/O thread: {}", name, std::strerror(errno));
-        }
+        give_back_to_io(inbox_fd, kInboxTag, "inbox");
         inbox_reader = InboxReader::Io;
       }
     }
@@ -125,6 +120,15 @@ std::optional<Request> ZmqIpc::Impl::read_inbox_until(InboxReader reader, const 
       std::uint64_t value = 0;
       [[maybe_unused]] const auto got = core::read_once(reader_wake_fd.get(), &value, sizeof value);
     }
+  }
+}
+
+void ZmqIpc::Impl::give_back_to_io(int fd, std::uint32_t tag, std::string_view what) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u32 = tag;
+  if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+    log->error("IPC endpoint {}: cannot give the {} back to the I/O thread: {}", name, what, std::strerror(errno));
   }
 }
 
@@ -160,13 +164,7 @@ std::optional<Event> ZmqIpc::Impl::read_subscriber() {
       std::lock_guard lock(queue_mutex);
       finished = stopping.load() || delivery_stopping || kept.has_value() || subscriber_wanted || task_runnable();
       if (finished) {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u32 = kSubscriberTag;
-        if (::epoll_ctl(epoll_fd.get(), EPOLL_CTL_ADD, subscriber_fd, &event) != 0) {
-          log->error("IPC endpoint {}: cannot give the subscriber back to the I/O thread: {}", name,
-                     std::strerror(errno));
-        }
+        give_back_to_io(subscriber_fd, kSubscriberTag, "subscriber");
         subscriber_reader = SubscriberReader::Io;
         wake_io = std::exchange(subscriber_wanted, false) || wake_io;
       }

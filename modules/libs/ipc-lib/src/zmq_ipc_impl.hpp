@@ -1,6 +1,6 @@
 // The ZeroMQ endpoint's private parts, shared by its sources: zmq_ipc.cpp (making and closing the
 // endpoint, the interface), zmq_ipc_io.cpp (the I/O thread), zmq_ipc_delivery.cpp (the delivery
-// threads and the inbox hand-over) and zmq_ipc_send.cpp (sending and requests).
+// threads, the inbox and subscriber hand-overs) and zmq_ipc_send.cpp (sending and requests).
 #pragma once
 
 #include "outlet_cache.hpp"
@@ -152,6 +152,8 @@ struct ZmqIpc::Impl {
   /// then gives it back to the I/O thread. A delivery thread gets the first request it read.
   std::optional<Request> read_inbox_until(detail::InboxReader reader, const std::function<bool()>& done,
                                           std::optional<detail::Clock::time_point> deadline);
+  /// Puts a descriptor taken over from the I/O thread back into its epoll set; with queue_mutex held.
+  void give_back_to_io(int fd, std::uint32_t tag, std::string_view what);
   /// Takes the subscriber over from the I/O thread if it is free and events are subscribed to;
   /// with queue_mutex held.
   bool take_subscriber();
@@ -191,7 +193,7 @@ struct ZmqIpc::Impl {
   int subscriber_fd = -1;               // and that of the subscriber
   zmq::context_t context;
   zmq::socket_t inbox;       // owned by the I/O thread once it runs
-  zmq::socket_t subscriber;  // owned by the I/O thread once it runs
+  zmq::socket_t subscriber;  // owned by the I/O thread once it runs (lent to an idle delivery thread)
   detail::Outlet bus;
 
   std::mutex outlets_mutex;
