@@ -37,10 +37,23 @@ class BusEventsTest : public ::testing::Test {
     bus = std::make_unique<test::Process>(std::vector<std::string>{XPON_IPC_BUS_PATH, "--settle-ms", "1000"});
   }
 
-  std::shared_ptr<ZmqIpc> endpoint(Address address) {
+  std::shared_ptr<ZmqIpc> endpoint(Address address, unsigned delivery_threads = ZmqIpcOptions{}.delivery_threads) {
     ZmqIpcOptions options;
     options.logger = log;
+    options.delivery_threads = delivery_threads;
     return make_zmq_endpoint(address, "test", options);
+  }
+
+  /// Answers `key` on `server` with the request's payload.
+  static void serve_echo(const std::shared_ptr<ZmqIpc>& server, Key key) {
+    ZmqIpc* raw_server = server.get();
+    ASSERT_TRUE(server
+                    ->subscribe_request(key,
+                                        [raw_server](const Request& request) -> Result<void> {
+                                          return raw_server->send_response(request.reply_to.value().address,
+                                                                           test::echo_response(request));
+                                        })
+                    .has_value());
   }
 
   /// Publishes a probe until the subscriber sees one, so that its subscription is known to have
@@ -184,18 +197,8 @@ TEST_F(BusEventsTest, EventsReachTheOnlyDeliveryThreadWhileItReadsTheInbox) {
   constexpr Key kQuery{14500, 14504};
   auto publisher = endpoint(0x0042FFFE);
   auto client = endpoint(0x0019FFFE);
-  ZmqIpcOptions options;
-  options.logger = log;
-  options.delivery_threads = 1;
-  auto server = make_zmq_endpoint(kServer, "test", options);
-  ZmqIpc* raw_server = server.get();
-  ASSERT_TRUE(server
-                  ->subscribe_request(kQuery,
-                                      [raw_server](const Request& request) -> Result<void> {
-                                        return raw_server->send_response(request.reply_to.value().address,
-                                                                         test::echo_response(request));
-                                      })
-                  .has_value());
+  auto server = endpoint(kServer, 1);
+  ASSERT_NO_FATAL_FAILURE(serve_echo(server, kQuery));
   EventLog events;
   const Key key{15500, 15537};
   ASSERT_TRUE(server->subscribe_event(key, events.handler()).has_value());
@@ -226,24 +229,14 @@ TEST_F(BusEventsTest, RequestsReachTheOnlyDeliveryThreadWhileItReadsTheSubscribe
   constexpr Key kQuery{14500, 14504};
   auto publisher = endpoint(0x0042FFFE);
   auto client = endpoint(0x0019FFFE);
-  ZmqIpcOptions options;
-  options.logger = log;
-  options.delivery_threads = 1;
-  auto server = make_zmq_endpoint(kServer, "test", options);
+  auto server = endpoint(kServer, 1);
   EventLog events;
   const Key key{15500, 15537};
   ASSERT_TRUE(server->subscribe_event(key, events.handler()).has_value());
   ASSERT_TRUE(wait_for_subscription(*publisher, events, key));
   // Idle after the probes, with events subscribed and no request handler, the only delivery thread
   // waits on the subscriber, not on the queue: a request (read by the I/O thread) must wake it.
-  ZmqIpc* raw_server = server.get();
-  ASSERT_TRUE(server
-                  ->subscribe_request(kQuery,
-                                      [raw_server](const Request& request) -> Result<void> {
-                                        return raw_server->send_response(request.reply_to.value().address,
-                                                                         test::echo_response(request));
-                                      })
-                  .has_value());
+  ASSERT_NO_FATAL_FAILURE(serve_echo(server, kQuery));
   Request request;
   request.group = kQuery.group;
   request.id = kQuery.id;
