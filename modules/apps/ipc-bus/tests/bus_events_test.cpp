@@ -44,6 +44,10 @@ class BusEventsTest : public ::testing::Test {
     return make_zmq_endpoint(address, "test", options);
   }
 
+  /// The echo server of the tests with one delivery thread, and the key it answers.
+  static constexpr Address kServer = 0x0015FFFE;
+  static constexpr Key kQuery{14500, 14504};
+
   /// Answers `key` on `server` with the request's payload.
   static void serve_echo(const std::shared_ptr<ZmqIpc>& server, Key key) {
     ZmqIpc* raw_server = server.get();
@@ -193,8 +197,6 @@ TEST_F(BusEventsTest, EventsAreHandledOneAtATimeInTheOrderSent) {
 }
 
 TEST_F(BusEventsTest, EventsReachTheOnlyDeliveryThreadWhileItReadsTheInbox) {
-  constexpr Address kServer = 0x0015FFFE;
-  constexpr Key kQuery{14500, 14504};
   auto publisher = endpoint(0x0042FFFE);
   auto client = endpoint(0x0019FFFE);
   auto server = endpoint(kServer, 1);
@@ -225,8 +227,6 @@ TEST_F(BusEventsTest, EventsReachTheOnlyDeliveryThreadWhileItReadsTheInbox) {
 }
 
 TEST_F(BusEventsTest, RequestsReachTheOnlyDeliveryThreadWhileItReadsTheSubscriber) {
-  constexpr Address kServer = 0x0015FFFE;
-  constexpr Key kQuery{14500, 14504};
   auto publisher = endpoint(0x0042FFFE);
   auto client = endpoint(0x0019FFFE);
   auto server = endpoint(kServer, 1);
