@@ -164,9 +164,8 @@ ZmqIpc::Impl::Impl(Address own, std::string_view endpoint_name, const ZmqIpcOpti
 
     inbox_fd = inbox.get(zmq::sockopt::fd);
     subscriber_fd = subscriber.get(zmq::sockopt::fd);
-    for (const auto& [fd, tag] :
-         {std::pair{inbox_fd, kInboxTag}, std::pair{subscriber_fd, kSubscriberTag},
-          std::pair{wake_fd.get(), kWakeTag}}) {
+    for (const auto& [fd, tag] : {std::pair{inbox_fd, kInboxTag}, std::pair{subscriber_fd, kSubscriberTag},
+                                  std::pair{wake_fd.get(), kWakeTag}}) {
       epoll_event event{};
       event.events = EPOLLIN;
       event.data.u32 = tag;

@@ -185,12 +185,12 @@ struct ZmqIpc::Impl {
 
   // Closed by close_all once the threads are gone, after ZeroMQ's context.
   core::FileDescriptor lock_fd;
-  core::FileDescriptor wake_fd;         // wakes the I/O thread: commands queued, inbox given back with more to read
-  core::FileDescriptor reader_wake_fd;  // wakes a thread other than the I/O thread reading the inbox
+  core::FileDescriptor wake_fd;             // wakes the I/O thread: commands queued, inbox given back with more to read
+  core::FileDescriptor reader_wake_fd;      // wakes a thread other than the I/O thread reading the inbox
   core::FileDescriptor subscriber_wake_fd;  // wakes a delivery thread reading the subscriber
-  core::FileDescriptor epoll_fd;        // the I/O thread's descriptors
-  int inbox_fd = -1;                    // ZeroMQ's notification descriptor of the inbox, owned by ZeroMQ
-  int subscriber_fd = -1;               // and that of the subscriber
+  core::FileDescriptor epoll_fd;            // the I/O thread's descriptors
+  int inbox_fd = -1;                        // ZeroMQ's notification descriptor of the inbox, owned by ZeroMQ
+  int subscriber_fd = -1;                   // and that of the subscriber
   zmq::context_t context;
   zmq::socket_t inbox;       // owned by the I/O thread once it runs
   zmq::socket_t subscriber;  // owned by the I/O thread once it runs (lent to an idle delivery thread)
@@ -218,10 +218,10 @@ struct ZmqIpc::Impl {
   std::deque<std::function<void()>> parallel_queue;  // requests: any free delivery thread
   bool ordered_running = false;
   bool delivery_stopping = false;
-  detail::InboxReader inbox_reader = detail::InboxReader::Io;  // guarded by queue_mutex
+  detail::InboxReader inbox_reader = detail::InboxReader::Io;                 // guarded by queue_mutex
   detail::SubscriberReader subscriber_reader = detail::SubscriberReader::Io;  // guarded by queue_mutex
   bool subscriber_wanted = false;  // the I/O thread waits for the subscriber back; guarded by queue_mutex
-  unsigned sleeping_workers = 0;                               // delivery threads waiting on queue_ready
+  unsigned sleeping_workers = 0;   // delivery threads waiting on queue_ready
   std::atomic<unsigned> request_handler_count{0};
   std::atomic<unsigned> event_handler_count{0};
 

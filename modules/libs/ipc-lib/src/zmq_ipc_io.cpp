@@ -302,8 +302,7 @@ void ZmqIpc::Impl::on_bus_message(std::vector<zmq::message_t>& frames, std::opti
   if (keep != nullptr && !keep->has_value()) {
     // Run by the delivery thread that read it only when it would have been the next to run.
     std::lock_guard lock(queue_mutex);
-    if (!ordered_running && ordered_queue.empty() &&
-        parallel_queue.size() < options.delivery_queue_capacity) {
+    if (!ordered_running && ordered_queue.empty() && parallel_queue.size() < options.delivery_queue_capacity) {
       ordered_running = true;
       keep->emplace(std::move(event));
       return;
