@@ -46,14 +46,14 @@ const std::string kOnlyFc = "IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE ev
 
 enum class Family : std::uint8_t { Lt = 0, Lc = 1, Fc = 2 };
 
-struct BoardSpec {
+struct BoardKind {
   std::uint16_t slot;
   Family family;
 };
 
 /// One board of the crate: its rig and what the crate adds to it.
 struct CrateBoard {
-  BoardSpec spec;
+  BoardKind kind;
   std::unique_ptr<DaemonRig> rig = std::make_unique<DaemonRig>();
   int port = xpon::test::free_tcp_port();
   std::optional<xpon::test::Process> election;
@@ -61,7 +61,7 @@ struct CrateBoard {
   [[nodiscard]] std::string config_path() const { return rig->path("/etc/xpon/crate.toml"); }
   [[nodiscard]] std::string key_directory() const { return rig->path("/etc/xpon/crate-keys"); }
   [[nodiscard]] std::string address() const { return fmt::format("tcp://127.0.0.1:{}", port); }
-  [[nodiscard]] std::string slot_entry() const { return fmt::format("XPON_SLOT={}", spec.slot); }
+  [[nodiscard]] std::string slot_entry() const { return fmt::format("XPON_SLOT={}", kind.slot); }
 };
 
 class CrateSystemTest : public ::testing::Test {
@@ -69,8 +69,8 @@ class CrateSystemTest : public ::testing::Test {
   void TearDown() override {
     if (HasFailure()) {
       for (const auto& board : boards_) {
-        std::cerr << "---- slot " << board->spec.slot << " daemon:\n"
-                  << tail(board->rig->daemon_log()) << "---- slot " << board->spec.slot << " bus, emulator:\n"
+        std::cerr << "---- slot " << board->kind.slot << " daemon:\n"
+                  << tail(board->rig->daemon_log()) << "---- slot " << board->kind.slot << " bus, emulator:\n"
                   << tail(board->rig->helper_logs());
       }
     }
@@ -84,10 +84,10 @@ class CrateSystemTest : public ::testing::Test {
   /// Starts the crate with `master` as the Election Manager's master slot and waits until every
   /// daemon is ready and settled. Ends the test (skipped, or failed under CI) without FUSE.
   void start_crate(std::uint16_t master) {
-    for (const BoardSpec& spec :
-         {BoardSpec{21, Family::Fc}, BoardSpec{22, Family::Fc}, BoardSpec{5, Family::Lc}, BoardSpec{7, Family::Lt}}) {
+    for (const BoardKind& kind :
+         {BoardKind{21, Family::Fc}, BoardKind{22, Family::Fc}, BoardKind{5, Family::Lc}, BoardKind{7, Family::Lt}}) {
       auto board = std::make_unique<CrateBoard>();
-      board->spec = spec;
+      board->kind = kind;
       boards_.push_back(std::move(board));
     }
     write_master(master);
@@ -105,16 +105,16 @@ class CrateSystemTest : public ::testing::Test {
     }
     for (auto& board : boards_) {
       ASSERT_TRUE(board->rig->wait_for_notification(kReadyText, 1, 20s))
-          << "slot " << board->spec.slot << ": " << board->rig->daemon_log();
+          << "slot " << board->kind.slot << ": " << board->rig->daemon_log();
     }
     for (auto& board : boards_) {
-      ASSERT_TRUE(board->rig->wait_until_settled(1, 20s)) << "slot " << board->spec.slot;
+      ASSERT_TRUE(board->rig->wait_until_settled(1, 20s)) << "slot " << board->kind.slot;
     }
   }
 
   CrateBoard& board(std::uint16_t slot) {
     for (auto& board : boards_) {
-      if (board->spec.slot == slot) {
+      if (board->kind.slot == slot) {
         return *board;
       }
     }
@@ -159,10 +159,10 @@ class CrateSystemTest : public ::testing::Test {
 
   /// A SIGHUP restart of a settled daemon; `cycle` is the start it brings (2 for the first).
   static void restart(CrateBoard& board, std::size_t cycle) {
-    ASSERT_TRUE(board.rig->wait_until_settled(cycle - 1, 20s)) << "slot " << board.spec.slot;
+    ASSERT_TRUE(board.rig->wait_until_settled(cycle - 1, 20s)) << "slot " << board.kind.slot;
     ASSERT_TRUE(board.rig->daemon().signal(SIGHUP));
     ASSERT_TRUE(board.rig->wait_for_notification(kReadyText, cycle, 20s))
-        << "slot " << board.spec.slot << ": " << board.rig->daemon_log();
+        << "slot " << board.kind.slot << ": " << board.rig->daemon_log();
   }
 
   /// The Election Manager's master, as every stand-in of the crate follows it.
@@ -195,7 +195,7 @@ class CrateSystemTest : public ::testing::Test {
     out << fmt::format(
         "enabled = true\nslot = {}\nlisten = \"{}\"\npeers = [\n{}]\n\n[curve]\npublic_key = \"{}/board.pub\"\n"
         "secret_key = \"{}/board.key\"\n",
-        board.spec.slot, board.address(), peers, board.key_directory(), board.key_directory());
+        board.kind.slot, board.address(), peers, board.key_directory(), board.key_directory());
   }
 
   void start_board(CrateBoard& board) {
@@ -203,8 +203,8 @@ class CrateSystemTest : public ::testing::Test {
     std::string error = rig.start_bus({"--crate-config", board.config_path()});
     ASSERT_TRUE(error.empty()) << error;
     std::string skip;
-    const char* scenario = board.spec.family == Family::Fc   ? "board-fc.json"
-                           : board.spec.family == Family::Lc ? "board-lc.json"
+    const char* scenario = board.kind.family == Family::Fc   ? "board-fc.json"
+                           : board.kind.family == Family::Lc ? "board-lc.json"
                                                              : "board-lt.json";
     error = rig.start_emulator(scenario, skip);
     ASSERT_TRUE(error.empty()) << error;
@@ -212,19 +212,19 @@ class CrateSystemTest : public ::testing::Test {
       XPON_SKIP_OR_FAIL_IN_CI(skip);
       return;
     }
-    const char* product = board.spec.family == Family::Fc   ? kFcProduct
-                          : board.spec.family == Family::Lc ? kLcProduct
+    const char* product = board.kind.family == Family::Fc   ? kFcProduct
+                          : board.kind.family == Family::Lc ? kLcProduct
                                                             : kLtProduct;
     error = rig.make_factory_image(product);
     ASSERT_TRUE(error.empty()) << error;
-    if (board.spec.family == Family::Fc) {
+    if (board.kind.family == Family::Fc) {
       error = rig.make_crate_factory_image("QD7R-CRATE-14");
       ASSERT_TRUE(error.empty()) << error;
     }
     rig.write_log_config(kDebugToStderr);
     // Automatic fan control, with the board's family for it.
     const ProgramRun set =
-        rig.run_cfg({"set", "FAN", "mode=0", fmt::format("family={}", static_cast<int>(board.spec.family))});
+        rig.run_cfg({"set", "FAN", "mode=0", fmt::format("family={}", static_cast<int>(board.kind.family))});
     ASSERT_TRUE(set.end && set.end->exited_with(0)) << set.errors;
     board.election.emplace(
         std::vector<std::string>{XPON_ELECTION_STUB_PROGRAM, "--master-file", shared_.file("master-slot")},

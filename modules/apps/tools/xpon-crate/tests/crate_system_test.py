@@ -255,7 +255,7 @@ class SmallCrateTest(unittest.TestCase):
         self.status()
         self.up.kill()
         self.up.wait()
-        # The boards outlive a killed up (their own sessions); down finds them through the state file.
+        # The boards outlive a killed up (detached by setsid); down finds them through the state file.
         self.assertTrue(all(alive(pid) for pid in self.seen_pids))
         self.assertEqual(self.crate("status", status=1).stderr,
                          f"xpon-crate: no running crate in {self.dir} (its xpon-crate up, pid {self.up.pid}, has "
