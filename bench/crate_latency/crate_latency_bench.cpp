@@ -238,13 +238,10 @@ void BM_BarePubSub(benchmark::State& state) {
   const std::string address = xpon::test::loopback_tcp(xpon::test::free_tcp_port());
   publisher.bind(address);
   subscriber.connect(address);
-  wire::Header header;
-  header.kind = wire::Kind::Event;
-  header.source = 0x00420001;
-  header.address = 0x0000FFFE;
-  header.group = kMaxRate.group;
-  header.id = kMaxRate.id;
-  const auto header_bytes = wire::encode_header(header);
+  Event event;
+  event.group = kMaxRate.group;
+  event.id = kMaxRate.id;
+  const auto header_bytes = wire::encode_header(wire::event_header(0x00420001, event));
   std::uint64_t sequence = 0;
   std::vector<zmq::message_t> frames;
   const auto round = [&](bool wait) {

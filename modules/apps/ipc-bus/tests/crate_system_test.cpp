@@ -362,13 +362,7 @@ TEST_F(CrateTest, WithCurveOnlyThePeersKeysGetIn) {
   zmq::socket_t injector(context, zmq::socket_type::pub);
   injector.set(zmq::sockopt::linger, 0);
   injector.bind(test::loopback_tcp(absent_port));
-  wire::Header header;
-  header.kind = wire::Kind::Event;
-  header.source = 0x00190003;
-  header.address = 0x0000FFFE;
-  header.group = kMaxRate.group;
-  header.id = kMaxRate.id;
-  const auto header_bytes = wire::encode_header(header);
+  const auto header_bytes = wire::encode_header(wire::event_header(0x00190003, make_event(kMaxRate)));
   const auto topic = wire::encode_topic(kMaxRate);
   const std::vector<std::uint8_t> injected_payload{0x66};
 
