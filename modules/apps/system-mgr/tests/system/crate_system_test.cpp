@@ -42,6 +42,8 @@ constexpr std::array<std::uint16_t, 2> kFcSlots{21, 22};
 
 const std::string kMaxRateHandled = "Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE] | Slot ID 5";
 const std::string kMinRateHandled = "Handle IPC event [IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MIN_RATE] | Slot ID 5";
+// A poll of the temperatures logs its first sensor's line.
+const std::string kPolled = "Sensor id 0 temperature";
 const std::string kOnlyFc = "IPC_EVENT_SYSTEM_MGR__FAN_AUTO_MODE_SET_MAX_RATE event handled only FC device family";
 
 enum class Family : std::uint8_t { Lt = 0, Lc = 1, Fc = 2 };
@@ -82,7 +84,8 @@ class CrateSystemTest : public ::testing::Test {
   }
 
   /// Starts the crate with `master` as the Election Manager's master slot and waits until every
-  /// daemon is ready and settled. Ends the test (skipped, or failed under CI) without FUSE.
+  /// daemon is ready and settled, and the FC daemons have heard of the master. Ends the test (skipped, or failed under
+  /// CI) without FUSE.
   void start_crate(std::uint16_t master) {
     for (const BoardKind& kind :
          {BoardKind{21, Family::Fc}, BoardKind{22, Family::Fc}, BoardKind{5, Family::Lc}, BoardKind{7, Family::Lt}}) {
@@ -110,6 +113,22 @@ class CrateSystemTest : public ::testing::Test {
     for (auto& board : boards_) {
       ASSERT_TRUE(board->rig->wait_until_settled(1, 20s)) << "slot " << board->kind.slot;
     }
+    // The Election Manager's announcement reaches each FC daemon after its start (the bus keeps
+    // it for them), and each asks again.
+    for (const std::uint16_t slot : kFcSlots) {
+      ASSERT_TRUE(board(slot).rig->wait_for_log(mastership(master), kEventBound)) << "slot " << slot;
+    }
+  }
+
+  static std::string mastership(std::uint16_t slot) {
+    return fmt::format("Deliver mastership change: master slot {}", slot);
+  }
+
+  /// Waits for the next poll of the temperatures on that board.
+  void wait_for_next_poll(std::uint16_t slot) {
+    const std::size_t polls = count_in_log(board(slot), kPolled);
+    ASSERT_TRUE(wait_until([&] { return count_in_log(board(slot), kPolled) > polls; }, kPollBound))
+        << "slot " << slot << ": " << board(slot).rig->daemon_log();
   }
 
   CrateBoard& board(std::uint16_t slot) {
@@ -245,11 +264,8 @@ TEST_F(CrateSystemTest, AHotLineCardTakesTheMastersFanModuleTo159AndBackTo102) {
   if (IsSkipped()) {
     return;
   }
-  // The Election Manager's announcement reached the FC daemons after they started, and each asked
-  // again. An FC daemon takes itself for slot 21 whatever its slot (as designed), so with the
-  // master at 21 the board in slot 22 acts as master as well and drives the fan module it sees.
-  ASSERT_TRUE(board(21).rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
-  ASSERT_TRUE(board(22).rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
+  // An FC daemon takes itself for slot 21 whatever its slot (as designed), so with the master at
+  // 21 the board in slot 22 acts as master as well and drives the fan module it sees.
   EXPECT_EQ(module_setting(21), 102U);
   EXPECT_EQ(module_setting(22), 102U);
 
@@ -282,8 +298,6 @@ TEST_F(CrateSystemTest, NoFcBoardTouchesTheModuleUntilItIsMasterThenItsNextPollR
   if (IsSkipped()) {
     return;
   }
-  ASSERT_TRUE(board(21).rig->wait_for_log("Deliver mastership change: master slot 22", kEventBound));
-  ASSERT_TRUE(board(22).rig->wait_for_log("Deliver mastership change: master slot 22", kEventBound));
   // A marker in each FC's emulator: a board that is not master never sets the module.
   for (const std::uint16_t slot : kFcSlots) {
     ASSERT_NO_FATAL_FAILURE(patch(slot, R"({"fan_module": {"speed_setting": 120}})"));
@@ -294,15 +308,14 @@ TEST_F(CrateSystemTest, NoFcBoardTouchesTheModuleUntilItIsMasterThenItsNextPollR
   ASSERT_TRUE(board(22).rig->wait_for_log(kMaxRateHandled, kEventBound));
   // Past a poll of both FC daemons with slot 5 in their tables.
   for (const std::uint16_t slot : kFcSlots) {
-    const std::size_t polls = count_in_log(board(slot), "Sensor id 0 temperature");
-    ASSERT_TRUE(wait_until([&] { return count_in_log(board(slot), "Sensor id 0 temperature") > polls; }, kPollBound));
+    ASSERT_NO_FATAL_FAILURE(wait_for_next_poll(slot));
   }
   EXPECT_EQ(module_setting(21), 120U);
   EXPECT_EQ(module_setting(22), 120U);
 
   // Slot 21 becomes master while slot 5 still asks: each FC daemon raises the module at its next poll.
   write_master(21);
-  ASSERT_TRUE(board(21).rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
+  ASSERT_TRUE(board(21).rig->wait_for_log(mastership(21), kEventBound));
   EXPECT_TRUE(module_reaches(21, 159, kPollBound));
   EXPECT_TRUE(module_reaches(22, 159, kPollBound));
   EXPECT_EQ(count_in_log(board(21), kMaxRateHandled), 1U);
@@ -313,7 +326,6 @@ TEST_F(CrateSystemTest, TheMastersDaemonRestartedWhileASlotIsAtMaximumKeepsTheMo
   if (IsSkipped()) {
     return;
   }
-  ASSERT_TRUE(board(21).rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
   ASSERT_NO_FATAL_FAILURE(set_lc_temperature(72, 2));
   ASSERT_TRUE(module_reaches(21, 159, kEventBound)) << board(21).rig->daemon_log();
   CrateBoard& master = board(21);
@@ -323,8 +335,7 @@ TEST_F(CrateSystemTest, TheMastersDaemonRestartedWhileASlotIsAtMaximumKeepsTheMo
   ASSERT_NO_FATAL_FAILURE(restart(master, 2));
   EXPECT_TRUE(wait_until([&] { return count_in_log(master, kMaxRateHandled) == 2; }, kEventBound))
       << master.rig->daemon_log();
-  EXPECT_TRUE(
-      wait_until([&] { return count_in_log(master, "Deliver mastership change: master slot 21") >= 2; }, kEventBound));
+  EXPECT_TRUE(wait_until([&] { return count_in_log(master, mastership(21)) >= 2; }, kEventBound));
   EXPECT_EQ(module_setting(21), 159U);
 
   // Killed and started again: a new process, the same.
@@ -334,15 +345,14 @@ TEST_F(CrateSystemTest, TheMastersDaemonRestartedWhileASlotIsAtMaximumKeepsTheMo
   master.rig->start_daemon({master.slot_entry()});
   ASSERT_TRUE(master.rig->wait_for_notification(kReadyText, 3, 20s)) << master.rig->daemon_log();
   EXPECT_TRUE(master.rig->wait_for_log(kMaxRateHandled, kEventBound)) << master.rig->daemon_log();
-  EXPECT_TRUE(master.rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
+  EXPECT_TRUE(master.rig->wait_for_log(mastership(21), kEventBound));
   EXPECT_EQ(module_setting(21), 159U);
 
   // The restarted master knows slot 5 still asks: when it stops asking, the master's next poll
   // after that lowers the module. (Had the table been lost, the module would stay at 159.)
   // Its first poll ran before the mastership came back; the second one, as master, takes the
   // module to the maximum again (the setting it already has).
-  const std::string polled = "Sensor id 0 temperature";
-  ASSERT_TRUE(wait_until([&] { return count_in_log(master, polled) >= 2; }, kPollBound)) << master.rig->daemon_log();
+  ASSERT_TRUE(wait_until([&] { return count_in_log(master, kPolled) >= 2; }, kPollBound)) << master.rig->daemon_log();
   ASSERT_NO_FATAL_FAILURE(set_lc_temperature(45, 3));
   ASSERT_TRUE(master.rig->wait_for_log(kMinRateHandled, kEventBound));
   EXPECT_TRUE(module_reaches(21, 102, kPollBound)) << master.rig->daemon_log();
@@ -353,7 +363,6 @@ TEST_F(CrateSystemTest, AnLcBoardWhoseBusRestartedStillReachesTheMaster) {
   if (IsSkipped()) {
     return;
   }
-  ASSERT_TRUE(board(21).rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
   CrateBoard& lc = board(5);
   const std::string joined = fmt::format("crate: joined peer {}", lc.address());
   auto master_joined = [&] { return occurrences(board(21).rig->helper_logs(), joined); };
@@ -379,7 +388,6 @@ TEST_F(CrateSystemTest, AProcessWithoutTheCratesKeysCannotInjectARequest) {
   if (IsSkipped()) {
     return;
   }
-  ASSERT_TRUE(board(21).rig->wait_for_log("Deliver mastership change: master slot 21", kEventBound));
   // The LT board's bus goes, and an intruder with CURVE keys of its own takes its crate address.
   // The master's bus connects to it again and must take nothing.
   CrateBoard& lt = board(7);
@@ -396,13 +404,10 @@ TEST_F(CrateSystemTest, AProcessWithoutTheCratesKeysCannotInjectARequest) {
   intruder.bind(lt.address());
   // 15537 in slot 7's name, as the wire format has it.
   const auto topic_frame = ipc::wire::encode_topic(ipc::Key{15500, 15537});
-  ipc::wire::Header event;
-  event.kind = ipc::wire::Kind::Event;
-  event.source = 0x00190007;
-  event.address = 0x0000FFFE;
+  ipc::Event event;
   event.group = 15500;
   event.id = 15537;
-  const auto header = ipc::wire::encode_header(event);
+  const auto header = ipc::wire::encode_header(ipc::wire::event_header(0x00190007, event));
   const auto deadline = std::chrono::steady_clock::now() + 3s;
   while (std::chrono::steady_clock::now() < deadline) {
     intruder.send(zmq::buffer(topic_frame), zmq::send_flags::sndmore);

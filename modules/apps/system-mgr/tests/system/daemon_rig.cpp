@@ -184,7 +184,6 @@ void DaemonRig::stop_emulator() {
 std::string DaemonRig::start_bus(const std::vector<std::string>& arguments) {
   std::vector<std::string> command{XPON_IPC_BUS_PROGRAM};
   command.insert(command.end(), arguments.begin(), arguments.end());
-  bus_.reset();  // a bus stopped before is started again
   bus_.emplace(command, std::vector<std::string>{sandbox_.environment_entry()}, path("/bus.out"), path("/bus.log"));
   const bool serving = wait_until(
       [this] {
