@@ -336,14 +336,14 @@ TEST(CrateConfig, StatesAreReadAndCheckedAndTheFanRatesAreTheDefault) {
             (StateKeys{{Key{15500, 15537}, Key{15500, 15538}}, {Key{100, 1}, Key{100, 2}, Key{100, 3}}}));
   EXPECT_TRUE(parse_crate_config("states = []\n", "crate.toml").states.empty());
   const std::vector<std::pair<std::string, std::string>> bad{
-      {"states = \"15500:15537\"",
-       "crate configuration crate.toml: states must be a list of lists of \"GROUP:ID\" strings"},
-      {"states = [\"15500:15537\"]",
-       "crate configuration crate.toml: states must be a list of lists of \"GROUP:ID\" strings"},
-      {"states = [[\"15500:15537\"]]", "crate configuration crate.toml: states: a state needs at least two keys"},
-      {"states = [[\"15500:x\", \"1:2\"]]",
-       "crate configuration crate.toml: states: \"15500:x\" is not GROUP:ID (numbers up to 65535)"},
-      {"states = [[\"1:1\", \"1:2\"], [\"1:2\", \"1:3\"]]",
+      {R"(states = "15500:15537")",
+       R"(crate configuration crate.toml: states must be a list of lists of "GROUP:ID" strings)"},
+      {R"(states = ["15500:15537"])",
+       R"(crate configuration crate.toml: states must be a list of lists of "GROUP:ID" strings)"},
+      {R"(states = [["15500:15537"]])", "crate configuration crate.toml: states: a state needs at least two keys"},
+      {R"(states = [["15500:x", "1:2"]])",
+       R"(crate configuration crate.toml: states: "15500:x" is not GROUP:ID (numbers up to 65535))"},
+      {R"(states = [["1:1", "1:2"], ["1:2", "1:3"]])",
        "crate configuration crate.toml: states: 1:2 is in more than one state"},
   };
   for (const auto& [text, message] : bad) {
