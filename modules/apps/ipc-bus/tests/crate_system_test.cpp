@@ -43,7 +43,7 @@ KeyPair generate_keys(const std::string& directory) {
   const auto run = test::run_program({XPON_IPC_BUS_PATH, "--generate-keys", directory});
   EXPECT_TRUE(run.end && run.end->exited_with(0)) << run.errors;
   EXPECT_EQ(run.output, fmt::format("wrote {0}/board.pub and {0}/board.key\n", directory));
-  auto trim = [](std::string text) { return text.substr(0, text.find('\n')); };
+  auto trim = [](const std::string& text) { return text.substr(0, text.find('\n')); };
   return {directory + "/board.pub", directory + "/board.key", trim(test::read_text_file(directory + "/board.pub")),
           trim(test::read_text_file(directory + "/board.key"))};
 }
@@ -103,6 +103,7 @@ class Board {
 /// Publishes probes of `key` on `publisher` until every log has seen one; then forgets them.
 bool wait_for_route(ZmqIpc& publisher, Key key, const std::vector<EventLog*>& logs) {
   std::vector<std::size_t> before;
+  before.reserve(logs.size());
   for (const auto* log : logs) {
     before.push_back(log->probes());
   }
